@@ -1,0 +1,26 @@
+/* Compiled as C: the public header must stay plain C. The layout checks pin the record that
+ * applications read, field by field. */
+#include "qrb_thumbnail.h"
+
+#include <stddef.h>
+
+_Static_assert(THUMB_NONE == 17, "thumbnail kinds are fixed");
+_Static_assert(ITEM_DECODING_SINGLE == 6, "item states are fixed");
+_Static_assert(MEDIA_TYPE_DLNA == 6, "media types are fixed");
+_Static_assert(sizeof(((_thumb_result*)0)->szURL) == 4352, "URL field holds 4351 bytes + NUL");
+_Static_assert(offsetof(_thumb_result, pBuffer) == 4352, "buffers follow the URL");
+_Static_assert(offsetof(_thumb_result, reserved) == 4352 + 5 * sizeof(void*), "reserved word");
+_Static_assert(offsetof(_thumb_result, nBufSize) == offsetof(_thumb_result, reserved) + 4, "sizes");
+_Static_assert(offsetof(_thumb_result, width) == offsetof(_thumb_result, nBufSize) + 20, "width");
+_Static_assert(offsetof(_thumb_result, count) == offsetof(_thumb_result, width) + 12, "count");
+
+static int c_callback(int status, _thumb_result* result, void* user_data) {
+    (void)status;
+    (void)result;
+    (void)user_data;
+    return 0;
+}
+
+/* Referenced from the C++ tests so that the C translation unit is linked and its use of the
+ * callback type is checked by a C compiler. */
+qrb_thumbnail_callback qrb_c_callback_for_tests(void) { return c_callback; }

@@ -1,0 +1,237 @@
+#include "qrb_thumb_request_list.h"
+
+#include "qrb_log.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+bool CQRBThumbRequestList::Create() {
+    CQRBAutoLock lock(m_Mutex);
+    m_Queue.clear();
+    return true;
+}
+
+void CQRBThumbRequestList::Destroy() { ClearAll(); }
+
+void CQRBThumbRequestList::Insert(_stRequestedItem item) {
+    CQRBAutoLock lock(m_Mutex);
+    for (const auto& queued : m_Queue) {
+        if (queued.SameKey(item)) return;  // duplicates are dropped, whatever their state
+    }
+    m_Queue.push_back(std::move(item));
+}
+
+bool CQRBThumbRequestList::GetForSingle(bool all, _stRequestedItem* out, bool /*flag*/) {
+    if (out == nullptr) return false;
+    CQRBAutoLock lock(m_Mutex);
+    for (auto& queued : m_Queue) {
+        if (queued.state != ITEM_WAITING) continue;
+        if (!all && (queued.eThumbnailType == THUMB_VIDEO || queued.eThumbnailType == THUMB_PVR))
+            continue;
+        queued.state = ITEM_DECODING_SINGLE;
+        *out = queued;
+        return true;
+    }
+    return false;
+}
+
+bool CQRBThumbRequestList::GetForMulti(_stRequestedItem* out) {
+    if (out == nullptr) return false;
+    CQRBAutoLock lock(m_Mutex);
+    for (auto& queued : m_Queue) {
+        if (queued.state != ITEM_WAITING) continue;
+        queued.state = ITEM_DECODING;
+        *out = queued;
+        return true;
+    }
+    return false;
+}
+
+bool CQRBThumbRequestList::GetForHttpDecode(_stRequestedItem* out) {
+    if (out == nullptr) return false;
+    CQRBAutoLock lock(m_Mutex);
+    for (auto& queued : m_Queue) {
+        if (queued.state == ITEM_WAITING) {
+            queued.state = ITEM_DECODING;
+        } else if (queued.state == ITEM_DOWNLOADED) {
+            queued.state = ITEM_DECODING_DOWNLOADED;
+        } else {
+            continue;
+        }
+        *out = queued;
+        return true;
+    }
+    return false;
+}
+
+bool CQRBThumbRequestList::GetForHttpDownLoad(_stRequestedItem* out) {
+    if (out == nullptr) return false;
+    CQRBAutoLock lock(m_Mutex);
+    for (auto& queued : m_Queue) {
+        if (queued.state != ITEM_WAIT_DOWNLOAD) continue;
+        queued.state = ITEM_DOWNLOADING;
+        *out = queued;
+        return true;
+    }
+    return false;
+}
+
+void CQRBThumbRequestList::ChangeItemState(_stRequestedItem item, qrb_thumb_item_state state) {
+    CQRBAutoLock lock(m_Mutex);
+    for (auto& queued : m_Queue) {
+        if (queued.SameKey(item)) {
+            queued.state = state;
+            return;
+        }
+    }
+}
+
+void CQRBThumbRequestList::Delete(std::string url) {
+    CQRBAutoLock lock(m_Mutex);
+    m_Queue.erase(std::remove_if(m_Queue.begin(), m_Queue.end(),
+                                 [&](const _stRequestedItem& r) { return r.strURL == url; }),
+                  m_Queue.end());
+}
+
+void CQRBThumbRequestList::Delete(long long rid) {
+    CQRBAutoLock lock(m_Mutex);
+    m_Queue.erase(std::remove_if(m_Queue.begin(), m_Queue.end(),
+                                 [&](const _stRequestedItem& r) { return r.RID == rid; }),
+                  m_Queue.end());
+}
+
+void CQRBThumbRequestList::ClearAll() {
+    CQRBAutoLock lock(m_Mutex);
+    m_Queue.clear();
+}
+
+bool CQRBThumbRequestList::Contains(const _stRequestedItem& key) {
+    CQRBAutoLock lock(m_Mutex);
+    for (const auto& queued : m_Queue) {
+        if (queued.SameKey(key)) return true;
+    }
+    return false;
+}
+
+int CQRBThumbRequestList::Size() {
+    CQRBAutoLock lock(m_Mutex);
+    return static_cast<int>(m_Queue.size());
+}
+
+bool CQRBThumbRequestList::m_TakeForEvent(void* user_data, const std::string& url) {
+    for (auto it = m_Queue.begin(); it != m_Queue.end(); ++it) {
+        if (it->strURL == url && it->user_data == user_data) {
+            m_Queue.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void CQRBThumbRequestList::m_CopyURL(_thumb_result& result, const std::string& url) {
+    size_t n = std::min(url.size(), static_cast<size_t>(QRB_THUMB_URL_MAX - 1));
+    std::memcpy(result.szURL, url.data(), n);
+    result.szURL[n] = '\0';
+}
+
+bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
+                                     qrb_thumbnail_callback callback,
+                                     boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
+    CQRBAutoLock lock(m_Mutex);
+    if (!m_TakeForEvent(user_data, url)) return false;
+    if (callback == nullptr) return false;
+
+    _thumb_result result;
+    std::memset(&result, 0, sizeof(result));
+    m_CopyURL(result, url);
+
+    if (!ok) {
+        QRB_LOGD("strURL=%s, decode fail", url.c_str());
+        callback(-1, &result, user_data);
+        QRB_LOGD("callback end");
+        return true;
+    }
+
+    if (item && item->GetPreset() != nullptr) {
+        result.buffer_preset = static_cast<char*>(malloc(QRB_THUMB_PRESET_SIZE));
+        if (result.buffer_preset != nullptr) {
+            std::memcpy(result.buffer_preset, item->GetPreset(), QRB_THUMB_PRESET_SIZE);
+            QRB_LOGD("result.buffer_preset : [%s]###\n", result.buffer_preset);
+        }
+    }
+
+    if (item) {
+        const auto& images = item->GetImages();
+        // The item never holds more than five images; the bound is kept here as well.
+        const size_t n = std::min(images.size(), static_cast<size_t>(QRB_THUMB_MAX_IMAGES));
+        for (size_t i = 0; i < n; ++i) {
+            const auto& image = images[i];
+            if (!image) continue;
+            result.width = image->GetWidth();
+            result.height = image->GetHeight();
+            result.depth = image->GetDepth();
+            long long size = (image->GetWidth() != 0 || image->GetHeight() != 0)
+                                 ? static_cast<long long>(image->GetWidth()) * image->GetHeight() * 4
+                                 : image->GetBufSize();
+            if (size < 0 || size > 0x7fffffff) size = 0;
+            result.nBufSize[i] = static_cast<int>(size);
+            if (image->GetBuffer() == nullptr || size == 0) continue;
+            unsigned char* copy = static_cast<unsigned char*>(malloc(static_cast<size_t>(size)));
+            if (copy == nullptr) continue;
+            // An image whose recorded buffer is smaller than width x height x 4 (a raster of
+            // fewer bytes a pixel) is copied only as far as it goes; the rest reads as zero.
+            long long available = image->GetBufSize() > 0 ? image->GetBufSize() : size;
+            long long n_copy = std::min(size, available);
+            std::memcpy(copy, image->GetBuffer(), static_cast<size_t>(n_copy));
+            if (n_copy < size) std::memset(copy + n_copy, 0, static_cast<size_t>(size - n_copy));
+            result.pBuffer[i] = copy;
+            result.count++;
+            result.timestamp[i] = image->GetTimeStamp();
+        }
+    }
+
+    QRB_LOGD("strURL=%s", url.c_str());
+    callback(0, &result, user_data);
+    QRB_LOGD("callback end");
+    return true;
+}
+
+bool CQRBThumbRequestList::SendEventWithBuffer(void* user_data, std::string url,
+                                               qrb_thumbnail_callback callback,
+                                               boost::intrusive_ptr<CQRBThumbnailItem> item,
+                                               bool ok) {
+    CQRBAutoLock lock(m_Mutex);
+    if (!m_TakeForEvent(user_data, url)) return false;
+    if (callback == nullptr) return false;
+
+    _thumb_result result;
+    std::memset(&result, 0, sizeof(result));
+    m_CopyURL(result, url);
+
+    if (!ok) {
+        QRB_LOGD("strURL=%s, decode fail", url.c_str());
+        callback(-1, &result, user_data);
+        QRB_LOGD("callback end");
+        return true;
+    }
+
+    if (item) {
+        const std::string& data = item->GetData();
+        unsigned char* copy = static_cast<unsigned char*>(malloc(data.size() ? data.size() : 1));
+        if (copy == nullptr) {
+            QRB_LOGW("malloc fail, size=%d", static_cast<int>(data.size()));
+        } else {
+            if (!data.empty()) std::memcpy(copy, data.data(), data.size());
+            result.pBuffer[0] = copy;
+            result.nBufSize[0] = static_cast<int>(data.size());
+        }
+    }
+    result.count = 1;
+    result.bBuffer = 1;
+
+    QRB_LOGD("strURL=%s", url.c_str());
+    callback(0, &result, user_data);
+    QRB_LOGD("callback end");
+    return true;
+}

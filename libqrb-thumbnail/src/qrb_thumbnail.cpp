@@ -1,0 +1,233 @@
+#include "qrb_thumbnail_service.h"
+
+#include "qrb_log.h"
+#include "qrb_mutex.h"
+#include "qrb_system_path.h"
+#include "qrb_thumbnail_base_imp.h"
+#include "qrb_thumbnail_http_imp.h"
+#include "qrb_thumbnail_multi_imp.h"
+#include "qrb_thumbnail_single_imp.h"
+
+#include <ftw.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+std::atomic<CQRBThumbnail*> CQRBThumbnail::m_pInstance{nullptr};
+
+namespace {
+
+CQRBMutex& CreationMutex() {
+    static CQRBMutex* mutex = new CQRBMutex;  // never destroyed: guards creation at any time
+    return *mutex;
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+bool MakeDirs(const std::string& dir) {
+    std::string partial;
+    for (size_t i = 0; i < dir.size(); ++i) {
+        partial.push_back(dir[i]);
+        if ((dir[i] == '/' || i + 1 == dir.size()) && partial != "/") {
+            if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST) return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+CQRBThumbnail* CQRBThumbnail::GetInstance() {
+    CQRBThumbnail* instance = m_pInstance.load(std::memory_order_acquire);
+    if (instance != nullptr) return instance;
+    CQRBAutoLock lock(CreationMutex());
+    instance = m_pInstance.load(std::memory_order_acquire);
+    if (instance == nullptr) {
+        instance = new CQRBThumbnail;
+        instance->m_Create();
+        m_pInstance.store(instance, std::memory_order_release);
+    }
+    return instance;
+}
+
+void CQRBThumbnail::ReleaseInstance() {
+    CQRBThumbnail* instance = m_pInstance.exchange(nullptr);
+    delete instance;
+}
+
+CQRBThumbnail::CQRBThumbnail() : m_pImp{nullptr, nullptr, nullptr} {}
+
+CQRBThumbnail::~CQRBThumbnail() {
+    QRB_LOGD("~CQRBThumbnail");
+    m_Destroy();
+}
+
+void CQRBThumbnail::m_WipeVideoFolder() {
+    // Removed without a shell: the path is never interpreted by anything but the file system.
+    const std::string video = QRBSystemPath(QRB_VIDEO_DIR);
+    struct stat st;
+    int rc = 0;
+    if (lstat(video.c_str(), &st) == 0) {
+        rc = nftw(video.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    if (rc != 0) {
+        QRB_LOGW("rm %s fail,errno:%d!", QRB_VIDEO_DIR, errno);
+    } else {
+        QRB_LOGD("remove %s success.!", QRB_VIDEO_DIR);
+    }
+}
+
+void CQRBThumbnail::m_Create() {
+    m_Cache.Create();
+    if (!MakeDirs(QRBSystemPath(QRB_DATA_DIR))) {
+        QRB_LOGW("mkdir() [%s] failed.", QRB_DATA_DIR);
+    }
+    m_pImp[SLOT_SINGLE] = new CQRBThumbnailSingleImp;
+    m_pImp[SLOT_MULTI] = new CQRBThumbnailMultiImp;
+    m_pImp[SLOT_HTTP] = new CQRBThumbnailHttpImp;
+    for (int slot = 0; slot < 3; ++slot) {
+        if (!m_pImp[slot]->Create(&m_Cache)) {
+            QRB_LOGW("variant %d failed to start", slot);
+            delete m_pImp[slot];
+            m_pImp[slot] = nullptr;
+        }
+    }
+    m_WipeVideoFolder();
+}
+
+void CQRBThumbnail::m_Destroy() {
+    for (int slot = 0; slot < 3; ++slot) {
+        if (m_pImp[slot] == nullptr) continue;
+        m_pImp[slot]->Destroy();
+        delete m_pImp[slot];
+        m_pImp[slot] = nullptr;
+    }
+    m_Cache.Destroy();
+    QRB_LOGD("m_Destroy end");
+}
+
+qrb_media_thumbnail_type CQRBThumbnail::GetThumbnailType(qrb_item_media_type media,
+                                                         qrb_extend_dev_type dev) {
+    const int d = static_cast<int>(dev);
+    if (d == 103 || d == 114) return THUMB_PTP;
+    if (d == 104 || (d >= 115 && d <= 118)) return THUMB_SNS;
+    if (d == 106) return THUMB_RA;
+    const bool serial = d >= 107 && d <= 113;
+    switch (static_cast<int>(media)) {
+        case 0: return serial ? THUMB_SERIAL_VIDEO : THUMB_VIDEO;
+        case 1: return serial ? THUMB_SERIAL_PICTURE : THUMB_PICTURE;
+        case 2: return serial ? THUMB_SERIAL_MUSIC : THUMB_MUSIC;
+        case 3: return THUMB_PVR;
+        case 5: return THUMB_SCSA;
+        case 6: return THUMB_DLNA;
+        default: return THUMB_NONE;
+    }
+}
+
+int CQRBThumbnail::m_GetThumbImpType(qrb_media_thumbnail_type type) {
+    switch (static_cast<int>(type)) {
+        case 0: case 1: case 3: case 4: case 7: case 8: case 9: case 10: case 16:
+            return SLOT_MULTI;
+        case 2: case 5: case 6: case 12: case 13: case 14: case 15:
+            return SLOT_SINGLE;
+        case 11:
+            return SLOT_HTTP;
+        default:
+            return SLOT_NONE;
+    }
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBThumbnail::RequestThumbnail(_stRequestedItem item,
+                                                                        bool flag) {
+    QRB_LOGD("URL = %s, RID = %lld, eThumbnailType = %d, nOrientation = %d, width = %d, height = %d, "
+             "bUsedCache = %d, FrameCount=%d, user_data=%p, bRequestBuffer=%d",
+             item.strURL.c_str(), item.RID, static_cast<int>(item.eThumbnailType), item.nOrientation,
+             item.width, item.height, item.bUsedCache ? 1 : 0, static_cast<int>(item.FrameCount),
+             item.user_data, item.bRequestBuffer ? 1 : 0);
+    const int slot = m_GetThumbImpType(item.eThumbnailType);
+    if (slot == SLOT_NONE || m_pImp[slot] == nullptr) return nullptr;
+    return m_pImp[slot]->RequestThumbnail(std::move(item), flag);
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBThumbnail::RequestThumbnail(_stRequestItemInfo info,
+                                                                        bool flag) {
+    QRB_LOGD("URL = %s, RID = %lld, media = %d, sourcetype = %d, nOrientation = %d, width = %d, "
+             "height = %d, bUsedCache = %d, FrameCount=%d",
+             info.strURL.c_str(), info.RID, static_cast<int>(info.media),
+             static_cast<int>(info.sourcetype), info.nOrientation, info.width, info.height,
+             info.bUsedCache ? 1 : 0, static_cast<int>(info.FrameCount));
+    const qrb_media_thumbnail_type type = GetThumbnailType(info.media, info.sourcetype);
+    if (type == THUMB_NONE) return nullptr;
+    _stRequestedItem item;
+    item.strURL = info.strURL;
+    item.RID = info.RID;
+    item.eThumbnailType = type;
+    item.nOrientation = info.nOrientation;
+    item.width = info.width;
+    item.height = info.height;
+    item.callback = info.callback;
+    item.state = ITEM_WAITING;
+    item.bUsedCache = info.bUsedCache;
+    item.FrameCount = info.FrameCount;
+    item.user_data = nullptr;
+    item.bRequestBuffer = false;
+    return RequestThumbnail(std::move(item), flag);
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBThumbnail::RequestDeviceIcon(
+    std::string url, int id, qrb_device_icon_type icon, qrb_thumbnail_callback callback,
+    bool bUsedCache, bool flag) {
+    _stRequestedItem item;
+    item.strURL = std::move(url);
+    item.RID = static_cast<long long>(id);
+    item.width = 0;
+    item.height = 0;
+    item.callback = callback;
+    item.state = ITEM_WAITING;
+    item.bUsedCache = bUsedCache;
+    item.FrameCount = 1;
+    item.user_data = nullptr;
+    item.bRequestBuffer = false;
+    int slot;
+    if (icon == 0 || icon == 1) {
+        item.eThumbnailType = THUMB_RESERVED9;
+        item.nOrientation = static_cast<int>(icon);
+        slot = SLOT_MULTI;
+    } else {
+        item.eThumbnailType = THUMB_SNS;
+        item.nOrientation = 0;
+        slot = SLOT_HTTP;
+    }
+    if (m_pImp[slot] == nullptr) return nullptr;
+    return m_pImp[slot]->RequestThumbnail(std::move(item), flag);
+}
+
+void CQRBThumbnail::CancelRequest(std::string url, qrb_media_thumbnail_type type) {
+    QRB_LOGD("strURL=%s", url.c_str());
+    const int slot = m_GetThumbImpType(type);
+    if (slot == SLOT_NONE || m_pImp[slot] == nullptr) return;
+    m_pImp[slot]->CancelRequest(std::move(url));
+}
+
+void CQRBThumbnail::CancelRequest(long long rid, qrb_media_thumbnail_type type) {
+    const int slot = m_GetThumbImpType(type);
+    if (slot == SLOT_NONE || m_pImp[slot] == nullptr) return;
+    m_pImp[slot]->CancelRequest(rid);
+}
+
+void CQRBThumbnail::ClearRequestList() {
+    for (CQRBThumbnailBaseImp* imp : m_pImp) {
+        if (imp != nullptr) imp->ClearRequestList();
+    }
+}
+
+void CQRBThumbnail::ClearCache() { m_Cache.ClearAll(); }
+
+void CQRBThumbnail::StopPTPThumbDecoding(bool sync) {
+    if (m_pImp[SLOT_SINGLE] != nullptr) m_pImp[SLOT_SINGLE]->StopThumbDecoding(sync);
+}
+
+void CQRBThumbnail::StopVideoThumbDecoding(std::string url, bool sync) {
+    if (m_pImp[SLOT_SINGLE] != nullptr) m_pImp[SLOT_SINGLE]->StopVideoThumbDecoding(std::move(url), sync);
+}

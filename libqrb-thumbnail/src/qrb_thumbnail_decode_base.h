@@ -1,0 +1,34 @@
+// The contract of every worker thread a variant owns (the class name is spelled so,
+// deliberately): it is created over its variant's list and the service's cache, reports every
+// request it takes exactly once through the list's event path, and stops when asked.
+#ifndef QRB_THUMBNAIL_DECODE_BASE_H
+#define QRB_THUMBNAIL_DECODE_BASE_H
+
+#include "qrb_requested_item.h"
+#include "qrb_thread.h"
+#include "qrb_thumb_cache.h"
+#include "qrb_thumb_request_list.h"
+#include "qrb_thumbnail_item.h"
+
+#include <boost/intrusive_ptr.hpp>
+
+#include <atomic>
+
+class QRBThumbnailDecodeBsae : public CQRBThread {
+public:
+    virtual bool Create(CQRBThumbRequestList* list, CQRBThumbCache* cache);
+    virtual bool Create(int n, CQRBThumbRequestList* list, CQRBThumbCache* cache);
+    virtual bool Stop();
+    virtual bool m_SendDoneEvent(const _stRequestedItem* req,
+                                 boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok);
+    virtual bool m_SendEventWithBuffer(const _stRequestedItem* req,
+                                       boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok);
+
+protected:
+    // Written by the controlling thread, read by the worker between requests.
+    std::atomic<bool> m_bStop{false};
+    CQRBThumbRequestList* m_pList = nullptr;
+    CQRBThumbCache* m_pCache = nullptr;
+};
+
+#endif

@@ -1,0 +1,19 @@
+#include "qrb_thumbnail_getter_factory.h"
+
+#include "qrb_log.h"
+
+CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
+    static CQRBThumbnailGetterFactroy instance;  // thread-safe initialisation
+    return &instance;
+}
+
+CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
+    qrb_media_thumbnail_type type) {
+    switch (type) {
+        // Video kinds (2, 15) are served by the video decoder threads, the reserved kinds by
+        // nobody. The getters of the other kinds are added here as they are built.
+        default:
+            QRB_LOGD("no getter for thumbnail type %d", static_cast<int>(type));
+            return nullptr;
+    }
+}

@@ -1,0 +1,108 @@
+#include "qrb_test_callbacks.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+
+namespace qrbtest {
+
+namespace {
+// Tag pointers point into a recorder's m_Tags; this registry maps them back.
+std::mutex g_registryMutex;
+std::map<const void*, CallbackRecorder*> g_registry;
+constexpr int kTags = 65536;
+}  // namespace
+
+CallbackRecorder::CallbackRecorder() : m_Tags(kTags) {
+    std::lock_guard<std::mutex> lock(g_registryMutex);
+    g_registry[m_Tags.data()] = this;
+}
+
+CallbackRecorder::~CallbackRecorder() {
+    std::lock_guard<std::mutex> lock(g_registryMutex);
+    g_registry.erase(m_Tags.data());
+}
+
+void* CallbackRecorder::Tag(int i) {
+    if (i < 0 || i >= kTags) throw std::out_of_range("tag");
+    return &m_Tags[static_cast<size_t>(i)];
+}
+
+int CallbackRecorder::Callback(int status, _thumb_result* result, void* user_data) {
+    CallbackRecorder* owner = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(g_registryMutex);
+        auto it = g_registry.upper_bound(user_data);
+        if (it != g_registry.begin()) {
+            --it;
+            const char* base = static_cast<const char*>(it->first);
+            const char* p = static_cast<const char*>(user_data);
+            if (p >= base && p < base + kTags) owner = it->second;
+        }
+    }
+    if (owner != nullptr) {
+        owner->m_Record(status, result, user_data);
+    } else if (result != nullptr) {
+        for (auto* buffer : result->pBuffer) free(buffer);
+        free(result->buffer_preset);
+    }
+    return 0;
+}
+
+void CallbackRecorder::m_Record(int status, _thumb_result* result, void* user_data) {
+    RecordedResult r;
+    r.status = status;
+    r.user_data = user_data;
+    if (result != nullptr) {
+        r.url.assign(result->szURL, strnlen(result->szURL, sizeof(result->szURL)));
+        r.width = result->width;
+        r.height = result->height;
+        r.depth = result->depth;
+        r.count = result->count;
+        r.bBuffer = result->bBuffer;
+        for (int i = 0; i < QRB_THUMB_MAX_IMAGES; ++i) {
+            r.sizes.push_back(result->nBufSize[i]);
+            r.timestamps.push_back(result->timestamp[i]);
+            if (result->pBuffer[i] != nullptr) {
+                r.buffers.emplace_back(reinterpret_cast<char*>(result->pBuffer[i]),
+                                       static_cast<size_t>(result->nBufSize[i]));
+                free(result->pBuffer[i]);
+            } else {
+                r.buffers.emplace_back();
+            }
+        }
+        if (result->buffer_preset != nullptr) {
+            r.hadPreset = true;
+            r.preset.assign(result->buffer_preset, strnlen(result->buffer_preset, QRB_THUMB_PRESET_SIZE));
+            free(result->buffer_preset);
+        }
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    m_Results.push_back(std::move(r));
+    m_Cond.notify_all();
+}
+
+bool CallbackRecorder::WaitForCount(size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    return m_Cond.wait_for(lock, timeout, [&] { return m_Results.size() >= n; });
+}
+
+size_t CallbackRecorder::Count() const {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_Results.size();
+}
+
+std::vector<RecordedResult> CallbackRecorder::Results() const {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_Results;
+}
+
+std::map<void*, int> CallbackRecorder::PerUser() const {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::map<void*, int> counts;
+    for (const auto& r : m_Results) counts[r.user_data]++;
+    return counts;
+}
+
+}  // namespace qrbtest

@@ -1,0 +1,59 @@
+// Records the callbacks of the C interface: status, URL, images (copied, then the library's
+// buffers are freed as an application must), per user pointer; tests wait on the count.
+#ifndef QRB_TESTING_CALLBACKS_H
+#define QRB_TESTING_CALLBACKS_H
+
+#include "qrb_thumbnail.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qrbtest {
+
+struct RecordedResult {
+    int status = 0;
+    void* user_data = nullptr;
+    std::string url;
+    int width = 0;
+    int height = 0;
+    int depth = 0;
+    int count = 0;
+    int bBuffer = 0;
+    std::vector<std::string> buffers;  // one per slot; empty for a null slot
+    std::vector<int> sizes;
+    std::vector<long long> timestamps;
+    std::string preset;  // empty when buffer_preset was null
+    bool hadPreset = false;
+};
+
+class CallbackRecorder {
+public:
+    CallbackRecorder();
+    ~CallbackRecorder();
+    // The callback to hand the library; user_data must be a pointer whose owner is this
+    // recorder (Tag(i) gives distinct ones) or any pointer registered with Register.
+    static int Callback(int status, _thumb_result* result, void* user_data);
+    // A distinct user pointer routed to this recorder.
+    void* Tag(int i);
+
+    bool WaitForCount(size_t n, std::chrono::milliseconds timeout) const;
+    size_t Count() const;
+    std::vector<RecordedResult> Results() const;
+    // Callbacks delivered per user pointer.
+    std::map<void*, int> PerUser() const;
+
+private:
+    void m_Record(int status, _thumb_result* result, void* user_data);
+    mutable std::mutex m_Mutex;
+    mutable std::condition_variable m_Cond;
+    std::vector<RecordedResult> m_Results;
+    std::vector<char> m_Tags;
+};
+
+}  // namespace qrbtest
+
+#endif
