@@ -17,3 +17,11 @@ CQRBThumbnailGetter* CQRBThumbFlyWeightFactroy::GetFlyWeight(qrb_media_thumbnail
     }
     return m_Getters[index].get();
 }
+
+void CQRBThumbFlyWeightFactroy::Install(qrb_media_thumbnail_type type,
+                                       std::unique_ptr<CQRBThumbnailGetter> getter) {
+    const int index = static_cast<int>(type);
+    if (index < 0 || index >= kKinds) return;
+    CQRBAutoLock lock(m_Mutex);
+    m_Getters[index] = std::move(getter);
+}

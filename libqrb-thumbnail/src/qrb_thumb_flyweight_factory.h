@@ -15,6 +15,10 @@ public:
     // The shared getter of type, made on first use; null for a type above 16 or without one
     // (a null is asked for again next time).
     CQRBThumbnailGetter* GetFlyWeight(qrb_media_thumbnail_type type);
+    // Installs a program's own getter for a kind, replacing the shared one (null puts the
+    // factory's back on the next request). Tests use it for the reserved kinds; it must not
+    // race with workers using the getter it replaces.
+    void Install(qrb_media_thumbnail_type type, std::unique_ptr<CQRBThumbnailGetter> getter);
 
 private:
     CQRBThumbFlyWeightFactroy() = default;
