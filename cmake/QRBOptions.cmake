@@ -10,3 +10,10 @@ elseif(QRB_SANITIZE STREQUAL "thread")
 elseif(NOT QRB_SANITIZE STREQUAL "")
   message(FATAL_ERROR "QRB_SANITIZE must be empty, address or thread")
 endif()
+
+if(QRB_FUZZ)
+  # Everything is instrumented for coverage and checked by ASan; the fuzz targets add the
+  # libFuzzer driver (fuzz/CMakeLists.txt).
+  add_compile_options(-fsanitize=fuzzer-no-link,address)
+  add_link_options(-fsanitize=address)
+endif()

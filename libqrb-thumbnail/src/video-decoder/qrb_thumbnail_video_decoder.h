@@ -2,7 +2,12 @@
 // one request at a time (GetForSingle with all kinds), grabs frames spread over a video's
 // duration through the media decoding table, keeps five-frame results in a video MTA file, and
 // hands recordings, PTP and RA requests to the extractor. Every request it takes gets exactly
-// one event; kinds it does not serve get status -1.
+// one event; kinds it does not serve (the serial picture, music and video kinds among them) get
+// status -1.
+//
+// Threads: the constructor binds the process-wide media decoding table on the constructing
+// thread; everything else but Stop and Destroy runs on the worker thread. Stop only waits for
+// the request being served; Destroy ends and joins the thread.
 #ifndef QRB_THUMBNAIL_VIDEO_DECODER_H
 #define QRB_THUMBNAIL_VIDEO_DECODER_H
 
@@ -25,46 +30,71 @@ public:
                                   long long timestamp, int width, int height, void* user,
                                   boost::intrusive_ptr<CQRBThumbnailItem> item);
 
+    // Binds the media decoding table; never fails.
     CQRBThumbnailVideoDecoder();
     ~CQRBThumbnailVideoDecoder() override;
 
     using QRBThumbnailDecodeBsae::Create;
-    // Returns false (the spec's 0) for a null list or cache; otherwise the thread start's result.
+    // False for a null list or cache; otherwise the thread start's result.
     bool Create(int n, CQRBThumbRequestList* list, CQRBThumbCache* cache) override;
-    // Waits (10 ms polls) until the request being served is finished.
+    // Waits (10 ms polls) until the request being served is finished; does not stop the thread.
     bool Stop() override;
     void Destroy() override;
     void t_Process() override;
 
+    // Makes the frames of one video, through callback (with user) into item.
     bool Extract(_stRequestedItem request, boost::intrusive_ptr<CQRBThumbnailItem> item,
                  FrameCallback callback, void* user);
+    // The frame grabber over the media decoding table.
     bool m_GetFrameFromArcplayer(_stRequestedItem& request,
                                  boost::intrusive_ptr<CQRBThumbnailItem> item,
                                  FrameCallback callback, void* user);
+    // A second grabber calling FFmpeg directly; the worker does not use it. It arrives together
+    // with the grabber's decoding loop and is not defined yet.
     bool m_GetFrame(AVFormatContext* context, int frameCount, int width, int height,
                     FrameCallback callback, _stRequestedItem& request,
                     boost::intrusive_ptr<CQRBThumbnailItem> item, void* user);
+    // Opens a local file only (the file protocol, common video containers, no playlists).
     bool m_FFMpegInit(const char* url, AVFormatContext** context);
     bool m_FFMpegDeInit(AVFormatContext** context);
 
+    // One grabbed frame: argb (malloc'ed, width x height x 4 bytes) belongs to the callback from
+    // the call on, whatever it answers — it becomes the image's buffer or is freed. A preset text
+    // is copied into the item. The image is centre-cropped to the requested size when it covers
+    // it. True when the frame was added to the item (an item holds at most five).
     static bool Video_Complete_Cb(_stRequestedItem request, unsigned char* argb, char* preset,
                                   long long timestamp, int width, int height, void* user,
                                   boost::intrusive_ptr<CQRBThumbnailItem> item);
 
+    // The video MTA file ("video/" + media id + ".mta"), in qrb_thumbnail_video_mta.cpp. A failed
+    // write leaves no file; the reader checks every size against the file before allocating.
     bool m_WriteVideoMtaFile(std::string& path, boost::intrusive_ptr<CQRBThumbnailItem>& item);
     bool m_ParseVideoMtaFile(_stRequestedItem& request, std::string mediaId,
                              boost::intrusive_ptr<CQRBThumbnailItem>& item);
+    static std::string m_VideoMtaPath(const std::string& mediaId);
+
+    // True when the DRM library can open the file as a protected one.
     bool m_CheckDrm(const char* path);
     bool m_IsFileExist(const char* path);
     bool m_WriteFlashFile(const char* path, const char* data, int size);
     static uint32_t m_TimeTick();
 
+    // Splits a video URL at ";": exactly two parts give a media id and a path; anything else
+    // leaves the media id empty and the whole URL as the path. A media id that would leave the
+    // video folder (one holding a "/") is dropped.
+    static void m_SplitVideoURL(const std::string& url, std::string* mediaId, std::string* path);
+
     bool MediaDecodingReady() const { return m_bMediaReady != 0; }
     bool Busy() const { return m_bBusy.load(); }
 
 private:
-    // Serves one request taken from the list and sends its one event.
-    void m_Serve(_stRequestedItem& request);
+    // Serves one request; the caller sends its one event with the item and the answer.
+    bool m_Serve(const _stRequestedItem& request, boost::intrusive_ptr<CQRBThumbnailItem>& item);
+    bool m_ServeVideo(const _stRequestedItem& request,
+                      boost::intrusive_ptr<CQRBThumbnailItem>& item);
+    bool m_FindInCache(const _stRequestedItem& request,
+                       boost::intrusive_ptr<CQRBThumbnailItem>& item);
+    void m_MakeVideoFolder();
 
     std::unique_ptr<CQRBThumbnailExtractor> m_pExtractor;
     _stRequestedItem m_CurrentRequest;

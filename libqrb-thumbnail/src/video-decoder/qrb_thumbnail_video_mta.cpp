@@ -1,0 +1,312 @@
+// The video MTA file: the frames of a five-frame request in raw form, so that they need not be
+// decoded again. All integers are unsigned 32-bit little-endian:
+//
+//   "FSmta\0"                         header
+//   'F' 'W' width                     of the first image
+//   'F' 'H' height
+//   'F' 'D' depth                     bytes a pixel
+//   'F' 'C' count 0 0                 number of images
+//   'F' '0'+i timestamp pixels        per frame: the timestamp's low 32 bits, W x H x D bytes
+//   'F' 'E'                           trailer (written, never read)
+//
+// The file is read back from a folder that other programs can write to, so the reader trusts
+// nothing: every size is checked against the file before anything is allocated.
+#include "qrb_thumbnail_video_decoder.h"
+
+#include "qrb_log.h"
+#include "qrb_scoped.h"
+#include "qrb_system_path.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Limits of the reader, and of what the writer agrees to store. A thumbnail frame is far
+// smaller than 10000 x 10000; ten bytes a pixel covers every raster the library makes; an item
+// has five image slots, so a sixth frame could never be delivered.
+constexpr uint32_t kMaxSide = 10000;
+constexpr uint32_t kMaxDepth = 10;
+constexpr uint32_t kMaxFrames = QRB_THUMB_MAX_IMAGES;
+
+constexpr size_t kHeaderBytes = 6 + 6 + 6 + 6 + 8;  // header, FW, FH, FD, FC
+constexpr size_t kFrameHeadBytes = 2 + 4;           // marker, timestamp
+
+const unsigned char kMagic[6] = {'F', 'S', 'm', 't', 'a', 0};
+
+void CloseStdioFile(FILE* file) { std::fclose(file); }
+using ScopedStdioFile = QRBScoped<FILE, CloseStdioFile>;
+
+using PixelBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
+
+bool SizeStorable(uint32_t width, uint32_t height, uint32_t depth) {
+    return width >= 1 && width <= kMaxSide && height >= 1 && height <= kMaxSide && depth >= 1 &&
+           depth <= kMaxDepth;
+}
+
+void PutU32(unsigned char* out, uint32_t value) {
+    out[0] = static_cast<unsigned char>(value);
+    out[1] = static_cast<unsigned char>(value >> 8);
+    out[2] = static_cast<unsigned char>(value >> 16);
+    out[3] = static_cast<unsigned char>(value >> 24);
+}
+
+uint32_t GetU32(const unsigned char* in) {
+    return static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
+           (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
+}
+
+// Removes the temporary file unless it was renamed into place.
+class TempFileGuard {
+public:
+    explicit TempFileGuard(std::string path) : m_Path(std::move(path)) {}
+    ~TempFileGuard() {
+        if (!m_Committed) unlink(m_Path.c_str());
+    }
+    TempFileGuard(const TempFileGuard&) = delete;
+    TempFileGuard& operator=(const TempFileGuard&) = delete;
+    void Commit() { m_Committed = true; }
+
+private:
+    std::string m_Path;
+    bool m_Committed = false;
+};
+
+std::string TempNameFor(const std::string& path) {
+    static std::atomic<unsigned> counter{0};
+    char suffix[48];
+    std::snprintf(suffix, sizeof(suffix), ".%d.%u.tmp", static_cast<int>(getpid()), counter++);
+    return path + suffix;
+}
+
+class MtaWriter {
+public:
+    explicit MtaWriter(FILE* file) : m_File(file) {}
+    bool Bytes(const void* data, size_t n) { return std::fwrite(data, 1, n, m_File) == n; }
+    bool Record(char a, char b, uint32_t value) {
+        unsigned char record[6] = {static_cast<unsigned char>(a), static_cast<unsigned char>(b)};
+        PutU32(record + 2, value);
+        return Bytes(record, sizeof(record));
+    }
+
+private:
+    FILE* m_File;
+};
+
+}  // namespace
+
+std::string CQRBThumbnailVideoDecoder::m_VideoMtaPath(const std::string& mediaId) {
+    return QRBSystemPath(QRB_VIDEO_DIR) + mediaId + ".mta";
+}
+
+bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
+                                                    boost::intrusive_ptr<CQRBThumbnailItem>& item) {
+    QRB_LOGD("begin m_WriteVideoMtaFile");
+    if (!item) {
+        QRB_LOGW("pItem:[%p].\n", static_cast<void*>(item.get()));
+        return false;
+    }
+    const auto& images = item->GetImages();
+    if (images.empty()) {
+        QRB_LOGW("there is no thumbnail to be saved.\n");
+        return false;
+    }
+    if (!images[0]) {
+        QRB_LOGW("m_ThumbVector[0] pImage NULL.\n");
+        return false;
+    }
+    const int w = images[0]->GetWidth();
+    const int h = images[0]->GetHeight();
+    const int d = images[0]->GetDepth();
+    if (w <= 0 || h <= 0 || d <= 0 ||
+        !SizeStorable(static_cast<uint32_t>(w), static_cast<uint32_t>(h),
+                      static_cast<uint32_t>(d))) {
+        QRB_LOGW("image size %dx%dx%d cannot be stored\n", w, h, d);
+        return false;
+    }
+    // Every frame is written with the first image's size, so every image must have that size
+    // and hold that many bytes; anything else would be read past its end.
+    const size_t frameBytes =
+        static_cast<size_t>(w) * static_cast<size_t>(h) * static_cast<size_t>(d);
+    for (const auto& image : images) {
+        if (!image || image->GetBuffer() == nullptr) continue;
+        if (image->GetWidth() != w || image->GetHeight() != h || image->GetDepth() != d ||
+            (image->GetBufSize() > 0 && static_cast<size_t>(image->GetBufSize()) < frameBytes)) {
+            QRB_LOGW("images of different sizes cannot be stored together\n");
+            return false;
+        }
+    }
+
+    // Written under a fresh name and renamed into place: a reader never sees half a file, a
+    // failure leaves nothing behind, and a link planted at either name is never followed.
+    const std::string temp = TempNameFor(path);
+    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        QRB_LOGW("Failed to create %s  file.\n", path.c_str());
+        return false;
+    }
+    TempFileGuard guard(temp);
+    ScopedStdioFile file(fdopen(fd, "wb"));
+    if (!file) {
+        close(fd);
+        QRB_LOGW("Failed to create %s  file.\n", path.c_str());
+        return false;
+    }
+
+    MtaWriter out(file.get());
+    const unsigned char countTail[2] = {0, 0};
+    bool ok = out.Bytes(kMagic, sizeof(kMagic)) && out.Record('F', 'W', static_cast<uint32_t>(w)) &&
+              out.Record('F', 'H', static_cast<uint32_t>(h)) &&
+              out.Record('F', 'D', static_cast<uint32_t>(d)) &&
+              out.Record('F', 'C', static_cast<uint32_t>(images.size())) &&
+              out.Bytes(countTail, sizeof(countTail));
+    for (size_t i = 0; ok && i < images.size(); ++i) {
+        const unsigned char marker[2] = {'F', static_cast<unsigned char>('0' + i)};
+        ok = out.Bytes(marker, sizeof(marker));
+        // A missing image leaves only its marker; the reader then rejects the file, as it
+        // should, since the frame cannot be restored.
+        if (!ok || !images[i] || images[i]->GetBuffer() == nullptr) continue;
+        unsigned char stamp[4];
+        PutU32(stamp,
+               static_cast<uint32_t>(static_cast<unsigned long long>(images[i]->GetTimeStamp())));
+        ok = out.Bytes(stamp, sizeof(stamp)) && out.Bytes(images[i]->GetBuffer(), frameBytes);
+    }
+    const unsigned char trailer[2] = {'F', 'E'};
+    ok = ok && out.Bytes(trailer, sizeof(trailer));
+    ok = ok && std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
+    if (!ok) {
+        QRB_LOGW("write %s fail\n", path.c_str());
+        return false;
+    }
+    if (std::fclose(file.release()) != 0) {
+        QRB_LOGW("write %s fail\n", path.c_str());
+        return false;
+    }
+    if (rename(temp.c_str(), path.c_str()) != 0) {
+        QRB_LOGW("rename to %s fail, errno:%d\n", path.c_str(), errno);
+        return false;
+    }
+    guard.Commit();
+    QRB_LOGD("m_WriteVideoMtaFile end");
+    return true;
+}
+
+bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, std::string mediaId,
+                                                    boost::intrusive_ptr<CQRBThumbnailItem>& item) {
+    if (!item) return false;
+    if (mediaId.empty()) {
+        QRB_LOGW("media id empty!!\n");
+        return false;
+    }
+    const std::string path = m_VideoMtaPath(mediaId);
+    // Only a regular file, never through a link, and never blocking on a planted FIFO.
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        fd = -1;
+    }
+    ScopedStdioFile file(fd >= 0 ? fdopen(fd, "rb") : nullptr);
+    if (!file) {
+        if (fd >= 0) close(fd);
+        QRB_LOGW("open %s fail\n", path.c_str());
+        return false;
+    }
+
+    unsigned char head[kHeaderBytes];
+    if (std::fread(head, 1, sizeof(head), file.get()) != sizeof(head)) {
+        QRB_LOGW("mta file %s too short\n", path.c_str());
+        return false;
+    }
+    if (std::memcmp(head, kMagic, sizeof(kMagic)) != 0) {
+        QRB_LOGW("mta header mismatch\n");
+        return false;
+    }
+    const unsigned char* fields = head + sizeof(kMagic);
+    const char letters[4] = {'W', 'H', 'D', 'C'};
+    for (int k = 0; k < 4; ++k) {
+        if (fields[k * 6] != 'F' || fields[k * 6 + 1] != letters[k]) {
+            QRB_LOGW("mta record F%c mismatch\n", letters[k]);
+            return false;
+        }
+    }
+    if (fields[24] != 0 || fields[25] != 0) {  // the two bytes after the count
+        QRB_LOGW("mta record FC mismatch\n");
+        return false;
+    }
+    const uint32_t width = GetU32(fields + 2);
+    const uint32_t height = GetU32(fields + 6 + 2);
+    const uint32_t depth = GetU32(fields + 12 + 2);
+    const uint32_t count = GetU32(fields + 18 + 2);
+    QRB_LOGD("image_width=%d, image_height=%d, image_depth=%d, frame_count=%d",
+             static_cast<int>(width), static_cast<int>(height), static_cast<int>(depth),
+             static_cast<int>(count));
+    if (!SizeStorable(width, height, depth) || count < 1 || count > kMaxFrames) {
+        QRB_LOGW("get width, height, depth, count fail");
+        return false;
+    }
+
+    // At most 5 x (6 + 10^9) bytes: no overflow in 64 bits, and nothing is allocated before the
+    // file is known to hold every frame it announces.
+    const unsigned long long frameBytes = static_cast<unsigned long long>(width) * height * depth;
+    const unsigned long long needed = kHeaderBytes + count * (kFrameHeadBytes + frameBytes);
+    if (static_cast<unsigned long long>(st.st_size) < needed) {
+        QRB_LOGW("mta file size %lld is less than %llu for %d frames of %dx%dx%d\n",
+                 static_cast<long long>(st.st_size), needed, static_cast<int>(count),
+                 static_cast<int>(width), static_cast<int>(height), static_cast<int>(depth));
+        return false;
+    }
+
+    std::vector<PixelBuffer> buffers;
+    std::vector<long long> stamps;
+    for (uint32_t i = 0; i < count; ++i) {
+        unsigned char frameHead[kFrameHeadBytes];
+        if (std::fread(frameHead, 1, sizeof(frameHead), file.get()) != sizeof(frameHead)) {
+            QRB_LOGW("read frame[%d] fail\n", static_cast<int>(i));
+            return false;
+        }
+        if (frameHead[0] != 'F' || frameHead[1] != static_cast<unsigned char>('0' + i)) {
+            QRB_LOGW("frame[%d] marker mismatch\n", static_cast<int>(i));
+            return false;
+        }
+        // The low 32 bits of the timestamp, read back as a signed value.
+        stamps.push_back(static_cast<long long>(static_cast<int32_t>(GetU32(frameHead + 2))));
+        PixelBuffer pixels(static_cast<unsigned char*>(std::malloc(frameBytes)), &std::free);
+        if (!pixels) {
+            QRB_LOGW("malloc fail, size=%llu\n", frameBytes);
+            return false;
+        }
+        if (std::fread(pixels.get(), 1, frameBytes, file.get()) != frameBytes) {
+            QRB_LOGW("read frame[%d] fail\n", static_cast<int>(i));
+            return false;
+        }
+        buffers.push_back(std::move(pixels));
+    }
+
+    bool added = true;
+    for (uint32_t i = 0; i < count; ++i) {
+        boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
+        image->Create(width, height, depth, static_cast<long>(width) * 4, buffers[i].release(),
+                      stamps[i]);
+        // The event path copies no more than this from the buffer.
+        image->SetBufSize(static_cast<long>(frameBytes));
+        added = item->AddImage(image) && added;
+    }
+    if (item->GetImageCount() > 0) {
+        item->SetRID(request.RID);
+        item->SetThumbnailType(request.eThumbnailType);
+        item->SetURL(request.strURL);
+        item->SetUsedCache(request.bUsedCache);
+        QRB_LOGD("parse mta success");
+    }
+    return added;
+}
