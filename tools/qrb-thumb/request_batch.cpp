@@ -1,0 +1,111 @@
+#include "request_batch.h"
+
+namespace qrbthumb {
+
+RequestBatch::RequestBatch(size_t inputs) : m_Slots(new Slot[inputs]), m_Count(inputs) {
+    for (size_t i = 0; i < inputs; ++i) m_Slots[i].owner = this;
+}
+
+void RequestBatch::Post(size_t index, const std::string& url, Route route,
+                        const RequestParams& params) {
+    if (index >= m_Count) return;
+    Slot* slot = &m_Slots[index];
+    {
+        // Recorded before the call: the answer may arrive before thumbnail_request_* returns.
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        if (slot->posted) return;
+        slot->posted = true;
+        slot->postedAt = std::chrono::steady_clock::now();
+        ++m_Posted;
+    }
+    auto post = params.encoded ? thumbnail_request_http_buffer_async : thumbnail_request_async;
+    post(url.c_str(), route.media, route.dev, 0, params.width, params.height,
+         params.useCache ? 1 : 0, static_cast<unsigned char>(params.frames),
+         &RequestBatch::Callback, slot);
+}
+
+int RequestBatch::Callback(int status, _thumb_result* result, void* user_data) {
+    if (result == nullptr) return 0;
+    // Owned from here on, so that every path below frees them.
+    LibraryBuffer buffers[QRB_THUMB_MAX_IMAGES];
+    for (int i = 0; i < QRB_THUMB_MAX_IMAGES; ++i) buffers[i].reset(result->pBuffer[i]);
+    LibraryBuffer preset(reinterpret_cast<unsigned char*>(result->buffer_preset));
+    Slot* slot = static_cast<Slot*>(user_data);
+    if (slot == nullptr || slot->owner == nullptr) return 0;
+    // No exception may unwind into the library's worker.
+    try {
+        slot->owner->m_Deliver(slot, status, result, buffers);
+    } catch (...) {
+    }
+    return 0;
+}
+
+void RequestBatch::m_Deliver(Slot* slot, int status, _thumb_result* result,
+                             LibraryBuffer* buffers) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Closed || !slot->posted || slot->answer.answered) return;
+    Answer& answer = slot->answer;
+    answer.answered = true;
+    answer.status = status;
+    answer.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - slot->postedAt);
+    if (status == 0) {
+        answer.encoded = result->bBuffer != 0;
+        answer.width = result->width;
+        answer.height = result->height;
+        for (int i = 0; i < QRB_THUMB_MAX_IMAGES; ++i) {
+            if (!buffers[i]) continue;
+            DeliveredImage image;
+            image.size = result->nBufSize[i] > 0 ? static_cast<size_t>(result->nBufSize[i]) : 0;
+            image.timestamp = result->timestamp[i];
+            image.slot = i;
+            image.bytes = std::move(buffers[i]);
+            answer.images.push_back(std::move(image));
+        }
+    }
+    ++m_Answered;
+    if (status != 0) ++m_Failed;
+    m_Cond.notify_all();
+}
+
+bool RequestBatch::Wait(std::chrono::steady_clock::time_point deadline,
+                        const ProgressFn& onProgress) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    size_t shown = static_cast<size_t>(-1);
+    for (;;) {
+        if (m_Answered != shown && onProgress) {
+            shown = m_Answered;
+            const size_t failed = m_Failed;
+            lock.unlock();
+            onProgress(shown, failed);
+            lock.lock();
+            continue;
+        }
+        if (m_Answered >= m_Posted) return true;
+        if (m_Cond.wait_until(lock, deadline) == std::cv_status::timeout) {
+            return m_Answered >= m_Posted;
+        }
+    }
+}
+
+void RequestBatch::Close() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Closed) return;
+    m_Closed = true;
+    const auto now = std::chrono::steady_clock::now();
+    for (size_t i = 0; i < m_Count; ++i) {
+        Slot& slot = m_Slots[i];
+        if (slot.posted && !slot.answer.answered) {
+            slot.answer.elapsed =
+                std::chrono::duration_cast<std::chrono::milliseconds>(now - slot.postedAt);
+        }
+    }
+}
+
+Answer RequestBatch::Take(size_t index) {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (index >= m_Count) return Answer();
+    return std::move(m_Slots[index].answer);
+}
+
+}  // namespace qrbthumb

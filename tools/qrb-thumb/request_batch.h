@@ -1,0 +1,107 @@
+// Posts one asynchronous request per input and collects the answers.
+//
+// Each input gets its own slot, whose address is the request's user pointer, so that two
+// inputs naming the same item are two requests and every answer finds its input. The callback
+// runs on a library worker with that request's queue locked: it only takes ownership of the
+// buffers and signals the waiting thread. This class never calls the library while holding its
+// own mutex, so the two locks are never taken in opposite orders.
+//
+// The batch must outlive thumbnail_finalize: a request that is being worked on when the tool
+// gives up is still answered while the library shuts down. After Close, such late answers are
+// dropped and their buffers freed.
+#ifndef QRB_THUMB_TOOL_REQUEST_BATCH_H
+#define QRB_THUMB_TOOL_REQUEST_BATCH_H
+
+#include "media_kind.h"
+#include "qrb_thumbnail.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qrbthumb {
+
+// A buffer the library allocated with malloc and handed to the application.
+struct FreeLibraryBuffer {
+    void operator()(void* p) const noexcept { std::free(p); }
+};
+using LibraryBuffer = std::unique_ptr<unsigned char, FreeLibraryBuffer>;
+
+struct DeliveredImage {
+    LibraryBuffer bytes;
+    size_t size = 0;
+    long long timestamp = 0;
+    int slot = 0;  // index in the result record (slots the library skipped stay missing)
+};
+
+struct Answer {
+    bool answered = false;
+    int status = -1;
+    bool encoded = false;  // the first image holds the item's encoded bytes, not a raster
+    int width = 0;         // of the last image delivered
+    int height = 0;
+    std::vector<DeliveredImage> images;
+    std::chrono::milliseconds elapsed{0};  // post to answer, or post to giving up
+};
+
+struct RequestParams {
+    int width = 0;
+    int height = 0;
+    int frames = 1;
+    bool useCache = false;
+    bool encoded = false;  // thumbnail_request_http_buffer_async instead of ..._async
+};
+
+class RequestBatch {
+public:
+    explicit RequestBatch(size_t inputs);
+    RequestBatch(const RequestBatch&) = delete;
+    RequestBatch& operator=(const RequestBatch&) = delete;
+
+    // Posts the request of input `index` (each index once).
+    void Post(size_t index, const std::string& url, Route route, const RequestParams& params);
+
+    // Waits until every posted request is answered (true) or the deadline passes (false).
+    // onProgress(answered, failed) runs on this thread at the start and after every change.
+    using ProgressFn = std::function<void(size_t answered, size_t failed)>;
+    bool Wait(std::chrono::steady_clock::time_point deadline, const ProgressFn& onProgress);
+
+    // Stops accepting answers; a posted request not answered yet keeps the time it waited.
+    void Close();
+
+    // The answer of input `index` (call after Close; each index once).
+    Answer Take(size_t index);
+
+    // The user pointer that the request of input `index` carries.
+    void* UserPointer(size_t index) { return index < m_Count ? &m_Slots[index] : nullptr; }
+
+    static int Callback(int status, _thumb_result* result, void* user_data);
+
+private:
+    struct Slot {
+        RequestBatch* owner = nullptr;
+        bool posted = false;
+        std::chrono::steady_clock::time_point postedAt;
+        Answer answer;
+    };
+    void m_Deliver(Slot* slot, int status, _thumb_result* result, LibraryBuffer* buffers);
+
+    std::mutex m_Mutex;
+    std::condition_variable m_Cond;
+    // Sized once: the library holds pointers to the slots as user pointers.
+    std::unique_ptr<Slot[]> m_Slots;
+    size_t m_Count = 0;
+    size_t m_Posted = 0;
+    size_t m_Answered = 0;
+    size_t m_Failed = 0;
+    bool m_Closed = false;
+};
+
+}  // namespace qrbthumb
+
+#endif
