@@ -30,9 +30,20 @@ public:
     int GetBytesPerLine() const { return m_nDepth * m_nWidth; }
     void ReleaseBuffer();
 
+    // The pixel operations below replace the raster by a new one on success (the old buffer is
+    // freed once, after the new one is complete) and leave the image unchanged on failure. Not
+    // for two threads at once. Running out of memory in ScaleARGB or CropARGB ends the process:
+    // a thumbnail worker has no sensible way on without its raster.
+
+    // Resamples to width x height (nearest sample when both directions grow, the 2 x 2 box
+    // rule otherwise; see CQRBImageUtil). The current size is a no-op.
+    bool ScaleARGB(int width, int height);
     // Keeps width x height pixels from (startX, startY). A full-size crop is a no-op whatever
     // the origin. A crop whose far edge lies outside the source is refused rather than read.
     bool CropARGB(int startX, int startY, int width, int height);
+    // Turns the raster upright for an EXIF orientation (1 to 8); 1 is a no-op, anything else
+    // outside 1..8 is refused. 5 to 8 swap width and height.
+    bool RotateARGB(int orient);
 
 private:
     bool m_bCreated = false;
