@@ -1,5 +1,6 @@
 #include "qrb_thumbnail_getter_factory.h"
 
+#include "qrb_exif_thumbnail_getter.h"
 #include "qrb_log.h"
 
 CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
@@ -10,6 +11,12 @@ CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
 CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
     qrb_media_thumbnail_type type) {
     switch (type) {
+        // One row per kind, kept as a table.
+        // clang-format off
+        case THUMB_PICTURE: case THUMB_SERIAL_PICTURE: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE0);
+        case THUMB_PICTURE_MODE2: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE2);
+        case THUMB_PICTURE_MODE1: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE1);
+        // clang-format on
         // Video kinds (2, 15) are served by the video decoder threads, the reserved kinds by
         // nobody. The getters of the other kinds are added here as they are built.
         default:

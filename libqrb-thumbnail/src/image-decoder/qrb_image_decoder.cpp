@@ -1,0 +1,257 @@
+#include "image-decoder/qrb_image_decoder.h"
+
+#include "qrb_log.h"
+#include "qrb_scoped.h"
+
+#include <cstring>
+
+namespace {
+
+void CloseFile(FILE* fp) { std::fclose(fp); }
+using ScopedFile = QRBScoped<FILE, CloseFile>;
+
+bool HasPrefix(const char* text, const char* prefix) {
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+}  // namespace
+
+CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int arg, bool forceFull)
+    : m_uRequestWidth(static_cast<uint32_t>(width)),
+      m_uRequestHeight(static_cast<uint32_t>(height)),
+      m_nArg(arg) {
+    m_pPath = M_CONVERTURITOPATH(uri);
+
+    int ret = 0;
+    if (m_nThumbnailType == kTypePng || m_nThumbnailType == kTypeBmp) {
+        ret = m_nThumbnailType == kTypePng ? m_ParsePNGThumbInfo() : m_ParseBMPThumbInfo();
+        if (ret == 0) {
+            if (m_uRequestWidth == 0) m_uRequestWidth = m_uPictureWidth;
+            if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
+            m_CalculateDimension(m_uPictureWidth, m_uPictureHeight);
+        }
+    } else if (m_nThumbnailType != kTypePtp && m_nThumbnailType != kTypeHttp) {
+        // A PTP object or an HTTP URI is no file of ours: its type stands and nothing is parsed.
+        ret = m_ParsePictureHeader(forceFull);
+        if (m_uRequestWidth == 0) m_uRequestWidth = m_uPictureWidth;
+        if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
+        switch (m_nThumbnailType) {
+            case kTypeFullDecoding:
+                m_CalculateDimension(m_uPictureWidth, m_uPictureHeight);
+                break;
+            case kTypeLarge:
+                m_CalculateDimension(m_uLargeWidth, m_uLargeHeight);
+                break;
+            case kTypeExif:
+                m_CalculateDimension(m_uExifWidth, m_uExifHeight);
+                break;
+            default:
+                m_CalculateDimension(0, 0);
+                break;
+        }
+        if (m_uRequestWidth > kMaxRequest && m_uRequestHeight > kMaxRequest) {
+            m_nThumbnailType = kTypeTooLarge;
+        }
+    }
+
+    QRB_LOGD("THUMBNAIL TYPE[%d] RET[%d]", m_nThumbnailType, ret);
+    if (ret == -1) {
+        QRB_LOGW("Parse false or it is not a jpg file");
+        m_bValid = false;
+    }
+}
+
+CQRBImageDecoder::~CQRBImageDecoder() = default;
+
+const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
+    if (uri == nullptr) return nullptr;
+    const char* path;
+    if (HasPrefix(uri, "file://1")) {
+        path = uri + 8;  // the "1" goes with the prefix, deliberately
+    } else if (HasPrefix(uri, "file://")) {
+        path = uri + 7;
+    } else if (HasPrefix(uri, "ptp://")) {
+        m_nThumbnailType = kTypePtp;
+        return uri + 6;
+    } else if (HasPrefix(uri, "http://")) {
+        m_nThumbnailType = kTypeHttp;
+        return uri + 7;
+    } else {
+        return uri;  // a plain path is taken as it stands, without sniffing
+    }
+
+    ScopedFile fp(std::fopen(path, "rb"));
+    if (!fp) {
+        QRB_LOGW("%s:   OPEN ERROR", path);
+        return nullptr;
+    }
+    unsigned char magic[2] = {0, 0};
+    const size_t got = std::fread(magic, 1, sizeof(magic), fp.get());
+    if (got < sizeof(magic)) {
+        QRB_LOGW("READ ERROR %d", static_cast<int>(got));
+        return nullptr;
+    }
+    if (magic[0] == 'B' && magic[1] == 'M') {
+        m_nThumbnailType = kTypeBmp;
+    } else if (magic[0] == 0x89 && magic[1] == 'P') {
+        m_nThumbnailType = kTypePng;
+    }
+    return path;
+}
+
+void CQRBImageDecoder::m_SelectThumbnailType(bool forceFull) {
+    if (forceFull) {
+        m_nThumbnailType = kTypeFullDecoding;
+        return;
+    }
+    // 64-bit so that doubling a 32-bit request cannot wrap.
+    const uint64_t reqW = m_uRequestWidth;
+    const uint64_t reqH = m_uRequestHeight;
+    const uint64_t picW = m_uPictureWidth;
+    const uint64_t picH = m_uPictureHeight;
+    const bool hasLarge = m_uLargeWidth != 0 && m_uLargeHeight != 0;
+    if (m_uExifWidth != 0 && m_uExifHeight != 0) {
+        if (reqW < 2ull * m_uExifWidth && reqH < 2ull * m_uExifHeight) {
+            m_nThumbnailType = kTypeExif;
+        } else if (picW < 2 * reqW && picH < 2 * reqH) {
+            m_nThumbnailType = kTypeFullDecoding;  // small enough to decode whole
+        } else if (hasLarge) {
+            // Deliberately the whole picture, not the large thumbnail.
+            m_nThumbnailType = kTypeFullDecoding;
+        } else {
+            // The small EXIF thumbnail all the same, though it is less than half the request.
+            m_nThumbnailType = kTypeExif;
+        }
+        return;
+    }
+    if (hasLarge && reqW < 2ull * m_uLargeWidth && reqH < 2ull * m_uLargeHeight) {
+        m_nThumbnailType = kTypeLarge;
+    } else {
+        m_nThumbnailType = kTypeFullDecoding;
+    }
+}
+
+void CQRBImageDecoder::m_CalculateDimension(uint32_t srcW, uint32_t srcH) {
+    m_uOutputWidth = 0;
+    m_uOutputHeight = 0;
+    const uint64_t W = m_uRequestWidth;
+    const uint64_t H = m_uRequestHeight;
+    if (W == 0 || H == 0 || srcW == 0 || srcH == 0) return;
+    // Products of two 32-bit values, computed in 64 bits: none can wrap. The quotients can
+    // still be far larger than any raster (a 65535 x 1 picture covering a 4096 x 4096 box would
+    // be 268 million pixels wide), hence the bound below.
+    uint64_t outW;
+    uint64_t outH;
+    if (W * srcH < H * srcW) {
+        outW = H * srcW / srcH;
+        outH = H;
+    } else if (W * srcH == H * srcW) {
+        outW = W;
+        outH = H;
+    } else {
+        outW = W;
+        outH = W * srcH / srcW;
+    }
+    if (outW == 0 || outH == 0 || outW > kMaxOutputPixels || outH > kMaxOutputPixels ||
+        outW * outH > kMaxOutputPixels) {
+        QRB_LOGW("output %llu x %llu for a %u x %u source refused",
+                 static_cast<unsigned long long>(outW), static_cast<unsigned long long>(outH), srcW,
+                 srcH);
+        return;
+    }
+    m_uOutputWidth = static_cast<uint32_t>(outW);
+    m_uOutputHeight = static_cast<uint32_t>(outH);
+}
+
+int CQRBImageDecoder::m_ScaleFactor(uint32_t srcW, uint32_t srcH) const {
+    const uint64_t sW = srcW;
+    const uint64_t sH = srcH;
+    const uint64_t tW = m_uOutputWidth;
+    const uint64_t tH = m_uOutputHeight;
+    if (sW > 8 * tW && sH > 8 * tH) return 8;
+    if (sW > 4 * tW && sH > 4 * tH) return 4;
+    if (sW > 2 * tW && sH > 2 * tH) return 2;
+    return 1;
+}
+
+int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
+    if (m_uRequestWidth == 0 || m_uRequestHeight == 0) {
+        QRB_LOGW("invalid height or width!");
+        return -1;
+    }
+    if (m_nThumbnailType < kTypeExif || m_nThumbnailType > kTypeHttp) return -1;
+
+    switch (m_nThumbnailType) {
+        case kTypeExif:
+            if (m_ReadExifThumbnail(out) != kExifSuccess) {
+                QRB_LOGW("Read exif thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypeFullDecoding:
+            if (m_ReadFullDecodingThumbnail(out) != kFullSuccess) {
+                QRB_LOGW("Read full decoding thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypeLarge:
+            if (m_ReadLargeThumbnail(out) != kLargeSuccess) {
+                QRB_LOGW("Read large thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypePtp:
+            // Logged as an error yet answered 0 with nothing decoded: deliberate asymmetry.
+            QRB_LOGW("Read PTP thumbnail error! ");
+            return 0;
+        case kTypeBmp:
+            if (m_ReadBMPThumbnail(out) != kBmpSuccess) {
+                QRB_LOGW("Read BMP thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypePng:
+            if (m_ReadPNGThumbnail(out) != 0) {
+                QRB_LOGW("Read PNG thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypeTooLarge:
+            QRB_LOGW("Read ReadHomePanleThumbnail error! ");
+            return -1;
+        case kTypeHttp:
+            QRB_LOGW("Read HTTP image thumbnail error! ");
+            return -1;
+        default:
+            return -1;
+    }
+}
+
+int CQRBImageDecoder::m_DecideDecoder() const {
+    return m_nThumbnailType == kTypePtp ? kDecoderPtp : kDecoderSoftware;
+}
+
+int CQRBImageDecoder::m_ReadExifThumbnail(unsigned char* out) {
+    // The EXIF thumbnail is small: always decoded at full scale.
+    return m_JpegSWDecoding(out, m_uExifOffset, m_uExifSize, 1) == 0 ? kExifSuccess : kExifFailure;
+}
+
+int CQRBImageDecoder::m_ReadFullDecodingThumbnail(unsigned char* out) {
+    switch (m_DecideDecoder()) {
+        case kDecoderSoftware: {
+            const int scale = m_ScaleFactor(m_uPictureWidth, m_uPictureHeight);
+            return m_JpegSWDecoding(out, 0, 0, scale) == 0 ? kFullSuccess : kFullFailure;
+        }
+        case kDecoderPtp:
+            return kFullFailure;  // a PTP object is never decoded here
+        default:
+            QRB_LOGW("CAN NOT FIND THUMBNAIL TYPE");
+            return kFullFailure;
+    }
+}
+
+int CQRBImageDecoder::m_ReadLargeThumbnail(unsigned char* out) {
+    const int scale = m_ScaleFactor(m_uLargeWidth, m_uLargeHeight);
+    return m_JpegSWDecoding(out, m_uLargeOffset, m_uLargeSize, scale) == 0 ? kLargeSuccess
+                                                                           : kLargeFailure;
+}

@@ -1,0 +1,522 @@
+// The picture decoder end to end on JPEG files the tests write with libjpeg: URI forms, the
+// choice between EXIF thumbnail, large thumbnail and full decode, the output size, DCT scaling,
+// direct sampling and enlargement, grey/CMYK/YCCK conversion, orientation, and its failures.
+#include "image-decoder/qrb_image_decoder.h"
+#include "image-decoder/qrb_image_processor.h"
+#include "image-decoder/qrb_picture_test_support.h"
+
+#include "qrb_test_jpeg_writer.h"
+#include "qrb_test_log.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+using qrbpicturetest::Decode;
+using qrbpicturetest::Raster;
+using qrbpicturetest::ScratchDir;
+using qrbtest::JpegColor;
+using qrbtest::JpegPattern;
+using qrbtest::JpegSpec;
+using qrbtest::MakeJpeg;
+
+// Rewrites the size in the first SOF0/SOF2 of a JPEG: for tests that only parse headers, a
+// 64 x 48 file can pass for a 4000 x 3000 one.
+std::string WithFrameSize(std::string bytes, int width, int height) {
+    for (size_t i = 2; i + 9 < bytes.size(); ++i) {
+        const unsigned char a = static_cast<unsigned char>(bytes[i]);
+        const unsigned char b = static_cast<unsigned char>(bytes[i + 1]);
+        if (a == 0xFF && (b == 0xC0 || b == 0xC2)) {
+            bytes[i + 5] = static_cast<char>(height >> 8);
+            bytes[i + 6] = static_cast<char>(height & 0xFF);
+            bytes[i + 7] = static_cast<char>(width >> 8);
+            bytes[i + 8] = static_cast<char>(width & 0xFF);
+            return bytes;
+        }
+        if (a == 0xFF && b >= 0xE0 && b <= 0xFE) {  // skip segments (thumbnails live in them)
+            i += 1 + ((static_cast<unsigned char>(bytes[i + 2]) << 8) |
+                      static_cast<unsigned char>(bytes[i + 3]));
+        }
+    }
+    ADD_FAILURE() << "no frame header";
+    return bytes;
+}
+
+// Every pixel within tolerance of (r, g, b) and opaque.
+::testing::AssertionResult AllNear(const Raster& img, JpegColor c, int tolerance) {
+    if (img.Empty()) return ::testing::AssertionFailure() << "no raster";
+    for (int y = 0; y < img.height; ++y) {
+        for (int x = 0; x < img.width; ++x) {
+            const uint8_t* p = img.At(x, y);
+            if (std::abs(p[2] - c.r) > tolerance || std::abs(p[1] - c.g) > tolerance ||
+                std::abs(p[0] - c.b) > tolerance || p[3] != 255) {
+                return ::testing::AssertionFailure()
+                       << "pixel (" << x << ", " << y << ") is BGRA " << int(p[0]) << ","
+                       << int(p[1]) << "," << int(p[2]) << "," << int(p[3]) << ", wanted RGB "
+                       << int(c.r) << "," << int(c.g) << "," << int(c.b);
+            }
+        }
+    }
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult Near(const Raster& img, int x, int y, JpegColor c, int tolerance) {
+    const uint8_t* p = img.At(x, y);
+    if (std::abs(p[2] - c.r) > tolerance || std::abs(p[1] - c.g) > tolerance ||
+        std::abs(p[0] - c.b) > tolerance || p[3] != 255) {
+        return ::testing::AssertionFailure()
+               << "pixel (" << x << ", " << y << ") is RGB " << int(p[2]) << "," << int(p[1]) << ","
+               << int(p[0]) << " alpha " << int(p[3]);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+const JpegColor kRed{255, 0, 0};
+const JpegColor kGreen{0, 255, 0};
+const JpegColor kBlue{0, 0, 255};
+const JpegColor kWhite{255, 255, 255};
+
+class ImageDecoderTest : public ::testing::Test {
+protected:
+    std::string Write(const std::string& name, const std::string& bytes) {
+        return scratch.Write(name, bytes);
+    }
+    std::string WriteJpeg(const std::string& name, const JpegSpec& spec) {
+        const std::string bytes = MakeJpeg(spec);
+        EXPECT_FALSE(bytes.empty());
+        return Write(name, bytes);
+    }
+    // A header-only stand-in for a big photo with a 160 x 120 EXIF thumbnail (and optionally a
+    // large APP2 thumbnail).
+    std::string BigPhotoHeaders(int w, int h, int thumbW, int thumbH, int largeW = 0,
+                                int largeH = 0) {
+        JpegSpec spec;
+        spec.thumbWidth = thumbW;
+        spec.thumbHeight = thumbH;
+        spec.largeThumbWidth = largeW;
+        spec.largeThumbHeight = largeH;
+        return Write("big.jpg", WithFrameSize(MakeJpeg(spec), w, h));
+    }
+
+    ScratchDir scratch;
+    qrbtest::LogCapture log;
+};
+
+// --- URI forms and sniffing --------------------------------------------------------------
+
+TEST_F(ImageDecoderTest, FileUriWithTheOneQuirkOpensThePathAfterIt) {
+    const std::string path = WriteJpeg("a.jpg", JpegSpec{});
+    const std::string uri = "file://1" + path;
+    CQRBImageDecoder decoder(uri.c_str(), 32, 24, 0, false);
+    EXPECT_STREQ(path.c_str(), decoder.GetPath());
+    EXPECT_TRUE(decoder.IsValid());
+    const Raster img = Decode(uri, 32, 24);
+    EXPECT_EQ(32, img.width);
+    EXPECT_EQ(24, img.height);
+    // The plain form and a bare path reach the same file.
+    EXPECT_STREQ(path.c_str(),
+                 CQRBImageDecoder(("file://" + path).c_str(), 8, 8, 0, false).GetPath());
+    EXPECT_STREQ(path.c_str(), CQRBImageDecoder(path.c_str(), 8, 8, 0, false).GetPath());
+    EXPECT_EQ(32, Decode(path, 32, 24).width);
+}
+
+TEST_F(ImageDecoderTest, SniffsBmpAndPngOnlyBehindFileUris) {
+    const std::string png = Write("p.png", std::string("\x89PNG\r\n\x1a\n", 8));
+    const std::string bmp = Write("b.bmp", "BM......");
+    EXPECT_EQ(CQRBImageDecoder::kTypePng,
+              CQRBImageDecoder(("file://" + png).c_str(), 8, 8, 0, false).m_GetThumbnailType());
+    EXPECT_EQ(CQRBImageDecoder::kTypeBmp,
+              CQRBImageDecoder(("file://" + bmp).c_str(), 8, 8, 0, false).m_GetThumbnailType());
+    // A bare path is taken for a JPEG as it stands: this PNG then fails its JPEG parse.
+    log.Clear();
+    CQRBImageDecoder bare(png.c_str(), 8, 8, 0, false);
+    EXPECT_FALSE(bare.IsValid());
+    EXPECT_TRUE(log.Contains("Parse false or it is not a jpg file"));
+}
+
+TEST_F(ImageDecoderTest, PtpAndHttpUrisAreNeverDecodedHere) {
+    CQRBImageDecoder ptp("ptp://001;002;3", 64, 64, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypePtp, ptp.m_GetThumbnailType());
+    EXPECT_STREQ("001;002;3", ptp.GetPath());
+    unsigned char pixel[4] = {7, 7, 7, 7};
+    EXPECT_EQ(0, ptp.ExtractThumbnail(pixel));  // answered 0 with nothing decoded
+    EXPECT_EQ(7, pixel[0]);
+    EXPECT_TRUE(log.Contains("Read PTP thumbnail error! "));
+
+    CQRBImageDecoder http("http://example.invalid/a.jpg", 64, 64, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeHttp, http.m_GetThumbnailType());
+    EXPECT_STREQ("example.invalid/a.jpg", http.GetPath());
+    EXPECT_EQ(-1, http.ExtractThumbnail(pixel));
+    EXPECT_TRUE(log.Contains("Read HTTP image thumbnail error! "));
+
+    // Through the processor neither yields a raster.
+    EXPECT_TRUE(Decode("ptp://001;002;3", 64, 64).Empty());
+    EXPECT_TRUE(Decode("http://example.invalid/a.jpg", 64, 64).Empty());
+    EXPECT_TRUE(log.Contains("INVALID WIDTH AND HEIGHT"));
+}
+
+TEST_F(ImageDecoderTest, UnreadableFilesFailWithTheirMessages) {
+    const std::string missing = scratch.Path() + "/missing.jpg";
+    CQRBImageDecoder absent(("file://" + missing).c_str(), 8, 8, 0, false);
+    EXPECT_EQ(nullptr, absent.GetPath());
+    EXPECT_FALSE(absent.IsValid());
+    EXPECT_TRUE(log.Contains(missing + ":   OPEN ERROR"));
+    EXPECT_TRUE(log.Contains("ERROR FOR OPEN THE FILE, errno is: "));
+
+    const std::string one = Write("one.jpg", "\xFF");
+    CQRBImageDecoder tiny(("file://" + one).c_str(), 8, 8, 0, false);
+    EXPECT_FALSE(tiny.IsValid());
+    EXPECT_TRUE(log.Contains("READ ERROR 1"));
+
+    const std::string three = Write("three.jpg", "\xFF\xD8\xFF");
+    EXPECT_FALSE(CQRBImageDecoder(three.c_str(), 8, 8, 0, false).IsValid());
+    EXPECT_TRUE(log.Contains("error - file size : 3"));
+
+    qrb_picture_thumb_param param;
+    int w = 5;
+    int h = 5;
+    EXPECT_EQ(nullptr, CQRBImageProcessor::GetThumbnailBuffer(nullptr, param, &w, &h, nullptr));
+    EXPECT_EQ(0, w);
+    EXPECT_EQ(0, h);
+    EXPECT_TRUE(log.Contains("URL IS NULL"));
+}
+
+// --- Source selection ---------------------------------------------------------------------
+
+TEST_F(ImageDecoderTest, SmallExifThumbnailIsTakenEvenBelowHalfTheRequest) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120);
+    // 320 is not < 2 x 160 and the picture is not < 2 x request, with no large thumbnail: the
+    // EXIF thumbnail all the same.
+    CQRBImageDecoder at320(path.c_str(), 320, 240, 0, false);
+    EXPECT_EQ(160u, at320.GetExifThumbnailWidth());
+    EXPECT_EQ(CQRBImageDecoder::kTypeExif, at320.m_GetThumbnailType());
+    EXPECT_EQ(320u, at320.GetOutputWidth());
+    EXPECT_EQ(240u, at320.GetOutputHeight());
+    EXPECT_TRUE(log.Contains("THUMBNAIL TYPE[11] RET[0]"));
+    EXPECT_TRUE(log.Contains("PARSING PICTURE HEADER"));
+
+    CQRBImageDecoder at300(path.c_str(), 300, 200, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeExif, at300.m_GetThumbnailType());
+    EXPECT_EQ(300u, at300.GetOutputWidth());
+    EXPECT_EQ(225u, at300.GetOutputHeight());  // the thumbnail's 4:3 covering 300 x 200
+}
+
+TEST_F(ImageDecoderTest, PictureSmallEnoughIsDecodedWhole) {
+    const std::string path = BigPhotoHeaders(500, 400, 160, 120);
+    CQRBImageDecoder decoder(path.c_str(), 320, 240, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
+    EXPECT_EQ(320u, decoder.GetOutputWidth());
+    EXPECT_EQ(256u, decoder.GetOutputHeight());
+}
+
+TEST_F(ImageDecoderTest, LargeThumbnailBesideAnExifOneMeansFullDecode) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120, 640, 480);
+    CQRBImageDecoder decoder(path.c_str(), 400, 300, 0, false);
+    EXPECT_EQ(640u, decoder.GetLargeThumbnailWidth());
+    EXPECT_EQ(480u, decoder.GetLargeThumbnailHeight());
+    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
+    // Under twice the EXIF thumbnail, the EXIF thumbnail wins regardless.
+    EXPECT_EQ(CQRBImageDecoder::kTypeExif,
+              CQRBImageDecoder(path.c_str(), 200, 150, 0, false).m_GetThumbnailType());
+}
+
+TEST_F(ImageDecoderTest, LargeThumbnailAloneServesRequestsUnderTwiceItsSize) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 0, 0, 640, 480);
+    CQRBImageDecoder near(path.c_str(), 1279, 959, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeLarge, near.m_GetThumbnailType());
+    EXPECT_EQ(1279u, near.GetOutputWidth());
+    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding,
+              CQRBImageDecoder(path.c_str(), 1280, 960, 0, false).m_GetThumbnailType());
+}
+
+TEST_F(ImageDecoderTest, ForceFullSkipsEveryEmbeddedThumbnail) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120, 640, 480);
+    CQRBImageDecoder decoder(path.c_str(), 160, 120, 0, true);
+    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
+    EXPECT_EQ(160u, decoder.GetOutputWidth());
+}
+
+TEST_F(ImageDecoderTest, RequestsAbove4096BothWaysAreRefused) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120);
+    CQRBImageDecoder decoder(path.c_str(), 5000, 5000, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeTooLarge, decoder.m_GetThumbnailType());
+    std::vector<unsigned char> out(16);
+    EXPECT_EQ(-1, decoder.ExtractThumbnail(out.data()));
+    EXPECT_TRUE(log.Contains("Read ReadHomePanleThumbnail error! "));
+    EXPECT_TRUE(Decode(path, 5000, 5000).Empty());
+    // One direction above 4096 is still a request.
+    EXPECT_NE(CQRBImageDecoder::kTypeTooLarge,
+              CQRBImageDecoder(path.c_str(), 4097, 100, 0, false).m_GetThumbnailType());
+}
+
+TEST_F(ImageDecoderTest, ZeroRequestTakesThePicturesOwnSize) {
+    const std::string path = WriteJpeg("own.jpg", JpegSpec{});
+    const Raster img = Decode(path, 0, 0);
+    EXPECT_EQ(64, img.width);
+    EXPECT_EQ(48, img.height);
+    EXPECT_TRUE(AllNear(img, JpegSpec{}.color, 3));
+
+    // A frame header of height 0 (size left to a later DNL marker): nothing to request.
+    const std::string zero = Write("zero.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 64, 0));
+    CQRBImageDecoder decoder(zero.c_str(), 0, 0, 0, false);
+    EXPECT_EQ(0u, decoder.GetOutputWidth());
+    std::vector<unsigned char> out(16);
+    EXPECT_EQ(-1, decoder.ExtractThumbnail(out.data()));
+    EXPECT_TRUE(log.Contains("invalid height or width!"));
+}
+
+// --- Output size --------------------------------------------------------------------------
+
+TEST_F(ImageDecoderTest, OutputCoversTheRequestWithThePicturesAspect) {
+    const std::string path = BigPhotoHeaders(4000, 3000, 0, 0);
+    struct Case {
+        int reqW, reqH;
+        unsigned outW, outH;
+    } cases[] = {
+        {320, 320, 426, 320},  // overflows in width
+        {320, 100, 320, 240},  // overflows in height
+        {400, 300, 400, 300},  // same aspect: the request itself
+        {1, 1, 1, 1},         {4096, 1, 4096, 3072},
+    };
+    for (const Case& c : cases) {
+        CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, false);
+        EXPECT_EQ(c.outW, decoder.GetOutputWidth()) << c.reqW << "x" << c.reqH;
+        EXPECT_EQ(c.outH, decoder.GetOutputHeight()) << c.reqW << "x" << c.reqH;
+    }
+}
+
+TEST_F(ImageDecoderTest, ExtremeAspectRatiosCannotOverflowTheOutputSize) {
+    // 65535 x 1 covering 4096 x 4096 would be 268 million pixels wide: refused, not wrapped.
+    const std::string wide = Write("wide.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 65535, 1));
+    CQRBImageDecoder decoder(wide.c_str(), 4096, 4096, 0, false);
+    EXPECT_EQ(0u, decoder.GetOutputWidth());
+    EXPECT_EQ(0u, decoder.GetOutputHeight());
+    EXPECT_TRUE(Decode(wide, 4096, 4096).Empty());
+    const std::string tall = Write("tall.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 1, 65535));
+    EXPECT_EQ(0u, CQRBImageDecoder(tall.c_str(), 320, 240, 0, false).GetOutputHeight());
+    // Its own size is a fine output.
+    CQRBImageDecoder own(wide.c_str(), 0, 0, 0, false);
+    EXPECT_EQ(65535u, own.GetOutputWidth());
+    EXPECT_EQ(1u, own.GetOutputHeight());
+    // A negative request is no size at all.
+    EXPECT_EQ(0u, CQRBImageDecoder(wide.c_str(), -320, 240, 0, false).GetOutputWidth());
+}
+
+// --- Decoding -----------------------------------------------------------------------------
+
+TEST_F(ImageDecoderTest, DecodesA4000x3000PhotoAt426x320WithOneEighthScale) {
+    JpegSpec spec;
+    spec.width = 4000;
+    spec.height = 3000;
+    spec.quality = 50;
+    spec.pattern = JpegPattern::kQuadrants;
+    const std::string path = WriteJpeg("photo.jpg", spec);
+    const Raster img = Decode(path, 320, 320);
+    ASSERT_EQ(426, img.width);
+    ASSERT_EQ(320, img.height);
+    EXPECT_TRUE(
+        log.Contains("decodeheight=3000, decodewidth=4000, uScaledHeight=375, uScaledWidth=500"));
+    EXPECT_TRUE(Near(img, 100, 80, kRed, 8));
+    EXPECT_TRUE(Near(img, 320, 80, kGreen, 8));
+    EXPECT_TRUE(Near(img, 100, 240, kBlue, 8));
+    EXPECT_TRUE(Near(img, 320, 240, kWhite, 8));
+}
+
+TEST_F(ImageDecoderTest, ScaleFactorFollowsHowMuchLargerTheSourceIs) {
+    JpegSpec spec;
+    spec.width = 400;
+    spec.height = 300;
+    spec.pattern = JpegPattern::kQuadrants;
+    const std::string path = WriteJpeg("q.jpg", spec);
+    struct Case {
+        int reqW;
+        const char* scaled;
+    } cases[] = {{40, "uScaledHeight=38, uScaledWidth=50"},     // 400 > 8 x 40
+                 {80, "uScaledHeight=75, uScaledWidth=100"},    // 400 > 4 x 80
+                 {150, "uScaledHeight=150, uScaledWidth=200"},  // 400 > 2 x 150
+                 {200, "uScaledHeight=300, uScaledWidth=400"}};
+    for (const Case& c : cases) {
+        log.Clear();
+        const Raster img = Decode(path, c.reqW, c.reqW * 3 / 4);
+        ASSERT_EQ(c.reqW, img.width);
+        EXPECT_TRUE(log.Contains(c.scaled)) << c.reqW;
+        EXPECT_TRUE(Near(img, img.width / 4, img.height / 4, kRed, 10)) << c.reqW;
+        EXPECT_TRUE(Near(img, img.width * 3 / 4, img.height * 3 / 4, kWhite, 10)) << c.reqW;
+    }
+}
+
+TEST_F(ImageDecoderTest, SmallPicturesAreEnlargedBilinearly) {
+    JpegSpec spec;
+    spec.width = 32;
+    spec.height = 24;
+    spec.pattern = JpegPattern::kQuadrants;
+    const std::string path = WriteJpeg("small.jpg", spec);
+    const Raster img = Decode(path, 128, 96);
+    ASSERT_EQ(128, img.width);
+    ASSERT_EQ(96, img.height);
+    EXPECT_TRUE(Near(img, 10, 10, kRed, 10));
+    EXPECT_TRUE(Near(img, 110, 10, kGreen, 10));
+    EXPECT_TRUE(Near(img, 10, 85, kBlue, 10));
+    EXPECT_TRUE(Near(img, 110, 85, kWhite, 10));
+    // Blended across the vertical edge: neither pure red nor pure green.
+    const uint8_t* edge = img.At(63, 10);
+    EXPECT_GT(edge[2], 20);
+    EXPECT_GT(edge[1], 20);
+}
+
+TEST_F(ImageDecoderTest, DecodesEveryColourModel) {
+    struct Case {
+        const char* name;
+        bool progressive, grey, cmyk, ycck;
+        JpegColor expected;
+    } cases[] = {
+        {"baseline", false, false, false, false, {200, 40, 40}},
+        {"progressive", true, false, false, false, {200, 40, 40}},
+        {"grey", false, true, false, false, {92, 92, 92}},  // luma of (200, 40, 40)
+        {"grey-progressive", true, true, false, false, {92, 92, 92}},
+        {"cmyk", false, false, true, false, {200, 40, 40}},  // first three bytes, unconverted
+        {"ycck", false, false, true, true, {200, 40, 40}},
+    };
+    for (const Case& c : cases) {
+        JpegSpec spec;
+        spec.width = 48;
+        spec.height = 32;
+        spec.progressive = c.progressive;
+        spec.grey = c.grey;
+        spec.cmyk = c.cmyk;
+        spec.ycck = c.ycck;
+        const std::string path = WriteJpeg(std::string(c.name) + ".jpg", spec);
+        EXPECT_TRUE(AllNear(Decode(path, 48, 32), c.expected, 4)) << c.name;
+        EXPECT_TRUE(AllNear(Decode(path, 24, 16), c.expected, 4)) << c.name;
+    }
+}
+
+TEST_F(ImageDecoderTest, UsesTheSourceItChose) {
+    JpegSpec spec;
+    spec.width = 1600;
+    spec.height = 1200;
+    spec.quality = 50;
+    spec.color = {255, 0, 0};
+    spec.thumbWidth = 160;
+    spec.thumbHeight = 120;
+    spec.thumbColor = {0, 255, 0};
+    for (bool big : {false, true}) {
+        spec.bigEndian = big;
+        const std::string path = WriteJpeg(big ? "mm.jpg" : "ii.jpg", spec);
+        EXPECT_TRUE(AllNear(Decode(path, 160, 120), kGreen, 6)) << big;      // EXIF thumbnail
+        EXPECT_TRUE(AllNear(Decode(path, 160, 120, true), kRed, 6)) << big;  // forced full
+        // Twice this request exceeds the picture: decoded whole. At 800 x 600 it would not.
+        EXPECT_TRUE(AllNear(Decode(path, 801, 601), kRed, 6)) << big;
+        EXPECT_TRUE(AllNear(Decode(path, 800, 600), kGreen, 6)) << big;
+    }
+
+    JpegSpec large;
+    large.width = 1600;
+    large.height = 1200;
+    large.quality = 50;
+    large.color = {255, 0, 0};
+    large.largeThumbWidth = 640;
+    large.largeThumbHeight = 480;
+    large.largeThumbColor = {0, 0, 255};
+    const std::string path = WriteJpeg("large.jpg", large);
+    CQRBImageDecoder decoder(path.c_str(), 320, 240, 0, false);
+    EXPECT_EQ(CQRBImageDecoder::kTypeLarge, decoder.m_GetThumbnailType());
+    log.Clear();
+    EXPECT_TRUE(AllNear(Decode(path, 320, 240), kBlue, 6));
+    EXPECT_TRUE(log.Contains("uScaledHeight=480, uScaledWidth=640"));  // not more than twice
+    log.Clear();
+    EXPECT_TRUE(AllNear(Decode(path, 300, 225), kBlue, 6));
+    EXPECT_TRUE(log.Contains("uScaledHeight=240, uScaledWidth=320"));  // 640 x 480 at 1/2
+}
+
+TEST_F(ImageDecoderTest, ReportsIfd0OrientationInBothByteOrders) {
+    for (bool big : {false, true}) {
+        for (int orientation = 1; orientation <= 8; ++orientation) {
+            JpegSpec spec;
+            spec.bigEndian = big;
+            spec.orientation = orientation;
+            spec.thumbWidth = 16;
+            spec.thumbHeight = 12;
+            spec.thumbOrientation = 9 - orientation;  // never the picture's
+            const std::string path = WriteJpeg("o.jpg", spec);
+            const Raster img = Decode(path, 64, 48);
+            ASSERT_FALSE(img.Empty());
+            EXPECT_EQ(orientation, img.orientation) << big;
+        }
+    }
+    // Absent, and out of range: 0.
+    EXPECT_EQ(0, Decode(WriteJpeg("none.jpg", JpegSpec{}), 64, 48).orientation);
+    JpegSpec bad;
+    bad.orientation = 9;
+    EXPECT_EQ(0, Decode(WriteJpeg("nine.jpg", bad), 64, 48).orientation);
+}
+
+TEST_F(ImageDecoderTest, BrokenEmbeddedThumbnailFailsTheRequestItWasChosenFor) {
+    JpegSpec spec;
+    spec.width = 640;
+    spec.height = 480;
+    spec.thumbWidth = 160;
+    spec.thumbHeight = 120;
+    // The IFD1 range ends right before the thumbnail's scan: its size is readable, its pixels
+    // are not, and the decoder must not read on into the picture around it.
+    JpegSpec thumbSpec;
+    thumbSpec.width = 160;
+    thumbSpec.height = 120;
+    const std::string thumb = MakeJpeg(thumbSpec);
+    const std::string headersOnly = thumb.substr(0, thumb.find("\xFF\xDA"));
+    JpegSpec plain = spec;
+    plain.thumbWidth = plain.thumbHeight = 0;
+    const std::string main = MakeJpeg(plain);
+    const std::string path =
+        Write("cut-thumb.jpg",
+              main.substr(0, 2) + qrbtest::ExifSegment(spec, headersOnly) + main.substr(2));
+    CQRBImageDecoder decoder(path.c_str(), 160, 120, 0, false);
+    EXPECT_EQ(160u, decoder.GetExifThumbnailWidth());
+    EXPECT_EQ(CQRBImageDecoder::kTypeExif, decoder.m_GetThumbnailType());
+    EXPECT_TRUE(Decode(path, 160, 120).Empty());
+    EXPECT_TRUE(log.Contains("Read exif thumbnail error! "));
+
+    // A thumbnail whose frame header is unreadable is no thumbnail: the picture is decoded.
+    std::string noSize = MakeJpeg(spec);
+    const size_t sof = noSize.find("\xFF\xC0");  // the thumbnail's frame header comes first
+    noSize[sof + 1] = '\xC3';
+    const std::string fallback = Write("thumb-without-size.jpg", noSize);
+    CQRBImageDecoder fallbackDecoder(fallback.c_str(), 160, 120, 0, false);
+    EXPECT_EQ(0u, fallbackDecoder.GetExifThumbnailWidth());
+    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, fallbackDecoder.m_GetThumbnailType());
+    EXPECT_TRUE(AllNear(Decode(fallback, 160, 120), spec.color, 6));
+}
+
+TEST_F(ImageDecoderTest, LibjpegErrorsComeBackAsFailures) {
+    JpegSpec spec;
+    spec.width = 128;
+    spec.height = 96;
+    const std::string bytes = MakeJpeg(spec);
+    const size_t sos = bytes.find("\xFF\xDA");
+    ASSERT_NE(std::string::npos, sos);
+
+    // Headers only: libjpeg finds no scan and errors out; the process goes on.
+    const std::string headers = Write("headers.jpg", bytes.substr(0, sos));
+    EXPECT_TRUE(Decode(headers, 64, 48).Empty());
+    EXPECT_TRUE(log.Contains("libjpeg error: "));
+    EXPECT_TRUE(log.Contains("Read full decoding thumbnail error! "));
+    EXPECT_TRUE(log.Contains("THUMBNAIL EXTRACTION HAS FAILED"));
+
+    // Half the scan: a truncated photo still yields its decoded part, as libjpeg allows.
+    const std::string half = Write("half.jpg", bytes.substr(0, sos + (bytes.size() - sos) / 2));
+    const Raster img = Decode(half, 128, 96);
+    ASSERT_FALSE(img.Empty());
+    EXPECT_TRUE(Near(img, 5, 5, spec.color, 4));
+    EXPECT_TRUE(log.Contains("libjpeg warning: "));
+
+    // A quantisation table reference that does not exist.
+    std::string badTable = bytes;
+    const size_t sof = badTable.find("\xFF\xC0");
+    badTable[sof + 12] = '\x03';  // first component's quantisation table
+    EXPECT_TRUE(Decode(Write("bad-table.jpg", badTable), 64, 48).Empty());
+}
+
+}  // namespace

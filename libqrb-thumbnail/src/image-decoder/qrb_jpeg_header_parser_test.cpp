@@ -1,0 +1,428 @@
+// The JPEG header walk and the EXIF directory walk, from byte literals: both byte orders, the
+// orientation of IFD0 only, the IFD1 thumbnail's absolute position, the APP2 large thumbnail,
+// and every way a hostile header could make a walk loop, stall or read out of bounds.
+#include "image-decoder/qrb_jpeg_header_parser.h"
+
+#include "qrb_scoped.h"
+#include "qrb_test_log.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+void CloseFile(FILE* fp) { std::fclose(fp); }
+using ScopedFile = QRBScoped<FILE, CloseFile>;
+
+std::string Bytes(std::initializer_list<int> values) {
+    std::string s;
+    for (int v : values) s.push_back(static_cast<char>(v));
+    return s;
+}
+
+const std::string kExifId("Exif\0\0", 6);
+
+// --- EXIF blocks -------------------------------------------------------------------------
+
+// clang-format off
+// Intel order, IFD0 { Orientation = 6 }, no IFD1.
+const std::string kIntelOrientation6 =
+    kExifId + Bytes({'I', 'I', 0x2A, 0x00, 0x08, 0x00, 0x00, 0x00,           // TIFF header
+                     0x01, 0x00,                                             // one entry
+                     0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x06, 0x00, 0x00, 0x00,
+                     0x00, 0x00, 0x00, 0x00});                               // no IFD1
+
+// Motorola order, IFD0 { Orientation = 8 }, no IFD1.
+const std::string kMotorolaOrientation8 =
+    kExifId + Bytes({'M', 'M', 0x00, 0x2A, 0x00, 0x00, 0x00, 0x08,
+                     0x00, 0x01,
+                     0x01, 0x12, 0x00, 0x03, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 0x00, 0x00,
+                     0x00, 0x00, 0x00, 0x00});
+
+// Intel order: IFD0 { Orientation = 1 } -> IFD1 at 26 { Orientation = 8,
+// JPEGInterchangeFormat = 0x40, JPEGInterchangeFormatLength = 0x20 }.
+const std::string kIntelWithIfd1 =
+    kExifId + Bytes({'I', 'I', 0x2A, 0x00, 0x08, 0x00, 0x00, 0x00,
+                     0x01, 0x00,
+                     0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00,
+                     0x1A, 0x00, 0x00, 0x00,                                 // IFD1 at 26
+                     0x03, 0x00,
+                     0x12, 0x01, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00,
+                     0x01, 0x02, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x40, 0x00, 0x00, 0x00,
+                     0x02, 0x02, 0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00,
+                     0x00, 0x00, 0x00, 0x00});
+
+// The same in Motorola order.
+const std::string kMotorolaWithIfd1 =
+    kExifId + Bytes({'M', 'M', 0x00, 0x2A, 0x00, 0x00, 0x00, 0x08,
+                     0x00, 0x01,
+                     0x01, 0x12, 0x00, 0x03, 0x00, 0x00, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00,
+                     0x00, 0x00, 0x00, 0x1A,
+                     0x00, 0x03,
+                     0x01, 0x12, 0x00, 0x03, 0x00, 0x00, 0x00, 0x01, 0x00, 0x08, 0x00, 0x00,
+                     0x02, 0x01, 0x00, 0x04, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x40,
+                     0x02, 0x02, 0x00, 0x04, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x20,
+                     0x00, 0x00, 0x00, 0x00});
+
+// clang-format on
+
+QRBJpegHeaderInfo ParseExif(const std::string& payload, uint64_t payloadOffset = 100,
+                            uint64_t fileSize = 1 << 20, bool* ok = nullptr) {
+    QRBJpegHeaderInfo info;
+    const bool result =
+        CQRBJpegHeaderParser::ParseExif(reinterpret_cast<const unsigned char*>(payload.data()),
+                                        payload.size(), payloadOffset, fileSize, &info);
+    if (ok != nullptr) *ok = result;
+    return info;
+}
+
+// Replaces the byte at `at` of s (a copy).
+std::string Patch(std::string s, size_t at, std::initializer_list<int> values) {
+    for (int v : values) s[at++] = static_cast<char>(v);
+    return s;
+}
+
+class JpegExifParserTest : public ::testing::Test {
+protected:
+    qrbtest::LogCapture log;
+};
+
+TEST_F(JpegExifParserTest, ReadsIfd0OrientationInBothByteOrders) {
+    bool ok = false;
+    QRBJpegHeaderInfo intel = ParseExif(kIntelOrientation6, 100, 1 << 20, &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(intel.hasExif);
+    EXPECT_EQ(6u, intel.orientation);
+    EXPECT_EQ(0u, intel.exifThumbSize);
+    EXPECT_TRUE(log.Contains("dwNum:[1], bIsInterOrder[1]"));
+    EXPECT_TRUE(log.Contains("m_InFileInfo.uOrientation [6], tmpOrientation[6]"));
+
+    QRBJpegHeaderInfo motorola = ParseExif(kMotorolaOrientation8, 100, 1 << 20, &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(8u, motorola.orientation);
+    EXPECT_TRUE(log.Contains("dwNum:[1], bIsInterOrder[0]"));
+}
+
+TEST_F(JpegExifParserTest, OrientationOutsideOneToEightCountsAsAbsent) {
+    // Value bytes of the Intel block's entry sit at 6 + 8 + 2 + 8.
+    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 24, {0x09})).orientation);
+    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 24, {0x00})).orientation);
+    EXPECT_TRUE(log.Contains("m_InFileInfo.uOrientation [0], tmpOrientation[9]"));
+    // A LONG orientation is read as well; an ASCII one is not an orientation at all.
+    EXPECT_EQ(3u, ParseExif(Patch(kIntelOrientation6, 18,
+                                  {0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00}))
+                      .orientation);
+    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 18, {0x02})).orientation);
+}
+
+TEST_F(JpegExifParserTest, Ifd1GivesTheThumbnailsAbsoluteFileOffsetInBothByteOrders) {
+    for (const std::string& block : {kIntelWithIfd1, kMotorolaWithIfd1}) {
+        QRBJpegHeaderInfo info = ParseExif(block, 100, 1000);
+        // TIFF header at 100 + 6; the directory's offset 0x40 counts from there.
+        EXPECT_EQ(106u + 0x40u, info.exifThumbOffset);
+        EXPECT_EQ(0x20u, info.exifThumbSize);
+        // IFD0 says 1, IFD1 says 8: the picture's orientation is IFD0's.
+        EXPECT_EQ(1u, info.orientation);
+    }
+}
+
+TEST_F(JpegExifParserTest, Ifd1OrientationIsNeverThePictures) {
+    // IFD0's only entry renamed to an unrelated tag: the picture has no orientation, although
+    // IFD1 carries one.
+    const std::string noIfd0Orientation = Patch(kIntelWithIfd1, 16, {0x0E, 0x01});
+    QRBJpegHeaderInfo info = ParseExif(noIfd0Orientation, 100, 1000);
+    EXPECT_EQ(0u, info.orientation);
+    EXPECT_EQ(0x20u, info.exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, ThumbnailMustLieInsideTheFile) {
+    // Ends exactly at the end of the file: taken.
+    QRBJpegHeaderInfo exact = ParseExif(kIntelWithIfd1, 100, 106 + 0x40 + 0x20);
+    EXPECT_EQ(0x20u, exact.exifThumbSize);
+    // One byte short: refused, nothing half-set.
+    QRBJpegHeaderInfo shorter = ParseExif(kIntelWithIfd1, 100, 106 + 0x40 + 0x20 - 1);
+    EXPECT_EQ(0u, shorter.exifThumbOffset);
+    EXPECT_EQ(0u, shorter.exifThumbSize);
+    // An offset near 2^32 must not wrap around into the file.
+    const std::string huge = Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 8, {0xF0, 0xFF, 0xFF, 0xFF});
+    EXPECT_EQ(0u, ParseExif(huge, 100, 1000).exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, ZeroLengthThumbnailIsNoThumbnail) {
+    const std::string zero = Patch(kIntelWithIfd1, 6 + 26 + 2 + 24 + 8, {0x00});
+    QRBJpegHeaderInfo info = ParseExif(zero, 100, 1000);
+    EXPECT_EQ(0u, info.exifThumbOffset);
+    EXPECT_EQ(0u, info.exifThumbSize);
+    // Offset without length, and length without offset, are no thumbnail either.
+    EXPECT_EQ(0u,
+              ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 24, {0x99}), 100, 1000).exifThumbSize);
+    EXPECT_EQ(0u,
+              ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 12, {0x99}), 100, 1000).exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, ShortTypedThumbnailTagsAreRead) {
+    std::string s = Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 2, {0x03});  // offset as SHORT
+    s = Patch(s, 6 + 26 + 2 + 24 + 2, {0x03});                           // length as SHORT
+    QRBJpegHeaderInfo info = ParseExif(s, 100, 1000);
+    EXPECT_EQ(106u + 0x40u, info.exifThumbOffset);
+    EXPECT_EQ(0x20u, info.exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, DirectoryCyclesEndTheWalk) {
+    // IFD0 linking to itself.
+    QRBJpegHeaderInfo self = ParseExif(Patch(kIntelWithIfd1, 6 + 22, {0x08}), 100, 1000);
+    EXPECT_EQ(1u, self.orientation);
+    EXPECT_EQ(0u, self.exifThumbSize);
+    EXPECT_TRUE(log.Contains("IFD1 link 8 ignored"));
+    // IFD1 linking back to IFD0: its own entries are read once, the link is not followed.
+    QRBJpegHeaderInfo back = ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 36, {0x08}), 100, 1000);
+    EXPECT_EQ(0x20u, back.exifThumbSize);
+    EXPECT_EQ(1u, back.orientation);
+}
+
+TEST_F(JpegExifParserTest, EntryCountsLargerThanTheBlockReadOnlyWhatIsThere) {
+    // IFD0 claims 65535 entries; one is really there.
+    bool ok = false;
+    QRBJpegHeaderInfo info = ParseExif(Patch(kIntelWithIfd1, 6 + 8, {0xFF, 0xFF}), 100, 1000, &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(1u, info.orientation);
+    EXPECT_EQ(0u, info.exifThumbSize);  // the link would lie past the block
+    EXPECT_TRUE(log.Contains("IFD0 claims 65535 entries"));
+    // IFD1 claims 65535: its three entries inside the block are still read.
+    QRBJpegHeaderInfo ifd1 = ParseExif(Patch(kIntelWithIfd1, 6 + 26, {0xFF, 0xFF}), 100, 1000);
+    EXPECT_EQ(0x20u, ifd1.exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, DirectoryOffsetsOutsideTheBlockAreRefused) {
+    bool ok = true;
+    ParseExif(Patch(kIntelOrientation6, 6 + 4, {0xFF, 0x7F}), 100, 1000, &ok);  // IFD0 at 32767
+    EXPECT_FALSE(ok);
+    EXPECT_TRUE(log.Contains("Wrong EXIF Foramt or Wrong Information ~!!!"));
+    ParseExif(Patch(kIntelOrientation6, 6 + 4, {0x02}), 100, 1000, &ok);  // inside the header
+    EXPECT_FALSE(ok);
+    // IFD1 past the block: IFD0 is still good.
+    QRBJpegHeaderInfo info = ParseExif(Patch(kIntelWithIfd1, 6 + 22, {0xF0, 0x0F}), 100, 1000, &ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(1u, info.orientation);
+    EXPECT_EQ(0u, info.exifThumbSize);
+}
+
+TEST_F(JpegExifParserTest, RefusesBlocksThatAreNotExif) {
+    bool ok = true;
+    ParseExif(std::string("http://ns.adobe.com/xap/1.0/\0", 29), 100, 1000, &ok);
+    EXPECT_FALSE(ok);
+    ParseExif(Patch(kIntelOrientation6, 6, {'I', 'M'}), 100, 1000, &ok);  // no byte order
+    EXPECT_FALSE(ok);
+    ParseExif(Patch(kIntelOrientation6, 8, {0x2B}), 100, 1000, &ok);  // not 42
+    EXPECT_FALSE(ok);
+    ParseExif(kIntelOrientation6.substr(0, 6 + 7), 100, 1000, &ok);  // TIFF header cut short
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(3, log.Count("Wrong EXIF Foramt or Wrong Information ~!!!"));
+}
+
+TEST_F(JpegExifParserTest, EveryTruncationOfABlockIsSafe) {
+    // Cut at every length: no read past the end (ASan checks), and only complete data counts.
+    for (const std::string& block : {kIntelWithIfd1, kMotorolaWithIfd1}) {
+        for (size_t n = 0; n <= block.size(); ++n) {
+            const std::string cut = block.substr(0, n);
+            QRBJpegHeaderInfo info = ParseExif(cut, 100, 1000);
+            if (n < block.size() - 4) {
+                EXPECT_EQ(0u, info.exifThumbSize) << n;
+            }
+        }
+    }
+}
+
+// --- Marker walk -------------------------------------------------------------------------
+
+int Walk(const std::string& bytes, QRBJpegHeaderInfo* info) {
+    ScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
+    if (!fp) return -2;
+    return CQRBJpegHeaderParser::ParseMarkers(fp.get(), bytes.size(), info);
+}
+
+// SOF0 of 160 x 120, then a scan.
+const std::string kSof0 =
+    Bytes({0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x00, 0x78, 0x00, 0xA0, 0x01, 0x01, 0x11, 0x00});
+const std::string kSos = Bytes({0xFF, 0xDA, 0x00, 0x08, 0x01, 0x01, 0x00, 0x00, 0x3F, 0x00});
+const std::string kSoi = Bytes({0xFF, 0xD8});
+const std::string kEoi = Bytes({0xFF, 0xD9});
+
+std::string Segment(int marker, const std::string& payload) {
+    const size_t length = payload.size() + 2;
+    return Bytes({0xFF, marker, static_cast<int>(length >> 8), static_cast<int>(length & 0xFF)}) +
+           payload;
+}
+
+class JpegMarkerWalkTest : public ::testing::Test {
+protected:
+    qrbtest::LogCapture log;
+    QRBJpegHeaderInfo info;
+};
+
+TEST_F(JpegMarkerWalkTest, ReadsTheFirstFrameHeader) {
+    EXPECT_EQ(0, Walk(kSoi + Segment(0xE0, "JFIF\0abcdefghi") + kSof0 + kSos + kEoi, &info));
+    EXPECT_TRUE(info.hasFrame);
+    EXPECT_EQ(160u, info.width);
+    EXPECT_EQ(120u, info.height);
+    // SOF1 and SOF2 count as frame headers too.
+    for (int sof : {0xC1, 0xC2}) {
+        std::string frame = kSof0;
+        frame[1] = static_cast<char>(sof);
+        EXPECT_EQ(0, Walk(kSoi + frame + kSos, &info));
+        EXPECT_EQ(160u, info.width);
+    }
+}
+
+TEST_F(JpegMarkerWalkTest, OtherFrameTypesLeaveNoSize) {
+    std::string lossless = kSof0;
+    lossless[1] = static_cast<char>(0xC3);
+    EXPECT_EQ(-1, Walk(kSoi + lossless + kSos + kEoi, &info));
+    EXPECT_FALSE(info.hasFrame);
+    EXPECT_TRUE(log.Contains("marker 0xDA before any frame header"));
+}
+
+TEST_F(JpegMarkerWalkTest, RefusesWhatIsNoJpeg) {
+    EXPECT_EQ(-1, Walk(std::string("\x89PNG\r\n\x1a\n", 8), &info));
+    EXPECT_EQ(-1, Walk(kSoi.substr(0, 1), &info));
+    EXPECT_TRUE(log.Contains("ERROR FOR READ THE FILE, errno is:"));
+    EXPECT_EQ(-1, Walk(kSoi + kEoi, &info));
+}
+
+TEST_F(JpegMarkerWalkTest, LengthsBelowTwoEndTheWalk) {
+    for (int length : {0, 1}) {
+        log.Clear();
+        EXPECT_EQ(-1, Walk(kSoi + Bytes({0xFF, 0xE0, 0x00, length}) + kSof0, &info));
+        EXPECT_TRUE(log.Contains("marker 0xE0 with length " + std::to_string(length)));
+    }
+    // Length 2 is an empty segment: legal, and the walk goes on.
+    EXPECT_EQ(0, Walk(kSoi + Bytes({0xFF, 0xE0, 0x00, 0x02}) + kSof0, &info));
+}
+
+TEST_F(JpegMarkerWalkTest, SegmentsRunningPastTheEndFail) {
+    EXPECT_EQ(-1, Walk(kSoi + Bytes({0xFF, 0xE1, 0xFF, 0xFF, 'E', 'x'}), &info));
+    EXPECT_TRUE(log.Contains("marker 0xE1 runs past the end of the file"));
+    // A frame header cut inside its fields.
+    EXPECT_EQ(-1, Walk(kSoi + kSof0.substr(0, 7), &info));
+}
+
+TEST_F(JpegMarkerWalkTest, SkipsFillBytesStandaloneMarkersAndGarbage) {
+    const std::string bytes = kSoi + Bytes({0xFF, 0xFF, 0xFF}) + Segment(0xFE, "note") +
+                              Bytes({0x12, 0x34, 0xFF, 0x00, 0xFF, 0xD3, 0xFF, 0x01}) + kSof0;
+    EXPECT_EQ(0, Walk(bytes, &info));
+    EXPECT_EQ(120u, info.height);
+}
+
+TEST_F(JpegMarkerWalkTest, ManySegmentsBeforeTheFrameAreRefused) {
+    std::string bytes = kSoi;
+    for (int i = 0; i < CQRBJpegHeaderParser::kMaxSegments + 10; ++i)
+        bytes += Bytes({0xFF, 0xFE, 0x00, 0x02});
+    EXPECT_EQ(-1, Walk(bytes + kSof0, &info));
+    EXPECT_TRUE(log.Contains("segments before the frame header"));
+    // A few hundred are fine.
+    std::string fewer = kSoi;
+    for (int i = 0; i < 300; ++i) fewer += Bytes({0xFF, 0xFE, 0x00, 0x02});
+    EXPECT_EQ(0, Walk(fewer + kSof0, &info));
+}
+
+TEST_F(JpegMarkerWalkTest, ReadsTheFirstExifBlockOnly) {
+    const std::string first = Patch(kIntelOrientation6, 24, {0x03});
+    const std::string bytes =
+        kSoi + Segment(0xE1, first) + Segment(0xE1, kIntelOrientation6) + kSof0;
+    EXPECT_EQ(0, Walk(bytes, &info));
+    EXPECT_EQ(3u, info.orientation);
+}
+
+TEST_F(JpegMarkerWalkTest, ThumbnailOffsetCountsFromTheTiffHeaderInTheFile) {
+    // APP1 payload starts at 2 (SOI) + 4 (marker, length) = 6; TIFF header at 12. The IFD1
+    // offset 0x50 then points at a real embedded JPEG placed right there.
+    std::string payload = Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 8, {0x50});
+    payload.resize(6 + 0x50, '\0');
+    const std::string thumb = kSoi + kSof0 + kEoi;
+    payload += thumb;
+    payload = Patch(payload, 6 + 26 + 2 + 24 + 8, {static_cast<int>(thumb.size())});
+    const std::string bytes = kSoi + Segment(0xE1, payload) + kSof0;
+    ASSERT_EQ(0, Walk(bytes, &info));
+    EXPECT_EQ(12u + 0x50u, info.exifThumbOffset);
+    EXPECT_EQ(thumb.size(), info.exifThumbSize);
+    EXPECT_EQ(thumb, bytes.substr(info.exifThumbOffset, info.exifThumbSize));
+}
+
+TEST_F(JpegMarkerWalkTest, ShortOrBrokenExifIsLoggedAndSkipped) {
+    EXPECT_EQ(0, Walk(kSoi + Segment(0xE1, "Exif\0") + kSof0, &info));
+    EXPECT_TRUE(log.Contains("Error : exifbufsize < 10 failed###"));
+    EXPECT_FALSE(info.hasExif);
+    EXPECT_EQ(
+        0, Walk(kSoi + Segment(0xE1, kExifId + std::string("XX*\0\x08\0\0\0", 8)) + kSof0, &info));
+    EXPECT_TRUE(log.Contains("Wrong EXIF Foramt or Wrong Information ~!!!"));
+    EXPECT_EQ(160u, info.width);
+}
+
+TEST_F(JpegMarkerWalkTest, FileEndingAfterItsExifBlockSaysSo) {
+    EXPECT_EQ(-1, Walk(kSoi + Segment(0xE1, kIntelOrientation6), &info));
+    EXPECT_TRUE(log.Contains("Only exif header in this file, errno is : "));
+}
+
+TEST_F(JpegMarkerWalkTest, App2HoldingAJpegIsTheLargeThumbnail) {
+    const std::string embedded = kSoi + kSof0 + kEoi;
+    const std::string icc = Segment(0xE2, std::string("ICC_PROFILE\0\x01\x01", 14) + "profile");
+    const std::string bytes =
+        kSoi + icc + Segment(0xE2, embedded) + Segment(0xE2, kSoi + Bytes({0xFF, 0xD9})) + kSof0;
+    ASSERT_EQ(0, Walk(bytes, &info));
+    EXPECT_EQ(2u + icc.size() + 4u, info.largeThumbOffset);  // where its SOI is
+    EXPECT_EQ(embedded.size(), info.largeThumbSize);
+    EXPECT_EQ(embedded, bytes.substr(info.largeThumbOffset, info.largeThumbSize));
+}
+
+TEST_F(JpegMarkerWalkTest, EveryTruncationOfAFileEnds) {
+    std::string exif = kIntelWithIfd1;
+    exif.resize(6 + 0x60, '\0');
+    const std::string bytes =
+        kSoi + Segment(0xE1, exif) + Segment(0xE2, kSoi + kSof0 + kEoi) + kSof0 + kSos + kEoi;
+    for (size_t n = 0; n < bytes.size(); ++n) {
+        const int ret = Walk(bytes.substr(0, n), &info);
+        // Only a cut after the whole frame header may succeed.
+        if (n < bytes.size() - kSos.size() - kEoi.size()) {
+            EXPECT_EQ(-1, ret) << n;
+        }
+    }
+}
+
+// --- Size of an embedded JPEG ------------------------------------------------------------
+
+int PictureSize(const std::string& bytes, uint64_t offset, uint64_t end, uint32_t* w, uint32_t* h) {
+    ScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
+    if (!fp) return -2;
+    return CQRBJpegHeaderParser::ParsePictureSize(fp.get(), offset, end, w, h);
+}
+
+TEST(JpegPictureSizeTest, FindsTheFrameOfAnEmbeddedJpeg) {
+    const std::string prefix = "padding!";
+    const std::string bytes = prefix + kSoi + Segment(0xDB, std::string(65, '\1')) + kSof0 + kEoi;
+    uint32_t w = 0;
+    uint32_t h = 0;
+    ASSERT_EQ(0, PictureSize(bytes, prefix.size(), bytes.size(), &w, &h));
+    EXPECT_EQ(160u, w);
+    EXPECT_EQ(120u, h);
+    // With a fill byte before a marker.
+    const std::string filled = kSoi + Bytes({0xFF}) + kSof0;
+    ASSERT_EQ(0, PictureSize(filled, 0, filled.size(), &w, &h));
+}
+
+TEST(JpegPictureSizeTest, NeedsSoiAndAFrameInsideItsRange) {
+    uint32_t w = 0;
+    uint32_t h = 0;
+    EXPECT_EQ(-1, PictureSize(kSof0 + kEoi, 0, 15, &w, &h));         // no SOI
+    EXPECT_EQ(-1, PictureSize(kSoi + kEoi + kSof0, 0, 19, &w, &h));  // EOI first
+    EXPECT_EQ(-1, PictureSize(kSoi + kSos + kSof0, 0, 25, &w, &h));  // scan first
+    const std::string whole = kSoi + kSof0;
+    EXPECT_EQ(-1, PictureSize(whole, 0, 10, &w, &h));  // range ends early
+    EXPECT_EQ(-1, PictureSize(whole, 5, 5, &w, &h));   // empty range
+    EXPECT_EQ(-1, PictureSize(kSoi + Bytes({0xFF, 0xE0, 0x00, 0x00}) + kSof0, 0, 23, &w, &h));
+    EXPECT_EQ(-1, PictureSize(kSoi + Bytes({0xFF, 0xE0, 0x40, 0x00}) + kSof0, 0, 23, &w, &h));
+    EXPECT_EQ(-1, PictureSize(kSoi + Bytes({0x00, 0x00}) + kSof0, 0, 23, &w, &h));
+}
+
+}  // namespace

@@ -1,0 +1,295 @@
+// Hostile pictures: headers that declare huge pictures over a few bytes, genuine large
+// pictures, endless progressive scans, truncation, zero-length markers and directory cycles.
+// Each file is decoded in a fresh child process, which checks its own peak resident memory
+// (getrusage ru_maxrss, before and after) against the 128 MiB the decoder promises to stay
+// under; the parent checks the outcome. This bounds memory, not speed: no timing is asserted
+// (an alarm only turns a hang into a failure).
+#include "image-decoder/qrb_picture_test_support.h"
+
+#include "qrb_test_jpeg_writer.h"
+
+#include <gtest/gtest.h>
+#include <png.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QRB_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QRB_SANITIZED 1
+#endif
+#endif
+#ifndef QRB_SANITIZED
+#define QRB_SANITIZED 0
+#endif
+
+namespace {
+
+using qrbpicturetest::Decode;
+using qrbpicturetest::PngChunk;
+using qrbpicturetest::PngWithHeader;
+using qrbpicturetest::ScratchDir;
+using qrbtest::JpegSpec;
+using qrbtest::MakeJpeg;
+
+constexpr long kMemoryBoundKb = 128 * 1024;
+
+enum class Expect { kFails, kDecodes, kEither };
+
+// Child exit codes, as bits.
+constexpr int kGrewTooMuch = 1;
+constexpr int kPeakTooHigh = 2;
+constexpr int kDecodedUnexpectedly = 4;
+constexpr int kFailedUnexpectedly = 8;
+
+// Decodes url at w x h in a fresh process. 0 when the child met every expectation.
+int DecodeInChild(const std::string& url, int w, int h, Expect expect, long* growthKb) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        close(fds[0]);
+        alarm(120);  // a hang fails the test instead of stalling it
+        struct rusage before;
+        getrusage(RUSAGE_SELF, &before);
+        qrb_picture_thumb_param param;
+        param.width = w;
+        param.height = h;
+        int outW = 0;
+        int outH = 0;
+        unsigned char* buffer =
+            CQRBImageProcessor::GetThumbnailBuffer(url.c_str(), param, &outW, &outH, nullptr);
+        const bool decoded = buffer != nullptr;
+        struct rusage after;
+        getrusage(RUSAGE_SELF, &after);
+        std::free(buffer);
+        const long growth = after.ru_maxrss - before.ru_maxrss;
+        int code = 0;
+        if (growth >= kMemoryBoundKb) code |= kGrewTooMuch;
+        // Sanitizers keep shadow memory and freed blocks resident: only the growth counts there.
+        if (!QRB_SANITIZED && after.ru_maxrss >= kMemoryBoundKb) code |= kPeakTooHigh;
+        if (expect == Expect::kFails && decoded) code |= kDecodedUnexpectedly;
+        if (expect == Expect::kDecodes && !decoded) code |= kFailedUnexpectedly;
+        if (write(fds[1], &growth, sizeof(growth)) != sizeof(growth)) code |= 64;
+        _exit(code);
+    }
+    close(fds[1]);
+    long growth = -1;
+    if (read(fds[0], &growth, sizeof(growth)) != sizeof(growth)) growth = -1;
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    *growthKb = growth;
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return WEXITSTATUS(status);
+}
+
+// A JPEG whose frame header says w x h, followed by junk instead of image data.
+std::string JpegOverJunk(int w, int h, bool progressive, size_t junkBytes) {
+    JpegSpec spec;
+    spec.width = 16;
+    spec.height = 16;
+    spec.progressive = progressive;
+    std::string bytes = MakeJpeg(spec);
+    const size_t sof = bytes.find(progressive ? "\xFF\xC2" : "\xFF\xC0");
+    bytes[sof + 5] = static_cast<char>(h >> 8);
+    bytes[sof + 6] = static_cast<char>(h & 0xFF);
+    bytes[sof + 7] = static_cast<char>(w >> 8);
+    bytes[sof + 8] = static_cast<char>(w & 0xFF);
+    const size_t sos = bytes.find("\xFF\xDA");
+    const size_t scanStart = sos + 2 +
+                             ((static_cast<unsigned char>(bytes[sos + 2]) << 8) |
+                              static_cast<unsigned char>(bytes[sos + 3]));
+    std::string junk;
+    uint32_t x = 12345;
+    for (size_t i = 0; i < junkBytes; ++i) {
+        x = x * 1103515245u + 12345u;
+        const char c = static_cast<char>(x >> 24);
+        junk.push_back(c == '\xFF' ? '\x7F' : c);  // no markers in the junk
+    }
+    return bytes.substr(0, scanStart) + junk;
+}
+
+// A tiny multi-scan JPEG whose last scan is repeated `copies` times before its EOI. Repeated
+// progressive scans break the progression (a warning for every coefficient); repeated
+// sequential scans are legal, so only the scan count can stop them.
+std::string EndlessScans(int copies, bool progressive) {
+    JpegSpec spec;
+    spec.width = 16;
+    spec.height = 16;
+    spec.progressive = progressive;
+    spec.sequentialScans = !progressive;
+    const std::string bytes = MakeJpeg(spec);
+    const size_t lastSos = bytes.rfind("\xFF\xDA");
+    const size_t eoi = bytes.rfind("\xFF\xD9");
+    const std::string scan = bytes.substr(lastSos, eoi - lastSos);
+    std::string out = bytes.substr(0, eoi);
+    for (int i = 0; i < copies; ++i) out += scan;
+    return out + bytes.substr(eoi);
+}
+
+// A genuine large PNG, written row by row with libpng (fast compression, a few colours).
+struct PngJob {
+    png_structp png;
+    png_infop info;
+    std::string* out;
+    std::vector<png_byte>* row;
+    uint32_t w;
+    uint32_t h;
+};
+void Append(png_structp png, png_bytep data, png_size_t n) {
+    static_cast<std::string*>(png_get_io_ptr(png))->append(reinterpret_cast<const char*>(data), n);
+}
+void NoFlush(png_structp) {}
+void PngFail(png_structp png, png_const_charp) { png_longjmp(png, 1); }
+bool GuardedLargePng(PngJob* job) {
+    if (setjmp(png_jmpbuf(job->png))) return false;
+    png_set_write_fn(job->png, job->out, Append, NoFlush);
+    png_set_compression_level(job->png, 1);
+    png_set_IHDR(job->png, job->info, job->w, job->h, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(job->png, job->info);
+    for (uint32_t y = 0; y < job->h; ++y) {
+        png_byte* p = job->row->data();
+        for (uint32_t x = 0; x < job->w; ++x, p += 3) {
+            p[0] = x < job->w / 2 ? 255 : 0;
+            p[1] = y < job->h / 2 ? 255 : 0;
+            p[2] = 64;
+        }
+        png_write_row(job->png, job->row->data());
+    }
+    png_write_end(job->png, nullptr);
+    return true;
+}
+std::string LargePng(uint32_t w, uint32_t h) {
+    std::string out;
+    std::vector<png_byte> row(static_cast<size_t>(w) * 3);
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, PngFail, nullptr);
+    png_infop info = png_create_info_struct(png);
+    PngJob job{png, info, &out, &row, w, h};
+    const bool ok = GuardedLargePng(&job);
+    png_destroy_write_struct(&png, &info);
+    return ok ? out : std::string();
+}
+
+std::string Le16(uint32_t v) {
+    return std::string{static_cast<char>(v), static_cast<char>(v >> 8)};
+}
+std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+
+// A BMP info header declaring w x h at bpp with the given compression and data.
+std::string BmpOver(int32_t w, int32_t h, uint32_t bpp, uint32_t compression,
+                    const std::string& data) {
+    std::string palette;
+    if (bpp <= 8) {
+        for (uint32_t i = 0; i < (1u << bpp); ++i) palette += Le32(i * 0x010101u);
+    }
+    const uint32_t offset = 14 + 40 + static_cast<uint32_t>(palette.size());
+    std::string header = Le32(40) + Le32(static_cast<uint32_t>(w)) +
+                         Le32(static_cast<uint32_t>(h)) + Le16(1) + Le16(bpp) + Le32(compression) +
+                         Le32(0) + Le32(2835) + Le32(2835) + Le32(0) + Le32(0);
+    return "BM" + Le32(0) + Le32(0) + Le32(offset) + header + palette + data;
+}
+
+std::string Describe(int code) {
+    std::string s;
+    if (code & kGrewTooMuch) s += " resident memory grew past 128 MiB;";
+    if (code & kPeakTooHigh) s += " peak resident memory past 128 MiB;";
+    if (code & kDecodedUnexpectedly) s += " decoded but should have failed;";
+    if (code & kFailedUnexpectedly) s += " failed but should have decoded;";
+    if (code >= 128) s += " killed by signal " + std::to_string(code - 128);
+    return s;
+}
+
+class PictureHostileInputTest : public ::testing::Test {
+protected:
+    void Check(const std::string& name, const std::string& bytes, Expect expect, int w = 320,
+               int h = 240) {
+        ASSERT_FALSE(bytes.empty()) << name;
+        const std::string url = "file://" + scratch.Write(name, bytes);
+        long growthKb = -1;
+        const int code = DecodeInChild(url, w, h, expect, &growthKb);
+        EXPECT_EQ(0, code) << name << ":" << Describe(code);
+        std::printf("%-28s resident growth %ld KiB\n", name.c_str(), growthKb);
+    }
+    ScratchDir scratch;
+};
+
+TEST_F(PictureHostileInputTest, HugePngHeadersOverJunk) {
+    const std::string junk = PngChunk("IDAT", std::string(4096, '\x33')) + PngChunk("IEND", "");
+    Check("png-30000.png", PngWithHeader(30000, 30000, junk), Expect::kFails);
+    // Under the pixel bound (100 megapixels), the junk fails the first row.
+    Check("png-10000.png", PngWithHeader(10000, 10000, junk), Expect::kFails);
+    // Valid compressed data that stops after a few rows.
+    const std::string few = LargePng(10000, 8);
+    const size_t ihdrEnd = 8 + 25;
+    Check("png-short-data.png", PngWithHeader(10000, 10000, few.substr(ihdrEnd)), Expect::kFails);
+}
+
+TEST_F(PictureHostileInputTest, GenuineLargePngIsReducedNotHeldWhole) {
+    // 8000 x 6000: 183 MiB as one ARGB raster, which the decoder must never allocate.
+    const std::string png = LargePng(8000, 6000);
+    Check("png-large.png", png, Expect::kDecodes);
+    // Even for a 4096 x 3072 output (48 MiB), the planes stay within their own bound.
+    Check("png-large-big-output.png", png, Expect::kDecodes, 4096, 3072);
+}
+
+TEST_F(PictureHostileInputTest, HugeBmpHeaders) {
+    Check("bmp-30000.bmp", BmpOver(30000, 30000, 24, 0, std::string(64, '\x10')), Expect::kFails);
+    Check("bmp-30000-topdown.bmp", BmpOver(30000, -30000, 32, 0, std::string(64, '\x10')),
+          Expect::kFails);
+    // Run-length data can declare a big picture in a few bytes: decoded (mostly black), quickly.
+    const std::string rle = std::string("\x05\x07\x00\x00\x00\x02\xFF\xFF\x05\x07\x00\x01", 12);
+    Check("bmp-rle-16000.bmp", BmpOver(16000, 16000, 8, 1, rle), Expect::kDecodes);
+    Check("bmp-3000000.bmp", BmpOver(3000000, 2000000, 24, 0, ""), Expect::kFails);
+}
+
+TEST_F(PictureHostileInputTest, HugeJpegFramesOverJunk) {
+    Check("jpeg-65500.jpg", JpegOverJunk(65500, 65500, false, 4096), Expect::kFails);
+    Check("jpeg-65500-progressive.jpg", JpegOverJunk(65500, 65500, true, 4096), Expect::kFails);
+    // Whole-picture coefficients of 8000 x 8000 would take about 190 MiB: refused up front.
+    Check("jpeg-8000-progressive.jpg", JpegOverJunk(8000, 8000, true, 4096), Expect::kFails);
+    // Inside every bound: libjpeg works through the junk, with warnings, and gives up or not.
+    Check("jpeg-12000-junk.jpg", JpegOverJunk(12000, 9000, false, 1 << 16), Expect::kEither);
+}
+
+TEST_F(PictureHostileInputTest, JpegsWithThousandsOfScans) {
+    Check("jpeg-5000-progressive.jpg", EndlessScans(5000, true), Expect::kFails, 16, 16);
+    Check("jpeg-5000-sequential.jpg", EndlessScans(5000, false), Expect::kFails, 16, 16);
+    // A few hundred legal scans are let through.
+    Check("jpeg-500-sequential.jpg", EndlessScans(500, false), Expect::kDecodes, 16, 16);
+}
+
+TEST_F(PictureHostileInputTest, TruncatedMalformedAndCyclicFiles) {
+    JpegSpec spec;
+    spec.width = 640;
+    spec.height = 480;
+    spec.thumbWidth = 80;
+    spec.thumbHeight = 60;
+    const std::string jpeg = MakeJpeg(spec);
+    for (size_t cut : {size_t{3}, size_t{40}, jpeg.size() / 3, jpeg.size() - 2}) {
+        Check("jpeg-cut-" + std::to_string(cut) + ".jpg", jpeg.substr(0, cut), Expect::kEither);
+    }
+    // A zero-length marker right after SOI.
+    Check("jpeg-zero-marker.jpg", std::string("\xFF\xD8\xFF\xE0\x00\x00", 6) + jpeg.substr(2),
+          Expect::kFails);
+    // IFD0 (no entries here) linking to itself: no thumbnail, the picture is decoded.
+    std::string cyclic = jpeg;
+    const size_t tiff = cyclic.find("Exif") + 6;
+    cyclic[tiff + 10] = 8;  // little-endian link right after IFD0's entry count
+    Check("jpeg-ifd-cycle.jpg", cyclic, Expect::kDecodes, 64, 48);
+    // PNG and BMP cut short.
+    Check("png-cut.png", LargePng(300, 200).substr(0, 500), Expect::kFails);
+    Check("bmp-cut.bmp", BmpOver(300, 200, 24, 0, std::string(1000, '\x40')), Expect::kFails);
+}
+
+}  // namespace

@@ -1,0 +1,274 @@
+#include "qrb_test_jpeg_writer.h"
+
+#include "qrb_scoped.h"
+
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <jpeglib.h>
+
+namespace qrbtest {
+
+namespace {
+
+struct WriterError {
+    jpeg_error_mgr pub;
+    jmp_buf jump;
+};
+
+void WriterErrorExit(j_common_ptr cinfo) {
+    char text[JMSG_LENGTH_MAX];
+    (*cinfo->err->format_message)(cinfo, text);
+    std::fprintf(stderr, "test JPEG writer: %s\n", text);
+    std::longjmp(reinterpret_cast<WriterError*>(cinfo->err)->jump, 1);
+}
+
+void DestroyCompress(jpeg_compress_struct* cinfo) { jpeg_destroy_compress(cinfo); }
+using ScopedCompress = QRBScoped<jpeg_compress_struct, DestroyCompress>;
+
+void FreeBytes(unsigned char* p) { std::free(p); }
+using ScopedJpegBytes = QRBScoped<unsigned char, FreeBytes>;
+
+// Everything the guarded frame touches: C state and raw pointers owned by the caller.
+struct CompressJob {
+    const JpegSpec* spec;
+    jpeg_compress_struct* cinfo;
+    WriterError* err;
+    unsigned char** out;
+    unsigned long* outSize;
+    unsigned char* row;
+    const unsigned char* app1;
+    unsigned int app1Size;
+    const unsigned char* app2;
+    unsigned int app2Size;
+    jpeg_scan_info scans[4];  // the scan script of sequentialScans
+};
+
+uint8_t Luma(JpegColor c) { return static_cast<uint8_t>((77 * c.r + 150 * c.g + 29 * c.b) >> 8); }
+
+// The only frame that holds a jump target: libjpeg errors land here and nothing with a
+// destructor lives in it.
+bool CompressGuarded(CompressJob* job) {
+    jpeg_compress_struct* cinfo = job->cinfo;
+    const JpegSpec& spec = *job->spec;
+    if (setjmp(job->err->jump)) return false;
+    jpeg_create_compress(cinfo);
+    jpeg_mem_dest(cinfo, job->out, job->outSize);
+    cinfo->image_width = static_cast<JDIMENSION>(spec.width);
+    cinfo->image_height = static_cast<JDIMENSION>(spec.height);
+    int components = 3;
+    if (spec.grey) {
+        components = 1;
+        cinfo->in_color_space = JCS_GRAYSCALE;
+    } else if (spec.cmyk) {
+        components = 4;
+        cinfo->in_color_space = JCS_CMYK;
+    } else {
+        cinfo->in_color_space = JCS_RGB;
+    }
+    cinfo->input_components = components;
+    jpeg_set_defaults(cinfo);
+    if (spec.cmyk) jpeg_set_colorspace(cinfo, spec.ycck ? JCS_YCCK : JCS_CMYK);
+    jpeg_set_quality(cinfo, spec.quality, TRUE);
+    if (spec.progressive) jpeg_simple_progression(cinfo);
+    if (spec.sequentialScans && !spec.progressive) {
+        for (int c = 0; c < cinfo->num_components; ++c) {
+            jpeg_scan_info& scan = job->scans[c];
+            scan.comps_in_scan = 1;
+            scan.component_index[0] = c;
+            scan.Ss = 0;
+            scan.Se = 63;
+            scan.Ah = 0;
+            scan.Al = 0;
+        }
+        cinfo->scan_info = job->scans;
+        cinfo->num_scans = cinfo->num_components;
+    }
+    // An EXIF file starts with its APP1, as cameras write it.
+    if (job->app1Size > 0) cinfo->write_JFIF_header = FALSE;
+    jpeg_start_compress(cinfo, TRUE);
+    if (job->app1Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->app1, job->app1Size);
+    if (job->app2Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 2, job->app2, job->app2Size);
+    while (cinfo->next_scanline < cinfo->image_height) {
+        const int y = static_cast<int>(cinfo->next_scanline);
+        unsigned char* p = job->row;
+        for (int x = 0; x < spec.width; ++x) {
+            const JpegColor c = PatternColor(spec, x, y);
+            if (components == 1) {
+                *p++ = Luma(c);
+            } else {
+                *p++ = c.r;
+                *p++ = c.g;
+                *p++ = c.b;
+                if (components == 4) *p++ = 0;
+            }
+        }
+        JSAMPROW rows[1] = {job->row};
+        jpeg_write_scanlines(cinfo, rows, 1);
+    }
+    jpeg_finish_compress(cinfo);
+    return true;
+}
+
+void Put16(std::string& s, unsigned v, bool big) {
+    if (big) {
+        s.push_back(static_cast<char>(v >> 8));
+        s.push_back(static_cast<char>(v));
+    } else {
+        s.push_back(static_cast<char>(v));
+        s.push_back(static_cast<char>(v >> 8));
+    }
+}
+
+void Put32(std::string& s, uint32_t v, bool big) {
+    if (big) {
+        Put16(s, v >> 16, true);
+        Put16(s, v & 0xFFFF, true);
+    } else {
+        Put16(s, v & 0xFFFF, false);
+        Put16(s, v >> 16, false);
+    }
+}
+
+struct IfdEntry {
+    unsigned tag;
+    unsigned type;  // 3 SHORT, 4 LONG
+    uint32_t value;
+};
+
+void PutEntry(std::string& s, const IfdEntry& e, bool big) {
+    Put16(s, e.tag, big);
+    Put16(s, e.type, big);
+    Put32(s, 1, big);
+    if (e.type == 3) {
+        Put16(s, e.value, big);  // a SHORT sits in the first two bytes of the value field
+        Put16(s, 0, big);
+    } else {
+        Put32(s, e.value, big);
+    }
+}
+
+}  // namespace
+
+JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
+    switch (spec.pattern) {
+        case JpegPattern::kSolid:
+            return spec.color;
+        case JpegPattern::kQuadrants: {
+            const bool right = x >= spec.width / 2;
+            const bool bottom = y >= spec.height / 2;
+            if (!bottom) return right ? JpegColor{0, 255, 0} : JpegColor{255, 0, 0};
+            return right ? JpegColor{255, 255, 255} : JpegColor{0, 0, 255};
+        }
+        case JpegPattern::kGradient: {
+            const int w = spec.width > 1 ? spec.width - 1 : 1;
+            const int h = spec.height > 1 ? spec.height - 1 : 1;
+            return JpegColor{static_cast<uint8_t>(x * 255 / w), static_cast<uint8_t>(y * 255 / h),
+                             spec.color.b};
+        }
+    }
+    return spec.color;
+}
+
+std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
+    const bool big = spec.bigEndian;
+    std::vector<IfdEntry> ifd0;
+    if (spec.orientation != 0) {
+        ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
+    }
+    const bool hasIfd1 = !thumbnail.empty();
+    std::vector<IfdEntry> ifd1;
+    const uint32_t ifd0Offset = 8;
+    const uint32_t ifd1Offset = ifd0Offset + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
+    if (hasIfd1) {
+        ifd1.push_back({0x0103, 3, 6});  // Compression: JPEG
+        if (spec.thumbOrientation != 0) {
+            ifd1.push_back({0x0112, 3, static_cast<uint32_t>(spec.thumbOrientation)});
+        }
+        const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4 + (spec.thumbOrientation ? 12 : 0);
+        ifd1.push_back({0x0201, 4, dataOffset});
+        ifd1.push_back({0x0202, 4, static_cast<uint32_t>(thumbnail.size())});
+    }
+
+    std::string tiff = big ? std::string("MM", 2) : std::string("II", 2);
+    Put16(tiff, 42, big);
+    Put32(tiff, ifd0Offset, big);
+    Put16(tiff, static_cast<unsigned>(ifd0.size()), big);
+    for (const IfdEntry& e : ifd0) PutEntry(tiff, e, big);
+    Put32(tiff, hasIfd1 ? ifd1Offset : 0, big);
+    if (hasIfd1) {
+        Put16(tiff, static_cast<unsigned>(ifd1.size()), big);
+        for (const IfdEntry& e : ifd1) PutEntry(tiff, e, big);
+        Put32(tiff, 0, big);
+        tiff += thumbnail;
+    }
+
+    std::string payload = std::string("Exif\0\0", 6) + tiff;
+    std::string segment = "\xFF\xE1";
+    Put16(segment, static_cast<unsigned>(payload.size() + 2), true);
+    return segment + payload;
+}
+
+std::string MakeJpeg(const JpegSpec& spec) {
+    if (spec.width <= 0 || spec.height <= 0) return std::string();
+
+    std::string thumbnail;
+    if (spec.thumbWidth > 0 && spec.thumbHeight > 0) {
+        JpegSpec t;
+        t.width = spec.thumbWidth;
+        t.height = spec.thumbHeight;
+        t.color = spec.thumbColor;
+        thumbnail = MakeJpeg(t);
+        if (thumbnail.empty()) return std::string();
+    }
+    std::string app1;
+    if (spec.exif || spec.orientation != 0 || !thumbnail.empty() || spec.thumbOrientation != 0) {
+        app1 = ExifSegment(spec, thumbnail).substr(4);  // libjpeg writes marker and length
+    }
+    std::string app2;
+    if (spec.largeThumbWidth > 0 && spec.largeThumbHeight > 0) {
+        JpegSpec t;
+        t.width = spec.largeThumbWidth;
+        t.height = spec.largeThumbHeight;
+        t.color = spec.largeThumbColor;
+        app2 = MakeJpeg(t);
+        if (app2.empty()) return std::string();
+    }
+    if (app1.size() > 65533 || app2.size() > 65533) {
+        std::fprintf(stderr, "test JPEG writer: an APP segment would exceed 64 KiB\n");
+        return std::string();
+    }
+
+    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 4);
+    jpeg_compress_struct storage;
+    std::memset(&storage, 0, sizeof(storage));
+    WriterError err;
+    storage.err = jpeg_std_error(&err.pub);
+    err.pub.error_exit = WriterErrorExit;
+    unsigned char* out = nullptr;
+    unsigned long outSize = 0;
+    bool ok;
+    {
+        ScopedCompress cinfo(&storage);
+        CompressJob job{&spec,
+                        cinfo.get(),
+                        &err,
+                        &out,
+                        &outSize,
+                        row.data(),
+                        reinterpret_cast<const unsigned char*>(app1.data()),
+                        static_cast<unsigned int>(app1.size()),
+                        reinterpret_cast<const unsigned char*>(app2.data()),
+                        static_cast<unsigned int>(app2.size()),
+                        {}};
+        ok = CompressGuarded(&job);
+    }
+    ScopedJpegBytes bytes(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free
+    if (!ok || out == nullptr) return std::string();
+    return std::string(reinterpret_cast<const char*>(out), outSize);
+}
+
+}  // namespace qrbtest

@@ -1,0 +1,68 @@
+// JPEG files for tests, written with libjpeg into memory: any size, baseline or progressive,
+// colour, grey, CMYK or YCCK, with an optional APP1 EXIF block (either byte order; IFD0
+// Orientation; an IFD1 holding a JPEG thumbnail) and an optional APP2 segment holding a larger
+// embedded JPEG. Pixels are generated one row at a time, so a 4000 x 3000 picture costs no more
+// memory than a small one.
+//
+// MakeJpeg returns the file's bytes, or an empty string when libjpeg refused the request (the
+// reason is printed to stderr).
+#ifndef QRB_TESTING_JPEG_WRITER_H
+#define QRB_TESTING_JPEG_WRITER_H
+
+#include <cstdint>
+#include <string>
+
+namespace qrbtest {
+
+struct JpegColor {
+    uint8_t r = 0;
+    uint8_t g = 0;
+    uint8_t b = 0;
+};
+
+enum class JpegPattern {
+    kSolid,      // every pixel is `color`
+    kQuadrants,  // top left red, top right green, bottom left blue, bottom right white
+    kGradient,   // red grows left to right, green top to bottom, blue is color.b
+};
+
+struct JpegSpec {
+    int width = 64;
+    int height = 48;
+    int quality = 90;
+    bool progressive = false;
+    bool sequentialScans = false;  // baseline, one scan per component instead of one interleaved
+    bool grey = false;             // one component: the luma of each pattern pixel
+    bool cmyk = false;  // four components C, M, Y, K = r, g, b, 0 (not inverted, no conversion)
+    bool ycck = false;  // with cmyk: stored as YCCK, decoded back to CMYK by libjpeg
+    JpegPattern pattern = JpegPattern::kSolid;
+    JpegColor color{200, 40, 40};
+
+    // APP1 EXIF. Written when `exif` is set or any field below asks for it.
+    bool exif = false;
+    bool bigEndian = false;  // "MM" instead of "II"
+    int orientation = 0;     // IFD0 Orientation tag, 0 = no tag (any other value is written as is)
+    int thumbWidth = 0;      // IFD1 JPEG thumbnail (solid thumbColor); 0 = no IFD1
+    int thumbHeight = 0;
+    JpegColor thumbColor{40, 200, 40};
+    int thumbOrientation = 0;  // IFD1 Orientation tag, 0 = no tag
+
+    // APP2 segment whose payload is a whole JPEG (solid largeThumbColor), as the picture
+    // decoder's large embedded thumbnail. 0 = none. Its encoding must fit one segment (64 KiB).
+    int largeThumbWidth = 0;
+    int largeThumbHeight = 0;
+    JpegColor largeThumbColor{40, 40, 200};
+};
+
+std::string MakeJpeg(const JpegSpec& spec);
+
+// The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
+JpegColor PatternColor(const JpegSpec& spec, int x, int y);
+
+// The APP1 EXIF segment MakeJpeg writes for spec (marker and length included), for tests that
+// assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).
+std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail);
+
+}  // namespace qrbtest
+
+#endif
