@@ -1,6 +1,7 @@
 #include "qrb_thumbnail_getter_factory.h"
 
 #include "qrb_exif_thumbnail_getter.h"
+#include "qrb_id3_thumbnail_getter.h"
 #include "qrb_log.h"
 
 CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
@@ -16,6 +17,7 @@ CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
         case THUMB_PICTURE: case THUMB_SERIAL_PICTURE: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE0);
         case THUMB_PICTURE_MODE2: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE2);
         case THUMB_PICTURE_MODE1: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE1);
+        case THUMB_MUSIC: case THUMB_SERIAL_MUSIC: return new CQRBID3ThumbnailGetter;
         // clang-format on
         // Video kinds (2, 15) are served by the video decoder threads, the reserved kinds by
         // nobody. The getters of the other kinds are added here as they are built.

@@ -1,0 +1,419 @@
+#include "id3-extractor/qrb_id3_extractor.h"
+
+#include "id3-extractor/qrb_music_test_support.h"
+#include "qrb_test_log.h"
+#include "qrb_test_root.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <memory>
+#include <string>
+
+// Byte literals are laid out by hand, one field after another, with what each field means
+// beside it; the formatter would put every piece on a line of its own.
+// clang-format off
+namespace {
+
+using namespace qrbmusictest;
+
+template <size_t N>
+std::string Bytes(const char (&literal)[N]) {
+    return std::string(literal, N - 1);
+}
+
+// Pictures small enough to read at a glance; what matters is that exactly these bytes come back.
+const std::string kJpegA = Bytes("\xFF\xD8" "first cover" "\xFF\xD9");
+const std::string kJpegB = Bytes("\xFF\xD8" "second cover" "\xFF\xD9");
+
+class Id3ExtractorTest : public ::testing::Test {
+protected:
+    // Extracts from a file holding bytes; the result record stays in `result`.
+    int Run(const std::string& bytes, uint32_t limit = QRBID3Extractor::kNoImageLimit) {
+        const std::string path = root.WriteFile("song.mp3", bytes);
+        QRBID3Extractor extractor(limit);
+        QRBID3* raw = nullptr;
+        const int ret = extractor.Extract(path.c_str(), &raw);
+        result.reset(raw);
+        return ret;
+    }
+    std::string Picture() const {
+        if (!result || !result->HasImage()) return std::string();
+        return std::string(reinterpret_cast<const char*>(result->puImageBuf.get()),
+                           result->uImageLength);
+    }
+
+    qrbtest::ScratchRoot root;
+    qrbtest::LogCapture log;
+    std::unique_ptr<QRBID3> result;
+};
+
+TEST_F(Id3ExtractorTest, TagSizeIsSynchsafeSevenBitsPerByte) {
+    const uint8_t size[4] = {0x01, 0x02, 0x03, 0x04};
+    EXPECT_EQ(QRBID3Extractor::m_CalculateTagTotalLength(size),
+              0x200000u + 2 * 16384 + 3 * 128 + 4);
+    const uint8_t highBitsSet[4] = {0x80, 0x80, 0x81, 0xFF};
+    EXPECT_EQ(QRBID3Extractor::m_CalculateTagTotalLength(highBitsSet), 128u + 0x7F);
+}
+
+TEST_F(Id3ExtractorTest, FrameSizesArePlainBigEndian) {
+    const uint8_t four[4] = {0x00, 0x00, 0x01, 0x00};
+    EXPECT_EQ(QRBID3Extractor::m_CalculateSize4(four), 256u);  // synchsafe would read 128
+    const uint8_t three[3] = {0x01, 0x80, 0x02};
+    EXPECT_EQ(QRBID3Extractor::m_CalculateSize3(three), 0x018002u);
+}
+
+TEST_F(Id3ExtractorTest, V23ApicAfterATextFrameGivesItsPicture) {
+    const std::string file = Bytes(
+        "ID3" "\x03\x00" "\x00" "\x00\x00\x00\x2D"            // v2.3, tag size 45
+        "TIT2" "\x00\x00\x00\x04" "\x00\x00" "\x00" "Hi!"     // 14 bytes
+        "APIC" "\x00\x00\x00\x15" "\x00\x00"                  // 10 bytes, body of 21
+        "\x00" "image/png" "\x00" "\x03" "\x00"               // Latin-1, MIME, front, ""
+        "\x89" "PNG" "\x0D\x0A\x1A\x0A");                     // the 8-byte picture
+    ASSERT_EQ(Run(file), 0);
+    EXPECT_EQ(result->nVersion, 23);
+    EXPECT_EQ(Picture(), Bytes("\x89" "PNG" "\x0D\x0A\x1A\x0A"));
+    EXPECT_TRUE(log.Contains("got validVersion PIC (v2.3)"));
+    EXPECT_TRUE(log.Contains("ulContentLength:13"));
+}
+
+TEST_F(Id3ExtractorTest, V22PicWithJpgFormatGivesItsPicture) {
+    const std::string file = Bytes(
+        "ID3" "\x02\x00" "\x00" "\x00\x00\x00\x20"            // v2.2, tag size 32
+        "TT2" "\x00\x00\x04" "\x00" "Hi!"                     // 10 bytes
+        "PIC" "\x00\x00\x10"                                  // 6 bytes, body of 16
+        "\x00" "JPG" "\x03" "\x00"                            // Latin-1, format, front, ""
+        "\xFF\xD8" "pic22!" "\xFF\xD9");                      // the 10-byte picture
+    ASSERT_EQ(Run(file), 0);
+    EXPECT_EQ(result->nVersion, 22);
+    EXPECT_EQ(Picture(), Bytes("\xFF\xD8" "pic22!" "\xFF\xD9"));
+    EXPECT_TRUE(log.Contains("got validVersion PIC (v2.2)"));
+}
+
+TEST_F(Id3ExtractorTest, V22PicInAnotherFormatEndsTheWalk) {
+    const std::string file = Id3Tag(2, V22Frame("PIC", std::string(1, '\0') + "PNG" + '\x03' +
+                                                           std::string(1, '\0') + kJpegA));
+    EXPECT_EQ(Run(file), QRB_ID3_ERR_V1_SEEK);  // no picture, and too short for ID3v1
+    EXPECT_FALSE(result->HasImage());
+}
+
+TEST_F(Id3ExtractorTest, V22PicWithUtf16DescriptionSkipsToTheZeroPair) {
+    const std::string body = Bytes("\x01" "JPG" "\x03" "\xFF\xFE" "A" "\x00" "\x00\x00") + kJpegA;
+    ASSERT_EQ(Run(Id3Tag(2, V22Frame("PIC", body))), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+// The description ends with one zero byte in Latin-1 and UTF-8, with a zero pair in UTF-16
+// (with a byte-order mark, or big-endian). The pictures start with bytes that make a wrong
+// terminator visible: a single-byte scan stops inside a UTF-16 unit, a pair scan runs on.
+struct EncodingCase {
+    const char* name;
+    std::string description;  // encoding byte, MIME, picture type and description
+};
+
+class Id3EncodingTest : public Id3ExtractorTest,
+                        public ::testing::WithParamInterface<EncodingCase> {};
+
+TEST_P(Id3EncodingTest, ApicDescriptionIsSkippedForEveryTextEncoding) {
+    ASSERT_EQ(Run(Id3Tag(3, V23Frame("APIC", GetParam().description + kJpegA))), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Encodings, Id3EncodingTest,
+    ::testing::Values(
+        EncodingCase{"Latin1", Bytes("\x00" "image/jpeg" "\x00" "\x03" "cover" "\x00")},
+        EncodingCase{"Latin1Empty", Bytes("\x00" "image/jpeg" "\x00" "\x03" "\x00")},
+        EncodingCase{"Utf16Bom", Bytes("\x01" "image/jpeg" "\x00" "\x03" "\xFF\xFE" "c" "\x00"
+                                       "o" "\x00" "\x00\x00")},
+        EncodingCase{"Utf16BomEmpty", Bytes("\x01" "image/jpeg" "\x00" "\x03" "\x00\x00")},
+        EncodingCase{"Utf16BigEndian", Bytes("\x02" "image/jpeg" "\x00" "\x03" "\x00" "c"
+                                             "\x00" "o" "\x00\x00")},
+        EncodingCase{"Utf8", Bytes("\x03" "image/jpeg" "\x00" "\x03" "caf" "\xC3\xA9" "\x00")},
+        EncodingCase{"Utf8Empty", Bytes("\x03" "image/jpeg" "\x00" "\x03" "\x00")}),
+    [](const ::testing::TestParamInfo<EncodingCase>& info) {
+        return std::string(info.param.name);
+    });
+
+TEST_F(Id3ExtractorTest, LastPictureInTheTagWins) {
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             V23Frame("APIC", ApicBody("image/jpeg", kJpegB));
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegB);
+}
+
+TEST_F(Id3ExtractorTest, PaddingEndsTheWalk) {
+    // Zero bytes after the first picture are padding: the frame behind them is never read.
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             std::string(12, '\0') +
+                             V23Frame("APIC", ApicBody("image/jpeg", kJpegB));
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, ZeroSizedFramesAreSkipped) {
+    const std::string body = Bytes("TIT2" "\x00\x00\x00\x00" "\x00\x00") +
+                             V23Frame("APIC", ApicBody("image/jpeg", kJpegA));
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, MimeTypeThatIsNotAnImageEndsTheWalkKeepingTheEarlierPicture) {
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             V23Frame("APIC", ApicBody("-->", "http://example.test/cover.jpg")) +
+                             V23Frame("APIC", ApicBody("image/jpeg", kJpegB));
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, LinkedPictureAloneGivesNoPicture) {
+    const std::string file =
+        Id3Tag(3, V23Frame("APIC", ApicBody("-->", "http://example.test/cover.jpg"))) +
+        std::string(100, 'x');
+    EXPECT_EQ(Run(file), QRB_ID3_ERR_NO_V1_TAG);
+    EXPECT_FALSE(result->HasImage());
+    EXPECT_EQ(result->uImageLength, 0u);
+}
+
+TEST_F(Id3ExtractorTest, FrameLargerThanTheRestOfTheTagEndsTheWalk) {
+    // TXXX claims 200 bytes of a tag that has 40 left; the picture behind it is never reached.
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             Bytes("TXXX" "\x00\x00\x00\xC8" "\x00\x00") + std::string(30, 'x') +
+                             V23Frame("APIC", ApicBody("image/jpeg", kJpegB));
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, FrameSizeThatWouldOverflowEndsTheWalk) {
+    // 0xFFFFFFF6 bytes: added to the bytes consumed it would wrap around; compared with what is
+    // left of the tag it is simply too large.
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             Bytes("APIC" "\xFF\xFF\xFF\xF6" "\x00\x00") + std::string(40, 'x');
+    ASSERT_EQ(Run(Id3Tag(3, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+    EXPECT_TRUE(log.Contains("frame APIC of 4294967286 bytes does not fit"));
+}
+
+TEST_F(Id3ExtractorTest, V22WalkKeepsTheLastPictureAndStopsAtPadding) {
+    const std::string body = V22Frame("PIC", PicBody(kJpegA)) +
+                             V22Frame("TT2", std::string("\0Hi", 3)) +
+                             V22Frame("PIC", PicBody(kJpegB)) + std::string(8, '\0') +
+                             V22Frame("PIC", PicBody(kJpegA));
+    ASSERT_EQ(Run(Id3Tag(2, body)), 0);
+    EXPECT_EQ(result->nVersion, 22);
+    EXPECT_EQ(Picture(), kJpegB);
+}
+
+TEST_F(Id3ExtractorTest, V22FrameLargerThanTheRestOfTheTagEndsTheWalk) {
+    const std::string body = V22Frame("PIC", PicBody(kJpegA)) + Bytes("TT2" "\x00\x01\x00") +
+                             std::string(20, 'x') + V22Frame("PIC", PicBody(kJpegB));
+    ASSERT_EQ(Run(Id3Tag(2, body)), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, PictureOfTwoBytesOrLessClearsTheEarlierOne) {
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             V23Frame("APIC", ApicBody("image/jpeg", "\xFF\xD8"));
+    Run(Id3Tag(3, body) + std::string(100, 'x'));
+    EXPECT_FALSE(result->HasImage());
+}
+
+TEST_F(Id3ExtractorTest, TruncatedPictureKeepsThePictureFoundBefore) {
+    // The second picture frame says 5000 bytes, the tag agrees, the file ends after 20.
+    std::string second = V23Frame("APIC", ApicBody("image/jpeg", std::string(5000, 'p')));
+    second.resize(40);
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) + second;
+    const std::string file = Bytes("ID3" "\x03\x00" "\x00") + Synchsafe(body.size() + 5000) + body;
+    ASSERT_EQ(Run(file), 0);
+    EXPECT_EQ(Picture(), kJpegA);
+}
+
+TEST_F(Id3ExtractorTest, PictureSizeBeyondTheFileIsRefusedBeforeAnythingIsAllocated) {
+    // A file of 190 bytes whose tag and picture frame claim about 256 MB: nothing of that size
+    // is allocated (the limit check comes first), and the walk ends at once.
+    const std::string file = Bytes(
+        "ID3" "\x03\x00" "\x00" "\x7F\x7F\x7F\x7F"
+        "APIC" "\x0F\xFF\xFF\x00" "\x00\x00"
+        "\x00" "image/jpeg" "\x00" "\x03" "\x00" "\xFF\xD8\xFF\xE0" "JFIF" "\x00" "only this") +
+        std::string(140, '.');
+    EXPECT_EQ(Run(file), QRB_ID3_ERR_NO_V1_TAG);
+    EXPECT_FALSE(result->HasImage());
+    EXPECT_TRUE(log.Contains("runs past the end of the file"));
+}
+
+TEST_F(Id3ExtractorTest, HugeNonPictureFrameEndsAtTheEndOfTheFile) {
+    const std::string file = Bytes("ID3" "\x03\x00" "\x00" "\x7F\x7F\x7F\x7F"
+                                   "PRIV" "\x0F\xFF\xFF\x00" "\x00\x00" "owner");
+    EXPECT_EQ(Run(file), QRB_ID3_ERR_V1_SEEK);
+    EXPECT_FALSE(result->HasImage());
+    EXPECT_EQ(result->nVersion, 23);  // the tag was recognised, it just held no picture
+}
+
+TEST_F(Id3ExtractorTest, DescriptionLongerThanThePeekIsCutAfterHundredBytes) {
+    // Only the first 100 bytes of a picture frame are examined for its header; a description
+    // running past them is taken to end there.
+    const std::string header = Bytes("\x00" "image/jpeg" "\x00" "\x03") + std::string(120, 'd') +
+                               std::string(1, '\0');
+    const std::string picture = kJpegA;
+    ASSERT_EQ(Run(Id3Tag(3, V23Frame("APIC", header + picture))), 0);
+    EXPECT_EQ(Picture(), (header + picture).substr(100));
+    EXPECT_TRUE(log.Contains("ulContentLength:100"));
+}
+
+TEST_F(Id3ExtractorTest, PictureOverTheCallersLimitReplacesTheEarlierOneWithNone) {
+    const std::string body = V23Frame("APIC", ApicBody("image/jpeg", kJpegA)) +
+                             V23Frame("APIC", ApicBody("image/jpeg", std::string(64, 'p')));
+    Run(Id3Tag(3, body) + std::string(128, '\0'), 63);
+    EXPECT_FALSE(result->HasImage());
+    EXPECT_TRUE(log.Contains("picture of 64 bytes is over the limit of 63"));
+}
+
+TEST_F(Id3ExtractorTest, PictureAtTheCallersLimitIsRead) {
+    const std::string picture(64, 'p');
+    ASSERT_EQ(Run(Id3Tag(3, V23Frame("APIC", ApicBody("image/jpeg", picture))), 64), 0);
+    EXPECT_EQ(Picture(), picture);
+}
+
+TEST_F(Id3ExtractorTest, Id3v24TagsAreNotRead) {
+    const std::string file = Id3Tag(4, V23Frame("APIC", ApicBody("image/jpeg", kJpegA))) +
+                             std::string(100, 'x');
+    EXPECT_EQ(Run(file), QRB_ID3_ERR_NO_V1_TAG);
+    EXPECT_FALSE(result->HasImage());
+}
+
+TEST_F(Id3ExtractorTest, Id3v1TagIsFoundWithoutAPicture) {
+    const std::string v1 = Bytes("TAG") + std::string(125, ' ');
+    EXPECT_EQ(Run(std::string(50, 'a') + v1), 0);
+    EXPECT_EQ(result->nVersion, 1);
+    EXPECT_FALSE(result->HasImage());
+}
+
+TEST_F(Id3ExtractorTest, FileWithoutAnyTagReportsNoId3v1Tag) {
+    EXPECT_EQ(Run(std::string(300, 'a')), QRB_ID3_ERR_NO_V1_TAG);
+    EXPECT_EQ(result->nVersion, 0);
+}
+
+TEST_F(Id3ExtractorTest, FileShorterThanAnId3v1TagFailsTheSeek) {
+    EXPECT_EQ(Run(std::string(127, 'a')), QRB_ID3_ERR_V1_SEEK);
+}
+
+TEST_F(Id3ExtractorTest, TruncatedId3HeaderIsNoTag) {
+    EXPECT_EQ(Run(Bytes("ID3" "\x03\x00")), QRB_ID3_ERR_V1_SEEK);
+    EXPECT_EQ(result->nVersion, 0);
+}
+
+TEST_F(Id3ExtractorTest, MissingFileIsAnError) {
+    QRBID3Extractor extractor;
+    QRBID3* raw = nullptr;
+    EXPECT_EQ(extractor.Extract((root.Path() + "/none.mp3").c_str(), &raw), QRB_ID3_ERR_FILE);
+    std::unique_ptr<QRBID3> owned(raw);
+    ASSERT_NE(owned, nullptr);
+    EXPECT_FALSE(owned->HasImage());
+    EXPECT_TRUE(log.Contains("File Open Error " + root.Path() + "/none.mp3"));
+}
+
+// Files written by other programs, with the pictures their notes (corpus SOURCES.md) list.
+// Only ID3v2.3 APIC and ID3v2.2 PIC "JPG" frames at the start of a file are read, so the
+// notes' other pictures (ID3v2.4, PIC "PNG", compressed frames, tags after junk or after
+// another tag) are, by design, not found.
+struct CorpusCase {
+    const char* path;
+    int version;       // of the supplying tag; 0 when no picture is expected
+    uint32_t length;   // picture bytes per the notes
+    const char* kind;  // "jpeg" or "png"
+};
+
+class Id3CorpusTest : public ::testing::TestWithParam<CorpusCase> {};
+
+TEST_P(Id3CorpusTest, GivesThePictureOtherTagReadersFind) {
+    QRB_REQUIRE_MUSIC_CORPUS(corpus);
+    const CorpusCase& c = GetParam();
+    const std::string path = corpus + "/" + c.path;
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+    QRBID3Extractor extractor;
+    QRBID3* raw = nullptr;
+    const int ret = extractor.Extract(path.c_str(), &raw);
+    std::unique_ptr<QRBID3> id3(raw);
+    ASSERT_NE(id3, nullptr);
+    if (c.version == 0) {
+        EXPECT_FALSE(id3->HasImage()) << c.path;
+        return;
+    }
+    EXPECT_EQ(ret, 0);
+    ASSERT_TRUE(id3->HasImage()) << c.path;
+    EXPECT_EQ(id3->nVersion, c.version);
+    ASSERT_EQ(id3->uImageLength, c.length);
+    const std::string picture(reinterpret_cast<const char*>(id3->puImageBuf.get()), c.length);
+    // Both ends of the picture: its signature first, its end marker last.
+    if (std::string(c.kind) == "png") {
+        EXPECT_EQ(picture.substr(0, 8), Bytes("\x89" "PNG" "\x0D\x0A\x1A\x0A"));
+        EXPECT_EQ(picture.substr(c.length - 8), Bytes("IEND" "\xAE\x42\x60\x82"));
+    } else {
+        EXPECT_EQ(picture.substr(0, 3), Bytes("\xFF\xD8\xFF"));
+        EXPECT_NE(picture.find(Bytes("\xFF\xD9"), c.length - 16), std::string::npos);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Corpus, Id3CorpusTest,
+    ::testing::Values(
+        CorpusCase{"music-metadata/id3v2.2.mp3", 22, 99738, "jpeg"},
+        CorpusCase{"music-metadata/mp3/issue-641.mp3", 22, 37279, "jpeg"},
+        CorpusCase{"music-metadata/id3v2.3.mp3", 23, 80938, "jpeg"},
+        CorpusCase{"music-metadata/id3v2-utf16.mp3", 23, 214219, "jpeg"},
+        CorpusCase{"music-metadata/id3-multi-01.mp3", 23, 216542, "jpeg"},
+        CorpusCase{"music-metadata/incomplete.mp3", 23, 4044, "jpeg"},
+        CorpusCase{"music-metadata/29 - Dominator.mp3", 23, 440418, "jpeg"},
+        CorpusCase{"music-metadata/issue_77_empty_tag.mp3", 23, 75130, "jpeg"},
+        // Front JPEG then back PNG: the last picture wins.
+        CorpusCase{"music-metadata/MusicBrainz - Beth Hart - Sinner's Prayer [id3v2.3].V2.mp3", 23,
+                   120291, "png"},
+        CorpusCase{"hachoir/marc_kravetz.mp3", 23, 22827, "jpeg"},
+        CorpusCase{"androidx-media/mp3/bear-id3.mp3", 23, 38946, "jpeg"},
+        CorpusCase{"rust-id3/id3v23.id3", 23, 26523, "png"},
+        CorpusCase{"rust-id3/picard-2.12.3-id3v23-utf16.id3", 23, 49564, "jpeg"},
+        CorpusCase{"jaudiotagger/testtagdata/Issue73.id3", 23, 41621, "png"},
+        CorpusCase{"jaudiotagger/testtagdata/Issue80.id3", 23, 7906, "jpeg"},
+        CorpusCase{"music-metadata/issue_66.mp3", 0, 0, ""},              // PIC "PNG"
+        CorpusCase{"taglib/itunes10.mp3", 0, 0, ""},                      // PIC "PNG"
+        CorpusCase{"music-metadata/id3v2.4.mp3", 0, 0, ""},               // ID3v2.4
+        CorpusCase{"music-metadata/mp3/herbal-tea-GRP1.mp3", 0, 0, ""},   // ID3v2.4
+        CorpusCase{"taglib/005411.id3", 0, 0, ""},                        // ID3v2.4
+        CorpusCase{"taglib/duplicate_id3v2.mp3", 0, 0, ""},               // APIC in the second tag
+        CorpusCase{"taglib/garbage.mp3", 0, 0, ""},                       // tag after junk
+        CorpusCase{"jaudiotagger/testtagdata/Issue98-2.id3", 0, 0, ""},   // compressed APIC
+        CorpusCase{"music-metadata/mp3/empty-picture-tag.mp3", 0, 0, ""}, // empty APIC
+        CorpusCase{"mutagen/emptyfile.mp3", 0, 0, ""},
+        CorpusCase{"mutagen/silence-44-s.mp3", 0, 0, ""}),
+    [](const ::testing::TestParamInfo<CorpusCase>& info) {
+        std::string name = info.param.path;
+        name = name.substr(name.find('/') + 1);
+        for (char& c : name) {
+            if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+        }
+        return name;
+    });
+
+TEST(Id3CorpusV1Test, Id3v1OnlyFilesReportTheirTag) {
+    QRB_REQUIRE_MUSIC_CORPUS(corpus);
+    for (const char* name : {"dhowden-tag/sample_usascii_v1.mp3",
+                             "dhowden-tag/sample_utf8_v1.1.mp3",
+                             "mutagen/silence-44-s-v1.mp3", "rust-id3/id3v1.id3"}) {
+        QRBID3Extractor extractor;
+        QRBID3* raw = nullptr;
+        EXPECT_EQ(extractor.Extract((corpus + "/" + name).c_str(), &raw), 0) << name;
+        std::unique_ptr<QRBID3> id3(raw);
+        EXPECT_EQ(id3->nVersion, 1) << name;
+        EXPECT_FALSE(id3->HasImage()) << name;
+    }
+    QRBID3Extractor extractor;
+    QRBID3* raw = nullptr;
+    EXPECT_EQ(extractor.Extract((corpus + "/mutagen/emptyfile.mp3").c_str(), &raw),
+              QRB_ID3_ERR_V1_SEEK);
+    delete raw;
+}
+
+}  // namespace
+// clang-format on
