@@ -58,6 +58,10 @@ bool CQRBThumbHttpRequest::Init(_stRequestedItem& request) {
     curl_easy_setopt(h, CURLOPT_PRIVATE, static_cast<void*>(this));
     curl_easy_setopt(h, CURLOPT_FRESH_CONNECT, 1L);
     curl_easy_setopt(h, CURLOPT_FORBID_REUSE, 1L);
+    // Web pictures only: a request URL must never make the library read local files or speak
+    // other protocols on its behalf, redirects included.
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     return true;
 }
 

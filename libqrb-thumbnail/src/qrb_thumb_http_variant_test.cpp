@@ -8,6 +8,7 @@
 
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
+#include "qrb_test_jpeg_writer.h"
 #include "qrb_test_log.h"
 #include "qrb_test_raw_peer.h"
 #include "qrb_test_root.h"
@@ -504,12 +505,52 @@ TEST_F(QRBThumbHttpVariantTest, DownloadedBytesReachTheDecodeThread) {
     EXPECT_TRUE(m_Log.Contains("RequestedItem.szURI=" + url +
                                ", RequestedItem.eThumbnailType=11, state=5"));
     EXPECT_TRUE(m_Log.Contains("downloaded buffer of 12345 bytes, url=" + url));
-    // No getter serves kind 11 yet, so the decode fails honestly.
-    EXPECT_TRUE(m_Log.Contains("no getter for thumbnail type 11"));
+    // The SNS getter wrote the bytes out and the picture decoder refused them: no picture.
+    EXPECT_TRUE(m_Log.Contains("Write JPG Buffer Succeed"));
+    EXPECT_TRUE(m_Log.Contains("MediaManager.GetThumbnailBuffer Succeed, pucThumbBuffer=(nil)"));
+    EXPECT_FALSE(m_Log.Contains("no getter for thumbnail type 11"));
     const auto results = ResultsFor(m_Recorder.Tag(0));
     ASSERT_EQ(results.size(), 1u);
     EXPECT_EQ(results[0].status, -1);
     EXPECT_EQ(results[0].bBuffer, 0);
+}
+
+TEST_F(QRBThumbHttpVariantTest, DownloadedPictureBecomesAThumbnailOfTheRequestedSize) {
+    LoopbackHttpServer& server = NewServer();
+    qrbtest::JpegSpec spec;
+    spec.width = 120;
+    spec.height = 60;
+    const std::string jpeg = qrbtest::MakeJpeg(spec);
+    ASSERT_FALSE(jpeg.empty());
+    // A copy of its own in the handler: the server thread may outlive this scope.
+    server.Http().Get("/pic.jpg", [jpeg](const httplib::Request&, httplib::Response& res) {
+        res.set_content(jpeg, "image/jpeg");
+    });
+    ASSERT_TRUE(server.Start());
+    const std::string url = server.Url("/pic.jpg");
+
+    RequestThumb(url, m_Recorder.Tag(0), 40, 30);
+    ASSERT_TRUE(m_Recorder.WaitForCount(1, kWait));
+    EXPECT_EQ(HttpVariant()->ParkedCount(), 0);
+    thumbnail_finalize();
+
+    EXPECT_TRUE(m_Log.Contains("downloaded buffer of " + std::to_string(jpeg.size()) +
+                               " bytes, url=" + url));
+    const auto results = ResultsFor(m_Recorder.Tag(0));
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].status, 0);
+    EXPECT_EQ(results[0].bBuffer, 0);
+    EXPECT_EQ(results[0].count, 1);
+    EXPECT_EQ(results[0].width, 40);
+    EXPECT_EQ(results[0].height, 30);
+    EXPECT_EQ(results[0].sizes[0], 40 * 30 * 4);
+    // A solid picture: every pixel of the thumbnail has its colour (bytes blue, green, red).
+    ASSERT_EQ(results[0].buffers[0].size(), 40u * 30u * 4u);
+    const auto* p = reinterpret_cast<const unsigned char*>(results[0].buffers[0].data());
+    EXPECT_NEAR(p[2], spec.color.r, 12);
+    EXPECT_NEAR(p[1], spec.color.g, 12);
+    EXPECT_NEAR(p[0], spec.color.b, 12);
+    EXPECT_EQ(p[3], 255);
 }
 
 TEST_F(QRBThumbHttpVariantTest, DeviceIconKeyedByIdReachesTheDecodeThread) {
@@ -553,7 +594,7 @@ TEST_F(QRBThumbHttpVariantTest, CachedThumbnailIsServedWithoutDownloading) {
 
     RequestThumb(url, m_Recorder.Tag(0), 2, 2, /*useCache=*/1);
     ASSERT_TRUE(m_Recorder.WaitForCount(1, kWait));
-    // Without the cache flag the same URL is fetched (and fails to decode: no getter yet).
+    // Without the cache flag the same URL is fetched (and fails to decode: it is no picture).
     RequestThumb(url, m_Recorder.Tag(1), 2, 2, /*useCache=*/0);
     ASSERT_TRUE(m_Recorder.WaitForCount(2, kWait));
     thumbnail_finalize();

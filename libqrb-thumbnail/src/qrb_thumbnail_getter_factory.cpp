@@ -3,6 +3,8 @@
 #include "qrb_exif_thumbnail_getter.h"
 #include "qrb_id3_thumbnail_getter.h"
 #include "qrb_log.h"
+#include "qrb_ra_thumbnail_getter.h"
+#include "qrb_sns_thumbnail_getter.h"
 
 CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
     static CQRBThumbnailGetterFactroy instance;  // thread-safe initialisation
@@ -18,6 +20,8 @@ CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
         case THUMB_PICTURE_MODE2: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE2);
         case THUMB_PICTURE_MODE1: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE1);
         case THUMB_MUSIC: case THUMB_SERIAL_MUSIC: return new CQRBID3ThumbnailGetter;
+        case THUMB_SNS: return new CQRBSNSThumbnailGetter;
+        case THUMB_RA: return new CQRBRAThumbnailGetter;
         // clang-format on
         // Video kinds (2, 15) are served by the video decoder threads, the reserved kinds by
         // nobody. The getters of the other kinds are added here as they are built.

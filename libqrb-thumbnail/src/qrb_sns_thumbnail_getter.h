@@ -1,0 +1,71 @@
+// Pictures of the SNS kind, whose encoded bytes the HTTP variant has already downloaded: the
+// bytes are written to a temporary file in the data folder, decoded there by the picture
+// decoder, centre-cropped to the requested size where the decoded raster is at least that large
+// in both directions, and packed. Only the buffer form serves requests; the path form yields
+// null, since an SNS item is never a local file.
+//
+// Temporary files are named "<data folder><pid><counter %05d>.jpg". They are created
+// exclusively and without following links (mode 0600), so a file or link planted at a
+// predictable name is never written through; such a name is skipped for the next counter value,
+// a few times at most, before the request fails. The file is removed on every path once
+// created; nothing this getter did not create is ever removed.
+//
+// One instance serves the decode thread (and any other caller) without per-request state: the
+// counter is shared by all SNS getters and atomic, so concurrent callers never share a name.
+// Every failure yields a null item; the reason is logged where it happened.
+#ifndef QRB_SNS_THUMBNAIL_GETTER_H
+#define QRB_SNS_THUMBNAIL_GETTER_H
+
+#include "qrb_thumbnail_getter.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+class CQRBSNSThumbnailGetter : public CQRBThumbnailGetter {
+public:
+    // Names taken in a row (planted or left behind) before a request gives up.
+    static constexpr int kMaxNameAttempts = 8;
+
+    CQRBSNSThumbnailGetter() = default;
+    ~CQRBSNSThumbnailGetter() override = default;
+    CQRBSNSThumbnailGetter(const CQRBSNSThumbnailGetter&) = delete;
+    CQRBSNSThumbnailGetter& operator=(const CQRBSNSThumbnailGetter&) = delete;
+
+    // Always null: the SNS kind is served through the buffer form only.
+    boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(_stExtractInfo info) override;
+    // The downloaded bytes of one picture, decoded and brought to width x height (0 x 0: the
+    // picture's own size). An empty buffer yields null without touching the disk.
+    boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(std::string& buffer, int width,
+                                                             int height) override;
+    // Returns uri itself.
+    const char* T_CONVERTURITOPATH(const char* uri) override;
+
+    // Makes every missing folder of path (0755). True when the folder exists afterwards.
+    static bool m_CreateDir(const char* path);
+    // Writes size bytes to a new file at path, which must not exist yet (a link there is not
+    // followed). On failure nothing is left at path that this call made, and *createErrno (when
+    // given) holds the errno of the failed creation, or 0 when creation succeeded but writing
+    // did not.
+    static bool m_WriteFlashFile(const char* path, const char* data, int size,
+                                 int* createErrno = nullptr);
+    // Crops image to width x height around its centre when both are non-zero and neither is
+    // above the image's own size; otherwise leaves it as it is.
+    static void m_CropToRequest(CQRBThumbImage& image, int width, int height);
+
+    // The temporary file's path for a process id and counter value.
+    static std::string m_TempName(int pid, int counter);
+    // The counter value handed out last (0 before the first).
+    static int32_t m_LastFileID() { return m_lSNSFileID.load(); }
+
+private:
+    // Writes buffer to a fresh temporary file, decodes and crops it; the file is removed
+    // before this returns.
+    static boost::intrusive_ptr<CQRBThumbImage> m_DecodeBytes(const std::string& buffer, int width,
+                                                              int height);
+
+    // Shared by all SNS getters; incremented before each use, never reset.
+    static std::atomic<int32_t> m_lSNSFileID;
+};
+
+#endif
