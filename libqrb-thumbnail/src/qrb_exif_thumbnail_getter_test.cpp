@@ -705,6 +705,16 @@ TEST_F(ExifGetterServiceTest, SerialDevicePicturesUseThePictureGetter) {
     const Argb a = FromImage(*item->GetImages()[0]);
     EXPECT_EQ(a.width, 64);
     EXPECT_EQ(UprightProblem(a, kWhite), "");
+
+    // Through the C interface the serial range reaches the one-at-a-time variant, whose
+    // workers run the same getter.
+    thumbnail_request_async(path.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SERIAL_FIRST, 0, 48, 32, 0,
+                            1, &qrbtest::CallbackRecorder::Callback, recorder.Tag(5));
+    ASSERT_TRUE(recorder.WaitForCount(1, 30s));
+    const auto r = recorder.Results()[0];
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.width, 48);
+    EXPECT_EQ(r.height, 32);
 }
 
 // ---- the shared corpus

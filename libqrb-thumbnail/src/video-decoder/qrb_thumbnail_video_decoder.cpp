@@ -143,9 +143,13 @@ void CQRBThumbnailVideoDecoder::t_Process() {
 bool CQRBThumbnailVideoDecoder::m_Serve(const _stRequestedItem& request,
                                         boost::intrusive_ptr<CQRBThumbnailItem>& item) {
     const qrb_media_thumbnail_type kind = request.eThumbnailType;
-    if (kind != THUMB_VIDEO && kind != THUMB_PVR && kind != THUMB_PTP && kind != THUMB_RA) {
-        // The serial kinds (13, 14, 15) are routed to this variant but served by no worker of
-        // it; they fail rather than go unanswered.
+    // Items on storage that must be read one at a time (the serial kinds 13, 14 and 15) are
+    // routed here precisely so that they are served one at a time: pictures and songs go to
+    // their getters, videos are grabbed like any video.
+    const bool video = kind == THUMB_VIDEO || kind == THUMB_SERIAL_VIDEO;
+    const bool extracted = kind == THUMB_PVR || kind == THUMB_PTP || kind == THUMB_RA ||
+                           kind == THUMB_SERIAL_PICTURE || kind == THUMB_SERIAL_MUSIC;
+    if (!video && !extracted) {
         QRB_LOGW("thumbnail type %d is not served by the video decoder, url=%s",
                  static_cast<int>(kind), request.strURL.c_str());
         return false;
@@ -155,7 +159,7 @@ bool CQRBThumbnailVideoDecoder::m_Serve(const _stRequestedItem& request,
     if (cacheable && m_FindInCache(request, item)) return true;
 
     bool ok = false;
-    if (kind == THUMB_VIDEO) {
+    if (video) {
         ok = m_ServeVideo(request, item);
     } else {
         ok = m_pExtractor && m_pExtractor->ExtractThumb(request, item);
