@@ -43,6 +43,7 @@ demo: build
 
 bench: build
 	bench/run.sh build
+	bench/music.sh build
 
 build-fuzz/CMakeCache.txt:
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
