@@ -4,6 +4,7 @@
 #include "qrb_id3_thumbnail_getter.h"
 #include "qrb_log.h"
 #include "qrb_ra_thumbnail_getter.h"
+#include "qrb_scsa_thumbnail_getter.h"
 #include "qrb_sns_thumbnail_getter.h"
 
 CQRBThumbnailGetterFactroy* CQRBThumbnailGetterFactroy::GetInstance() {
@@ -22,6 +23,7 @@ CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
         case THUMB_MUSIC: case THUMB_SERIAL_MUSIC: return new CQRBID3ThumbnailGetter;
         case THUMB_SNS: return new CQRBSNSThumbnailGetter;
         case THUMB_RA: return new CQRBRAThumbnailGetter;
+        case THUMB_SCSA: return new CQRBSCSAThumbnailGetter;
         // clang-format on
         // Video kinds (2, 15) are served by the video decoder threads, the reserved kinds by
         // nobody. The getters of the other kinds are added here as they are built.
