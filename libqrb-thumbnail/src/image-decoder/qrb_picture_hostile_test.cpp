@@ -51,7 +51,8 @@ constexpr int kDecodedUnexpectedly = 4;
 constexpr int kFailedUnexpectedly = 8;
 
 // Decodes url at w x h in a fresh process. 0 when the child met every expectation.
-int DecodeInChild(const std::string& url, int w, int h, Expect expect, long* growthKb) {
+int DecodeInChild(const std::string& url, int w, int h, Expect expect, long* growthKb,
+                  long* peakKb) {
     int fds[2];
     if (pipe(fds) != 0) return -1;
     const pid_t pid = fork();
@@ -79,16 +80,18 @@ int DecodeInChild(const std::string& url, int w, int h, Expect expect, long* gro
         if (!QRB_SANITIZED && after.ru_maxrss >= kMemoryBoundKb) code |= kPeakTooHigh;
         if (expect == Expect::kFails && decoded) code |= kDecodedUnexpectedly;
         if (expect == Expect::kDecodes && !decoded) code |= kFailedUnexpectedly;
-        if (write(fds[1], &growth, sizeof(growth)) != sizeof(growth)) code |= 64;
+        const long report[2] = {growth, after.ru_maxrss};
+        if (write(fds[1], report, sizeof(report)) != sizeof(report)) code |= 64;
         _exit(code);
     }
     close(fds[1]);
-    long growth = -1;
-    if (read(fds[0], &growth, sizeof(growth)) != sizeof(growth)) growth = -1;
+    long report[2] = {-1, -1};
+    if (read(fds[0], report, sizeof(report)) != sizeof(report)) report[0] = report[1] = -1;
     close(fds[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    *growthKb = growth;
+    *growthKb = report[0];
+    *peakKb = report[1];
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return WEXITSTATUS(status);
 }
@@ -217,9 +220,12 @@ protected:
         ASSERT_FALSE(bytes.empty()) << name;
         const std::string url = "file://" + scratch.Write(name, bytes);
         long growthKb = -1;
-        const int code = DecodeInChild(url, w, h, expect, &growthKb);
-        EXPECT_EQ(0, code) << name << ":" << Describe(code);
-        std::printf("%-28s resident growth %ld KiB\n", name.c_str(), growthKb);
+        long peakKb = -1;
+        const int code = DecodeInChild(url, w, h, expect, &growthKb, &peakKb);
+        EXPECT_EQ(0, code) << name << ":" << Describe(code) << " (growth " << growthKb
+                           << " KiB, peak " << peakKb << " KiB)";
+        std::printf("%-28s resident growth %ld KiB, peak %ld KiB\n", name.c_str(), growthKb,
+                    peakKb);
     }
     ScratchDir scratch;
 };
