@@ -5,6 +5,7 @@
 #include "qrb_requested_item.h"
 #include "qrb_thumbnail.h"
 #include "qrb_thumbnail_service.h"
+#include "video-decoder/qrb_thumbnail_pvr_decoder.h"
 
 #include <exception>
 #include <new>
@@ -123,4 +124,34 @@ QRB_EXPORT int thumbnail_finalize(void) {
         QRB_LOGW("thumbnail_finalize failed");
     }
     return 0;
+}
+
+// The recording functions run on the caller's thread with a decoder of their own; they need no
+// service.
+QRB_EXPORT int set_pvr_key_frame(void* frames, int frame_count, int request_width,
+                                 int request_height, const char* srf_path) {
+    QRB_LOGD("entering set_pvr_key_frame");
+    try {
+        CQRBThumbanailPVRDecoder decoder;
+        return decoder.SetPvrKeyFrame(static_cast<_key_frame*>(frames), frame_count,
+                                      request_width, request_height, srf_path);
+    } catch (const std::exception& e) {
+        QRB_LOGW("set_pvr_key_frame failed: %s", e.what());
+    } catch (...) {
+        QRB_LOGW("set_pvr_key_frame failed");
+    }
+    return -1;
+}
+
+QRB_EXPORT int parse_pvr_mta_file(const char* srf_path, void* result) {
+    QRB_LOGD("entering parse_pvr_mta_file");
+    try {
+        CQRBThumbanailPVRDecoder decoder;
+        return decoder.ParsePvrMtaFile(srf_path, static_cast<_thumb_result*>(result));
+    } catch (const std::exception& e) {
+        QRB_LOGW("parse_pvr_mta_file failed: %s", e.what());
+    } catch (...) {
+        QRB_LOGW("parse_pvr_mta_file failed");
+    }
+    return -1;
 }

@@ -5,9 +5,18 @@
 
 #include <dlfcn.h>
 
+#include <mutex>
+
 QRBFFmpegApi g_QRBFFmpegApi = {};
 
 namespace {
+
+// A decoder may be built (and rebind the table) while another decoder's worker starts an
+// extraction; the rewrite and the worker's copy are each made whole under this lock.
+std::mutex& TableMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
 
 // Stores the symbol in the table before it is tested, so that a failed binding leaves every
 // pointer found so far in place.
@@ -31,6 +40,7 @@ void qrb_init_ffmpeg_api(unsigned char* ready) {
     unsigned char unused = 0;
     if (ready == nullptr) ready = &unused;
     *ready = 0;
+    std::lock_guard<std::mutex> lock(TableMutex());
     QRBFFmpegApi& api = g_QRBFFmpegApi;
 
     // Never closed (see the header): no RAII owner for these two handles, on purpose.
@@ -146,4 +156,9 @@ bool qrb_check_ffmpeg_api(const QRBFFmpegApi& api) {
            api.picture_fill != nullptr && api.sws_get_context != nullptr &&
            api.sws_scale != nullptr && api.sws_free_context != nullptr &&
            api.free_frame != nullptr && api.codec_close != nullptr && api.close_input != nullptr;
+}
+
+QRBFFmpegApi qrb_ffmpeg_api_snapshot() {
+    std::lock_guard<std::mutex> lock(TableMutex());
+    return g_QRBFFmpegApi;
 }

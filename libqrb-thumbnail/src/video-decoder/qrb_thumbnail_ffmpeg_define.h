@@ -8,12 +8,15 @@
  * with QRB_FFMPEGAPI_PLUGIN defined, so that its definitions are checked against the
  * declarations at the end of the C part. The plug-ins are built over the same FFmpeg libraries
  * that this library links (Debian's FFmpeg 5.1), so the FFmpeg records that cross the interface
- * (AVCodecContext, AVCodec, AVFrame, AVPacket) have one layout on both sides.
+ * (AVCodecContext, AVCodec, AVFrame, AVPacket) have one layout on both sides. This project's
+ * own plug-ins are in platform/linux/gst-ffmpeg/, over the implementation in
+ * qrb_ffmpeg_api_impl.h.
  *
  * The second half is the process-wide table and its binding (C++). The table is written while a
- * video decoder is constructed and read, without a lock, by the video workers. The service
- * constructs all four of its decoders before it publishes itself, so no request can be queued,
- * let alone extracted, while the table is written.
+ * video decoder is constructed and read by the video workers, which take a copy of it at the
+ * start of every extraction (qrb_ffmpeg_api_snapshot). The binding and the copy hold one lock, so
+ * a decoder built while another one extracts (as the tests do, and as the service could) never
+ * lets a worker see half a table.
  */
 #ifndef QRB_THUMBNAIL_FFMPEG_DEFINE_H
 #define QRB_THUMBNAIL_FFMPEG_DEFINE_H
@@ -55,10 +58,14 @@ typedef struct QRBFFmpegInput {
                                                coded_width, coded_height and pix_fmt */
     const struct AVCodec* video_codec;      /* the decoder for the video stream */
     struct AVFormatContext* format_context; /* the plug-in's own; the library does not touch it */
+    int64_t start_pts; /* the video stream's first timestamp, in its time base (0 when unknown):
+                          frame positions are counted from it */
 } QRBFFmpegInput;
 
-/* Opens path (a local file) and finds its video stream. 0 and *input set, or a negative error
- * and *input null. */
+/* Opens path and finds its video stream. 0 and *input set, or a negative error and *input
+ * null. Only regular local files in the common video containers are opened (no network, no
+ * playlists or manifests that reach other files), probing is bounded, and a video stream above
+ * 8192 pixels on a side is refused. */
 typedef int (*qrb_ffmpegapi_open_input_fn)(const char* path, QRBFFmpegInput** input);
 /* Releases everything open input made and nulls *input. */
 typedef void (*qrb_ffmpegapi_close_input_fn)(QRBFFmpegInput** input);
@@ -82,7 +89,8 @@ typedef int (*qrb_ffmpegapi_read_frame_fn)(QRBFFmpegInput* input, struct AVPacke
 typedef void (*qrb_ffmpegapi_init_packet_fn)(struct AVPacket* packet);
 /* Releases the packet's payload; the packet object stays usable. */
 typedef void (*qrb_ffmpegapi_free_packet_fn)(struct AVPacket* packet);
-/* Bytes needed for a picture of this output format and size; < 1 when impossible. */
+/* Bytes needed for a picture of this output format and size; < 1 when impossible (also for a
+ * side above 8192 pixels). */
 typedef int (*qrb_ffmpegapi_picture_size_fn)(int format, int width, int height);
 /* Points the frame's planes and strides into buffer for this output format and size;
  * negative on failure. */
@@ -181,6 +189,9 @@ std::string QRBFFmpegScalerLibraryPath();
  * table's pointers point into them for the life of the process.
  */
 void qrb_init_ffmpeg_api(unsigned char* ready);
+
+/* A consistent copy of the table, for one extraction. */
+QRBFFmpegApi qrb_ffmpeg_api_snapshot();
 
 /*
  * The grabber's check before every extraction: true when all nineteen functions are bound. The

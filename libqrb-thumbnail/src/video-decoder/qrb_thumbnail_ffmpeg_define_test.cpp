@@ -1,8 +1,10 @@
-// The binding of the media decoding table against real shared libraries: stand-in plug-ins
-// built by this project are copied into a scratch root under the plug-ins' names. Every
-// stand-in function aborts when called, so a test that reaches one fails loudly.
+// The binding of the media decoding table against real shared libraries: the plug-ins this
+// project builds, and stand-ins with one symbol left out, copied into a scratch root under the
+// plug-ins' names. Every stand-in function aborts when called, so a test that reaches one fails
+// loudly.
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
 #include "video-decoder/qrb_thumbnail_video_decoder.h"
+#include "video-decoder/testdata/qrb_video_test_support.h"
 
 #include "qrb_fake_control.h"
 #include "qrb_test_log.h"
@@ -193,15 +195,44 @@ TEST_F(BindingTest, CompleteBindingTakesEverySymbolFromItsOwnLibrary) {
               dlsym(api.scaler_library, "gst_ffmpegapi_sws_scale"));
     EXPECT_EQ(reinterpret_cast<void*>(api.flush_buffers),
               dlsym(api.decoder_library, "gst_ffmpegapi_avcodec_flush_buffers"));
+}
 
-    // The table passes the check, but the decoding loop over it is not written yet: the grabber
-    // says so and calls nothing (every stand-in would abort).
+// The plug-ins this project builds, bound and used: every symbol comes from the library it
+// belongs to, and a video goes through the bound table to a frame.
+TEST_F(BindingTest, RealPluginsBindCompletelyAndGrabAFrame) {
+    qrbtest::InstallMediaPlugins(root);
+    CQRBThumbnailVideoDecoder decoder;
+
+    EXPECT_TRUE(decoder.MediaDecodingReady());
+    EXPECT_EQ(log.Count("initialize ffmpeg api success."), 1);
+    EXPECT_FALSE(log.Contains("func pointer failed"));
+    ASSERT_TRUE(qrb_check_ffmpeg_api(g_QRBFFmpegApi));
+    const std::string decoderPath = root.Resolve(kPluginDir) + "libgstffmpeg.so";
+    const std::string scalerPath = root.Resolve(kPluginDir) + "libgstffmpegscale.so";
+    for (const Member& m : AllMembers()) {
+        SCOPED_TRACE(m.symbol);
+        const bool scaler = std::string(m.symbol).find("sws_") != std::string::npos;
+        void* library = scaler ? g_QRBFFmpegApi.scaler_library : g_QRBFFmpegApi.decoder_library;
+        void* found = dlsym(library, m.symbol);
+        ASSERT_NE(found, nullptr);
+        Dl_info info{};
+        ASSERT_NE(dladdr(found, &info), 0);
+        EXPECT_EQ(fs::canonical(info.dli_fname), fs::canonical(scaler ? scalerPath : decoderPath));
+        // Each library exports its own half only.
+        void* other = scaler ? g_QRBFFmpegApi.decoder_library : g_QRBFFmpegApi.scaler_library;
+        EXPECT_EQ(dlsym(other, m.symbol), nullptr);
+    }
+
     boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
     _stRequestedItem request = VideoRequest();
-    EXPECT_FALSE(decoder.m_GetFrameFromArcplayer(
+    request.strURL = qrbtest::VideoFixture("fade_h264_320x240_3s.mp4");
+    ASSERT_TRUE(decoder.m_GetFrameFromArcplayer(
         request, item, &CQRBThumbnailVideoDecoder::Video_Complete_Cb, &decoder));
-    EXPECT_FALSE(log.Contains("dlopen or dlsym fail"));
-    EXPECT_TRUE(log.Contains("frame grabbing over the media plug-ins is not available yet"));
+    ASSERT_EQ(item->GetImageCount(), 1);
+    EXPECT_EQ(item->GetImages()[0]->GetWidth(), 160);
+    EXPECT_EQ(item->GetImages()[0]->GetHeight(), 90);
+    EXPECT_TRUE(
+        log.Contains("success get video thumbnail:frame=0,coded_width=320,coded_height=240"));
 }
 
 TEST_F(BindingTest, CheckRefusesATableMissingAnyOneFunction) {

@@ -4,11 +4,12 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "video-decoder/qrb_ffmpeg_api_impl.h"
+#include "video-decoder/qrb_ffmpeg_scoped.h"
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
 
 extern "C" {
-#include <libavformat/avformat.h>
-#include <libavutil/dict.h>
+#include <libavutil/mathematics.h>
 }
 
 #include <boost/algorithm/string/classification.hpp>
@@ -23,6 +24,7 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -45,21 +47,90 @@ using ScopedDrmManager = QRBScoped<divx_drm_manager, CloseDrmManager>;
 void CloseStdioFile(FILE* file) { std::fclose(file); }
 using ScopedStdioFile = QRBScoped<FILE, CloseStdioFile>;
 
-// av_dict_free takes the address of the pointer, so the dictionary is held by value here.
-struct ScopedDictionary {
-    AVDictionary* dict = nullptr;
-    ScopedDictionary() = default;
-    ScopedDictionary(const ScopedDictionary&) = delete;
-    ScopedDictionary& operator=(const ScopedDictionary&) = delete;
-    ~ScopedDictionary() { av_dict_free(&dict); }
+// Frames, inputs, opened codecs and scalers made through a media table are released through the
+// same table; the packet object itself is released with av_packet_free (the table's contract).
+struct ApiFrameFree {
+    qrb_ffmpegapi_free_frame_fn free_frame;
+    void operator()(AVFrame* frame) const noexcept {
+        if (frame != nullptr) free_frame(&frame);
+    }
 };
+using QRBApiFrame = std::unique_ptr<AVFrame, ApiFrameFree>;
 
-// The containers a video thumbnail is taken from. Listing them keeps the demuxers that open
-// further files on their own (playlists such as HLS or concat, IMF, DASH manifests, image
-// sequences) out of reach of a crafted file.
-constexpr const char* kVideoFormats =
-    "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,avi,asf,flv,mpegts,mpeg,mpegvideo,m4v,h264,hevc,"
-    "vc1,ogg,rm,dv,mxf,nut,wtv,mjpeg,yuv4mpegpipe";
+struct ApiInputClose {
+    qrb_ffmpegapi_close_input_fn close_input;
+    void operator()(QRBFFmpegInput* input) const noexcept {
+        if (input != nullptr) close_input(&input);
+    }
+};
+using QRBApiInput = std::unique_ptr<QRBFFmpegInput, ApiInputClose>;
+
+// An opened codec: closed at the end; the context itself belongs to the input.
+struct ApiCodecClose {
+    qrb_ffmpegapi_codec_close_fn codec_close;
+    void operator()(AVCodecContext* context) const noexcept {
+        if (context != nullptr) codec_close(context);
+    }
+};
+using QRBApiOpenCodec = std::unique_ptr<AVCodecContext, ApiCodecClose>;
+
+struct ApiSwsFree {
+    qrb_ffmpegapi_sws_free_context_fn sws_free_context;
+    void operator()(SwsContext* context) const noexcept {
+        if (context != nullptr) sws_free_context(context);
+    }
+};
+using QRBApiSwsContext = std::unique_ptr<SwsContext, ApiSwsFree>;
+
+using QRBMallocBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
+
+// The direct grabber's table: this library's own FFmpeg functions, in the plug-ins' shapes.
+const QRBFFmpegApi& DirectApi() {
+    static const QRBFFmpegApi api = [] {
+        QRBFFmpegApi t{};
+        t.open_input = &qrbffmpeg::OpenInput;
+        t.close_input = &qrbffmpeg::CloseInput;
+        t.codec_open = &qrbffmpeg::CodecOpen;
+        t.codec_close = &qrbffmpeg::CodecClose;
+        t.decode_video = &qrbffmpeg::DecodeVideo;
+        t.alloc_frame = &qrbffmpeg::AllocFrame;
+        t.alloc_packet = &qrbffmpeg::AllocPacket;
+        t.seek_frame = &qrbffmpeg::SeekFrame;
+        t.read_frame = &qrbffmpeg::ReadFrame;
+        t.init_packet = &qrbffmpeg::InitPacket;
+        t.free_packet = &qrbffmpeg::FreePacket;
+        t.picture_size = &qrbffmpeg::PictureSize;
+        t.picture_fill = &qrbffmpeg::PictureFill;
+        t.sws_get_context = &qrbffmpeg::SwsGetContext;
+        t.sws_scale = &qrbffmpeg::SwsScale;
+        t.sws_free_context = &qrbffmpeg::SwsFreeContext;
+        t.free_frame = &qrbffmpeg::FreeFrame;
+        t.seek_available = &qrbffmpeg::SeekAvailable;
+        t.flush_buffers = &qrbffmpeg::FlushBuffers;
+        return t;
+    }();
+    return api;
+}
+
+// The output size that covers width x height with the source's aspect ratio (the callback then
+// crops the centre); 0 in either wanted side keeps the source size. 64-bit products: sides up
+// to INT_MAX cannot overflow.
+void CoverSize(long long srcW, long long srcH, long long w, long long h, long long* outW,
+               long long* outH) {
+    if (w == 0 || h == 0) {
+        *outW = srcW;
+        *outH = srcH;
+    } else if (w * srcH < h * srcW) {
+        *outW = h * srcW / srcH;
+        *outH = h;
+    } else if (w * srcH > h * srcW) {
+        *outW = w;
+        *outH = w * srcH / srcW;
+    } else {
+        *outW = w;
+        *outH = h;
+    }
+}
 
 }  // namespace
 
@@ -91,8 +162,15 @@ bool CQRBThumbnailVideoDecoder::Create(int, CQRBThumbRequestList* list, CQRBThum
 }
 
 bool CQRBThumbnailVideoDecoder::Stop() {
+    if (m_bBusy) m_nAbandoned = m_nServing.load();
     while (m_bBusy) usleep(10000);
+    // That request is answered; the next one is not to be given up.
+    m_nAbandoned = UINT64_MAX;
     return true;
+}
+
+bool CQRBThumbnailVideoDecoder::AbandonRequested() const {
+    return m_bStop.load() || m_nAbandoned.load() == m_nServing.load();
 }
 
 void CQRBThumbnailVideoDecoder::Destroy() {
@@ -115,6 +193,7 @@ void CQRBThumbnailVideoDecoder::t_Process() {
             continue;
         }
         BusyGuard busy(m_bBusy);
+        ++m_nServing;
         QRB_LOGD("RequestedItem.szURI=%s, RequestedItem.eThumbnailType=%d", request.strURL.c_str(),
                  static_cast<int>(request.eThumbnailType));
         boost::intrusive_ptr<CQRBThumbnailItem> item;
@@ -229,7 +308,17 @@ bool CQRBThumbnailVideoDecoder::m_ServeVideo(const _stRequestedItem& request,
         ok = false;
     }
 
-    if (request.FrameCount == 5) {
+    // The grabber has tried every position even when none gave a frame; a request for frames
+    // that got none has failed all the same.
+    if (ok && request.FrameCount > 0 && item->GetImageCount() == 0) {
+        QRB_LOGW("no frame could be grabbed from %s", path.c_str());
+        ok = false;
+    }
+
+    if (request.FrameCount == 5 && AbandonRequested()) {
+        // Whatever the item holds is a part of the frames; it must not be served later as all.
+        QRB_LOGD("no need to flash");
+    } else if (request.FrameCount == 5) {
         if (mediaId.empty()) {
             // A file without a media id could never be read back; none is written.
             QRB_LOGD("media id empty!!\n");
@@ -288,29 +377,253 @@ bool CQRBThumbnailVideoDecoder::Extract(_stRequestedItem request,
 bool CQRBThumbnailVideoDecoder::m_GetFrameFromArcplayer(
     _stRequestedItem& request, boost::intrusive_ptr<CQRBThumbnailItem> item, FrameCallback callback,
     void* user) {
-    if (!qrb_check_ffmpeg_api(g_QRBFFmpegApi)) {
+    // One copy for the whole extraction: a decoder built meanwhile rewrites the table.
+    const QRBFFmpegApi api = qrb_ffmpeg_api_snapshot();
+    if (!qrb_check_ffmpeg_api(api)) {
         QRB_LOGW("dlopen or dlsym fail");
         return false;
     }
-    // The decoding loop over the bound table (seek positions, packet reading, scaling, one
-    // callback per frame) is not written yet; it comes with the plug-in libraries. Until then a
-    // complete table still yields no frames, and the request fails rather than pretending.
-    QRB_LOGW("frame grabbing over the media plug-ins is not available yet, url=%s",
-             request.strURL.c_str());
-    return false;
+    QRB_LOGD("decode begin");
+    std::string path;
+    m_SplitVideoURL(request.strURL, nullptr, &path);
+    QRBFFmpegInput* input = nullptr;
+    const int ret = api.open_input(path.c_str(), &input);
+    if (input == nullptr) {
+        QRB_LOGW("ic_ptr pointer is NULL,file:%s.", path.c_str());
+        QRB_LOGD("open input: %d", ret);
+        return false;
+    }
+    return m_GrabFrames(api, input, request, item, callback, user);
+}
+
+bool CQRBThumbnailVideoDecoder::m_GrabFrames(const QRBFFmpegApi& api, QRBFFmpegInput* rawInput,
+                                             _stRequestedItem& request,
+                                             boost::intrusive_ptr<CQRBThumbnailItem> item,
+                                             FrameCallback callback, void* user) {
+    QRBApiInput input(rawInput, ApiInputClose{api.close_input});
+    if (api.seek_available(input.get()) != 0) {
+        QRB_LOGW("ffmpeg_av_seek_frame_available fail!");
+        return false;
+    }
+    // Both sides must reach 4K: a 3840 x 2000 picture is decoded like any other.
+    const bool is4K = input->width >= 3840 && input->height >= 2160;
+    QRB_LOGD("width [%d], height[%d]\n", input->width, input->height);
+    if (is4K) QRB_LOGD("4K video: only key frames are decoded");
+    AVCodecContext* context = input->codec_context;
+    if (context == nullptr) {
+        QRB_LOGW("codec_context pointer is NULL\n");
+        return false;
+    }
+    if (input->video_codec == nullptr) {
+        QRB_LOGW("video_codec pointer is NULL\n");
+        return false;
+    }
+    if (api.codec_open(context, input->video_codec) < 0) {
+        QRB_LOGW("ffmpeg_avcodec_open2 error");
+        return false;
+    }
+    QRBApiOpenCodec codec(context, ApiCodecClose{api.codec_close});
+
+    QRBApiFrame frame(api.alloc_frame(), ApiFrameFree{api.free_frame});
+    QRBApiFrame scaled(api.alloc_frame(), ApiFrameFree{api.free_frame});
+    if (!frame || !scaled) {
+        QRB_LOGW("alloc frame error");
+        return false;
+    }
+    QRBScopedPacket packet(api.alloc_packet());
+    if (!packet) {
+        QRB_LOGW("ffmpeg_avcodec_alloc_packet fail!");
+        return false;
+    }
+    // An unknown length (-1) has no positions to spread over, nor has an empty one.
+    const long long duration = input->duration;
+    if (duration <= 0) {
+        QRB_LOGW("duration [%lld] error", duration);
+        return false;
+    }
+
+    const int frameCount = request.FrameCount;
+    const long long step = duration / (frameCount + 1);
+    const AVRational timeBase = {input->time_base_num > 0 ? input->time_base_num : 1,
+                                 input->time_base_den > 0 ? input->time_base_den : 1};
+    bool ok = true;
+    for (int i = 0; i < frameCount && ok; ++i) {
+        if (AbandonRequested()) {
+            QRB_LOGW("stop requested, frame grabbing abandoned at frame[%d]", i);
+            ok = false;
+            break;
+        }
+        QRB_LOGD("get frame[%d]", i);
+        const long long target = step * (i + 1);
+        if (api.seek_frame(input.get(), target) < 0) {
+            // Read on from where the demuxer stands: the frame comes out late, not wrong.
+            QRB_LOGW("seek to %lld failed", target);
+        }
+        api.init_packet(packet.get());
+
+        int attempts = 0;
+        int decoded = 0;
+        int skipped = 0;
+        bool got = false;
+        while (!got) {
+            if (AbandonRequested()) break;
+            if (api.read_frame(input.get(), packet.get()) < 0) {
+                api.free_packet(packet.get());
+                QRB_LOGD("bFind:%d,frame:%d", got ? 1 : 0, i);
+                break;
+            }
+            if (packet->stream_index != input->video_stream_index) {
+                api.free_packet(packet.get());
+                api.init_packet(packet.get());
+                continue;
+            }
+            // Decoding starts at a key frame and then follows the packets until a picture is
+            // complete; a 4K video decodes key frames only, the others cost too much.
+            const bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
+            if (is4K ? !key : (!key && decoded == 0)) {
+                ++skipped;
+                api.free_packet(packet.get());
+                api.init_packet(packet.get());
+                continue;
+            }
+            int gotPicture = 0;
+            const int len = api.decode_video(context, frame.get(), &gotPicture, packet.get());
+            ++decoded;
+            if (len < 0) {
+                ++attempts;
+                QRB_LOGW("Decode Falied: len < 0");
+                api.free_packet(packet.get());
+                if (attempts < 201) {
+                    api.init_packet(packet.get());
+                    continue;
+                }
+                break;
+            }
+            if (gotPicture == 0) {
+                ++attempts;
+                QRB_LOGD("frame:[%d] decode not finished.", i);
+                api.free_packet(packet.get());
+                if (attempts > 200) break;
+                api.init_packet(packet.get());
+                continue;
+            }
+            got = true;
+        }
+        QRB_LOGD("frame[%d]: %d packets decoded, %d skipped", i, decoded, skipped);
+        if (AbandonRequested()) {
+            QRB_LOGW("stop requested, frame grabbing abandoned at frame[%d]", i);
+            ok = false;
+            break;
+        }
+        // Between positions the decoder forgets what it held, whether or not this position gave
+        // a picture: the next one starts from another key frame.
+        if (frameCount > i + 1) api.flush_buffers(context);
+        api.free_packet(packet.get());
+        if (!got) continue;
+        QRB_LOGD("pts=%lld,dts:%lld", static_cast<long long>(frame->pts),
+                 static_cast<long long>(frame->pkt_dts));
+
+        // The decoded picture's own size and format, not the stream's: a stream may change
+        // them midway, and the scaler must read exactly what the frame holds.
+        const int srcW = frame->width;
+        const int srcH = frame->height;
+        long long outW = 0;
+        long long outH = 0;
+        CoverSize(srcW, srcH, request.width, request.height, &outW, &outH);
+        const int numBytes = (outW > 0 && outH > 0 && outW <= INT_MAX && outH <= INT_MAX)
+                                 ? api.picture_size(QRB_FFMPEGAPI_FMT_ARGB, static_cast<int>(outW),
+                                                    static_cast<int>(outH))
+                                 : -1;
+        if (numBytes < 1) {
+            QRB_LOGW("numBytes[%d]\n", numBytes);
+            ok = false;
+            break;
+        }
+        QRBMallocBuffer buffer(static_cast<unsigned char*>(std::malloc(numBytes)), &std::free);
+        if (!buffer) {
+            QRB_LOGW("malloc fail!");
+            ok = false;
+            break;
+        }
+        long long pts = frame->best_effort_timestamp;
+        if (pts == AV_NOPTS_VALUE) pts = frame->pts;
+        if (pts == AV_NOPTS_VALUE) pts = input->start_pts;
+        // Milliseconds from the start of the video stream.
+        const long long timestamp = av_rescale_q(pts - input->start_pts, timeBase, {1, 1000});
+        if (api.picture_fill(scaled.get(), buffer.get(), QRB_FFMPEGAPI_FMT_ARGB,
+                             static_cast<int>(outW), static_cast<int>(outH)) < 0) {
+            QRB_LOGW("ffmpeg_av_picture_fill fail!");
+            ok = false;
+            break;
+        }
+        QRBApiSwsContext sws(api.sws_get_context(srcW, srcH, frame->format, static_cast<int>(outW),
+                                                 static_cast<int>(outH), QRB_FFMPEGAPI_FMT_ARGB),
+                             ApiSwsFree{api.sws_free_context});
+        if (!sws) {
+            QRB_LOGW("ffmpeg_av_sws_getcontent fail!");
+            ok = false;
+            break;
+        }
+        QRB_LOGD("begin to scale");
+        if (api.sws_scale(sws.get(), frame->data, frame->linesize, 0, srcH, scaled->data,
+                          scaled->linesize) <= 0) {
+            QRB_LOGW("ffmpeg_av_sws_scale fail!");
+            ok = false;
+            break;
+        }
+        sws.reset();
+        QRB_LOGD(
+            "success get video thumbnail:frame=%d,coded_width=%d,coded_height=%d,timestamp:%lld,"
+            "frame_data[%p].",
+            i, srcW, srcH, timestamp, static_cast<void*>(buffer.get()));
+        // The callback owns the buffer from here on, whatever it answers.
+        callback(request, buffer.release(), nullptr, timestamp, static_cast<int>(outW),
+                 static_cast<int>(outH), user, item);
+    }
+
+    QRB_LOGD("release ffmpeg resource begin");
+    scaled.reset();
+    frame.reset();
+    packet.reset();
+    codec.reset();
+    input.reset();
+    QRB_LOGD("release ffmpeg resource end");
+    return ok;
+}
+
+bool CQRBThumbnailVideoDecoder::m_GetFrame(AVFormatContext* context, int frameCount, int width,
+                                           int height, FrameCallback callback,
+                                           _stRequestedItem& request,
+                                           boost::intrusive_ptr<CQRBThumbnailItem> item,
+                                           void* user) {
+    if (context == nullptr || callback == nullptr || frameCount < 0 || frameCount > 255 ||
+        width < 0 || height < 0) {
+        QRB_LOGW("Invalid parameter...");
+        return false;
+    }
+    QRB_LOGD("decode begin");
+    QRBFFmpegInput* input = nullptr;
+    const int ret = qrbffmpeg::AdoptInput(context, &input);
+    if (input == nullptr) {
+        QRB_LOGW("failed to find av stream. maybe corrupted data.\n");
+        QRB_LOGD("adopt input: %d", ret);
+        return false;
+    }
+    _stRequestedItem wanted = request;
+    wanted.FrameCount = static_cast<unsigned char>(frameCount);
+    wanted.width = width;
+    wanted.height = height;
+    return m_GrabFrames(DirectApi(), input, wanted, item, callback, user);
 }
 
 bool CQRBThumbnailVideoDecoder::m_FFMpegInit(const char* url, AVFormatContext** context) {
     if (url == nullptr || context == nullptr) return false;
     *context = nullptr;
     // No av_register_all: FFmpeg 5 registers its formats itself.
-    ScopedDictionary options;
-    av_dict_set(&options.dict, "protocol_whitelist", "file", 0);
-    av_dict_set(&options.dict, "format_whitelist", kVideoFormats, 0);
-    int nRet = avformat_open_input(context, url, nullptr, &options.dict);
+    int nRet = qrbffmpeg::OpenFormat(url, qrbffmpeg::kVideoFormats, context);
     if (nRet != 0) {
         QRB_LOGW("error : avformat_open_input failed nRet=%d", nRet);
-        *context = nullptr;  // avformat_open_input frees the context on failure
+        *context = nullptr;
         return false;
     }
     if (*context == nullptr) {

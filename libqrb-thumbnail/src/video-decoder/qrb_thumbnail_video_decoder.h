@@ -14,6 +14,8 @@
 #include "qrb_thumbnail_decode_base.h"
 #include "qrb_thumbnail_extractor.h"
 
+#include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -37,7 +39,9 @@ public:
     using QRBThumbnailDecodeBsae::Create;
     // False for a null list or cache; otherwise the thread start's result.
     bool Create(int n, CQRBThumbRequestList* list, CQRBThumbCache* cache) override;
-    // Waits (10 ms polls) until the request being served is finished; does not stop the thread.
+    // Stops the work in hand: the video being decoded is given up at the grabber's next look
+    // (between packets), then Stop waits (10 ms polls) until the request is answered. The thread
+    // goes on serving later requests.
     bool Stop() override;
     void Destroy() override;
     void t_Process() override;
@@ -45,12 +49,19 @@ public:
     // Makes the frames of one video, through callback (with user) into item.
     bool Extract(_stRequestedItem request, boost::intrusive_ptr<CQRBThumbnailItem> item,
                  FrameCallback callback, void* user);
-    // The frame grabber over the media decoding table.
+    // The frame grabber over the media decoding table: FrameCount frames at the positions
+    // duration x (i + 1) / (FrameCount + 1), each scaled to cover the requested size and handed
+    // to callback with its time stamp in milliseconds from the start of the video stream (the
+    // first complete picture from the key frame at or before the position; only key frames for
+    // 4K). True when every position was tried, whether or not it gave a frame; false
+    // when the table is incomplete, the file cannot be grabbed from, a frame cannot be scaled,
+    // or the work was given up (Stop, Destroy).
     bool m_GetFrameFromArcplayer(_stRequestedItem& request,
                                  boost::intrusive_ptr<CQRBThumbnailItem> item,
                                  FrameCallback callback, void* user);
-    // A second grabber calling FFmpeg directly; the worker does not use it. It arrives together
-    // with the grabber's decoding loop and is not defined yet.
+    // A second grabber, over an input opened with m_FFMpegInit: the same positions, reading
+    // loop and scaling as m_GetFrameFromArcplayer, calling this library's own FFmpeg functions
+    // instead of the plug-ins'. The worker does not use it. The input stays open.
     bool m_GetFrame(AVFormatContext* context, int frameCount, int width, int height,
                     FrameCallback callback, _stRequestedItem& request,
                     boost::intrusive_ptr<CQRBThumbnailItem> item, void* user);
@@ -86,6 +97,9 @@ public:
 
     bool MediaDecodingReady() const { return m_bMediaReady != 0; }
     bool Busy() const { return m_bBusy.load(); }
+    // True while the grabbers are asked to give up what they decode (Destroy, or Stop during
+    // the request being served).
+    bool AbandonRequested() const;
 
 private:
     // Serves one request; the caller sends its one event with the item and the answer.
@@ -95,11 +109,20 @@ private:
     bool m_FindInCache(const _stRequestedItem& request,
                        boost::intrusive_ptr<CQRBThumbnailItem>& item);
     void m_MakeVideoFolder();
+    // Steps shared by both grabbers, from the seek check to the release of everything: input is
+    // open (and owned here from the call on), request carries FrameCount and the wanted size.
+    bool m_GrabFrames(const QRBFFmpegApi& api, QRBFFmpegInput* input, _stRequestedItem& request,
+                      boost::intrusive_ptr<CQRBThumbnailItem> item, FrameCallback callback,
+                      void* user);
 
     std::unique_ptr<CQRBThumbnailExtractor> m_pExtractor;
     _stRequestedItem m_CurrentRequest;
     uint8_t m_bMediaReady = 0;
     std::atomic<bool> m_bBusy{false};
+    // Stop gives up one request, not the worker: requests are numbered as the worker takes
+    // them, and Stop names the one in hand.
+    std::atomic<uint64_t> m_nServing{0};
+    std::atomic<uint64_t> m_nAbandoned{UINT64_MAX};
 };
 
 #endif

@@ -1,0 +1,309 @@
+// Demuxing and decoding half of the media functions (the decoder plug-in's part).
+#include "video-decoder/qrb_ffmpeg_api_impl.h"
+#include "video-decoder/qrb_ffmpeg_scoped.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/mathematics.h>
+}
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstring>
+#include <new>
+
+namespace qrbffmpeg {
+
+const char* const kVideoFormats =
+    "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,avi,asf,flv,mpegts,mpeg,mpegvideo,m4v,h264,hevc,"
+    "vc1,ogg,rm,dv,mxf,nut,wtv,mjpeg,yuv4mpegpipe";
+
+namespace {
+
+// A read that has not returned after this long is cut short: a crafted file can keep a demuxer
+// scanning for its next packet, and a local file never needs nearly this much.
+constexpr auto kReadDeadline = std::chrono::seconds(10);
+
+using Clock = std::chrono::steady_clock;
+
+struct Deadline {
+    Clock::time_point at = Clock::time_point::max();
+    void Arm() { at = Clock::now() + kReadDeadline; }
+};
+
+int DeadlinePassed(void* opaque) {
+    return Clock::now() > static_cast<Deadline*>(opaque)->at ? 1 : 0;
+}
+
+// What open input hands out: the public record first, the owners behind it. The library sees
+// only the record; close input turns it back into this.
+struct Input : QRBFFmpegInput {
+    Deadline deadline;
+    QRBScopedFormatContext ownedFormat;  // null for an adopted input
+    QRBScopedCodecContext codec;
+};
+
+// The video stream to grab from: the best one by FFmpeg's measure unless that is a cover
+// picture (an attached picture is a still image, not the video), else the first real one.
+int PickVideoStream(AVFormatContext* context, const AVCodec** decoder) {
+    int best = av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, decoder, 0);
+    if (best >= 0 && !(context->streams[best]->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
+        return best;
+    }
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+        AVStream* stream = context->streams[i];
+        if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) continue;
+        if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) continue;
+        const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+        if (codec == nullptr) continue;
+        *decoder = codec;
+        return static_cast<int>(i);
+    }
+    return AVERROR_STREAM_NOT_FOUND;
+}
+
+// Fills the record and the codec context of an opened input whose streams are known.
+int Describe(Input& input, AVFormatContext* context) {
+    const AVCodec* decoder = nullptr;
+    const int index = PickVideoStream(context, &decoder);
+    if (index < 0 || decoder == nullptr) return AVERROR_STREAM_NOT_FOUND;
+    AVStream* stream = context->streams[index];
+    const AVCodecParameters* par = stream->codecpar;
+    if (par->width <= 0 || par->height <= 0 || par->width > kMaxSide || par->height > kMaxSide) {
+        return AVERROR_INVALIDDATA;
+    }
+
+    QRBScopedCodecContext codec(avcodec_alloc_context3(decoder));
+    if (!codec) return AVERROR(ENOMEM);
+    int ret = avcodec_parameters_to_context(codec.get(), par);
+    if (ret < 0) return ret;
+    codec->pkt_timebase = stream->time_base;
+    // A stream may change its size midway; the decoder refuses pictures above the limit too.
+    codec->max_pixels = kMaxPixels;
+    // One picture per position: a thread pool would cost more to start than it saves, and
+    // frame threads would hold pictures back.
+    codec->thread_count = 1;
+
+    input.duration = context->duration;
+    if (input.duration == AV_NOPTS_VALUE && stream->duration != AV_NOPTS_VALUE) {
+        input.duration = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
+    }
+    if (input.duration == AV_NOPTS_VALUE) input.duration = -1;
+    input.width = par->width;
+    input.height = par->height;
+    input.video_stream_index = index;
+    input.time_base_num = stream->time_base.num;
+    input.time_base_den = stream->time_base.den;
+    input.start_pts = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+    input.video_codec = decoder;
+    input.format_context = context;
+    input.codec = std::move(codec);
+    input.codec_context = input.codec.get();
+    return 0;
+}
+
+// MP4 and Matroska headers give every stream's size and the duration. Probing such a file
+// (avformat_find_stream_info) decodes pictures on top of that, which for a single thumbnail
+// costs about as much as the thumbnail itself, so it is left out when the header was enough.
+// Other containers (a transport stream has no header to speak of) are probed.
+bool HeaderIsEnough(const AVFormatContext* context) {
+    if (context->duration == AV_NOPTS_VALUE || context->duration <= 0) return false;
+    const char* name = context->iformat != nullptr ? context->iformat->name : "";
+    if (std::strstr(name, "mp4") == nullptr && std::strstr(name, "matroska") == nullptr) {
+        return false;
+    }
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+        const AVStream* stream = context->streams[i];
+        const AVCodecParameters* par = stream->codecpar;
+        if (par->codec_type == AVMEDIA_TYPE_VIDEO &&
+            !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC) && par->width > 0 &&
+            par->height > 0 && par->codec_id != AV_CODEC_ID_NONE) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+int OpenFormat(const char* path, const char* formats, AVFormatContext** context,
+               const AVIOInterruptCB* interrupt) {
+    if (context == nullptr) return AVERROR(EINVAL);
+    *context = nullptr;
+    if (path == nullptr) return AVERROR(EINVAL);
+    struct stat st;
+    if (stat(path, &st) != 0) return AVERROR(ENOENT);
+    if (!S_ISREG(st.st_mode)) return AVERROR(EINVAL);
+
+    AVFormatContext* raw = avformat_alloc_context();
+    if (raw == nullptr) return AVERROR(ENOMEM);
+    raw->probesize = kProbeBytes;
+    raw->max_analyze_duration = kAnalyzeMicroseconds;
+    if (interrupt != nullptr) raw->interrupt_callback = *interrupt;
+
+    QRBScopedDictionary options;
+    av_dict_set(&options.dict, "protocol_whitelist", "file", 0);
+    av_dict_set(&options.dict, "format_whitelist", formats, 0);
+    // avformat_open_input frees the context itself when it fails.
+    const int ret = avformat_open_input(&raw, path, nullptr, &options.dict);
+    if (ret < 0) return ret;
+    *context = raw;
+    return 0;
+}
+
+int OpenInput(const char* path, QRBFFmpegInput** input) {
+    if (input == nullptr) return AVERROR(EINVAL);
+    *input = nullptr;
+    Input* made = new (std::nothrow) Input();
+    if (made == nullptr) return AVERROR(ENOMEM);
+    std::unique_ptr<Input> owner(made);
+
+    AVIOInterruptCB interrupt = {&DeadlinePassed, &owner->deadline};
+    owner->deadline.Arm();
+    AVFormatContext* context = nullptr;
+    int ret = OpenFormat(path, kVideoFormats, &context, &interrupt);
+    if (ret < 0) return ret;
+    owner->ownedFormat.reset(context);
+    owner->deadline.Arm();
+    if (!HeaderIsEnough(context)) {
+        ret = avformat_find_stream_info(context, nullptr);
+        if (ret < 0) return ret;
+    }
+    ret = Describe(*owner, context);
+    if (ret < 0) return ret;
+    *input = owner.release();
+    return 0;
+}
+
+int AdoptInput(AVFormatContext* context, QRBFFmpegInput** input) {
+    if (input == nullptr) return AVERROR(EINVAL);
+    *input = nullptr;
+    if (context == nullptr) return AVERROR(EINVAL);
+    std::unique_ptr<Input> owner(new (std::nothrow) Input());
+    if (!owner) return AVERROR(ENOMEM);
+    int ret = 0;
+    if (!HeaderIsEnough(context)) {
+        ret = avformat_find_stream_info(context, nullptr);
+        if (ret < 0) return ret;
+    }
+    ret = Describe(*owner, context);
+    if (ret < 0) return ret;
+    *input = owner.release();
+    return 0;
+}
+
+void CloseInput(QRBFFmpegInput** input) {
+    if (input == nullptr || *input == nullptr) return;
+    // The codec context goes before the format context that its stream belongs to.
+    std::unique_ptr<Input> owner(static_cast<Input*>(*input));
+    owner->codec.reset();
+    owner->ownedFormat.reset();
+    *input = nullptr;
+}
+
+int CodecOpen(AVCodecContext* context, const AVCodec* codec) {
+    if (context == nullptr || codec == nullptr) return AVERROR(EINVAL);
+    return avcodec_open2(context, codec, nullptr);
+}
+
+int CodecClose(AVCodecContext* context) {
+    if (context == nullptr) return AVERROR(EINVAL);
+    return avcodec_close(context);
+}
+
+int DecodeVideo(AVCodecContext* context, AVFrame* frame, int* got_picture, const AVPacket* packet) {
+    if (context == nullptr || frame == nullptr || got_picture == nullptr) return AVERROR(EINVAL);
+    *got_picture = 0;
+    int ret = avcodec_send_packet(context, packet);
+    if (ret == AVERROR(EAGAIN)) {
+        // A picture is waiting and the packet was not taken: hand the picture out; the packet
+        // counts as used, as the one-call decoders did.
+        ret = avcodec_receive_frame(context, frame);
+        if (ret < 0) return ret;
+        *got_picture = 1;
+        return 0;
+    }
+    if (ret < 0 && ret != AVERROR_EOF) return ret;
+    ret = avcodec_receive_frame(context, frame);
+    if (ret == 0) {
+        *got_picture = 1;
+    } else if (ret != AVERROR(EAGAIN) && ret != AVERROR_EOF) {
+        return ret;
+    }
+    return packet != nullptr ? packet->size : 0;
+}
+
+AVFrame* AllocFrame() { return av_frame_alloc(); }
+
+AVPacket* AllocPacket() { return av_packet_alloc(); }
+
+int SeekFrame(QRBFFmpegInput* input, int64_t timestamp_us) {
+    if (input == nullptr || input->format_context == nullptr) return AVERROR(EINVAL);
+    Input* self = static_cast<Input*>(input);
+    AVFormatContext* context = input->format_context;
+    const AVRational timeBase = {input->time_base_num, input->time_base_den};
+    const int64_t target = av_rescale_q(timestamp_us, AV_TIME_BASE_Q, timeBase) + input->start_pts;
+    self->deadline.Arm();
+    int ret = av_seek_frame(context, input->video_stream_index, target, AVSEEK_FLAG_BACKWARD);
+    if (ret < 0) {
+        // Some demuxers only seek on the whole file's clock.
+        const int64_t start = context->start_time != AV_NOPTS_VALUE ? context->start_time : 0;
+        self->deadline.Arm();
+        ret = av_seek_frame(context, -1, timestamp_us + start, AVSEEK_FLAG_BACKWARD);
+    }
+    return ret;
+}
+
+int ReadFrame(QRBFFmpegInput* input, AVPacket* packet) {
+    if (input == nullptr || input->format_context == nullptr || packet == nullptr) {
+        return AVERROR(EINVAL);
+    }
+    // A packet still holding data would leak it: av_read_frame overwrites without releasing.
+    av_packet_unref(packet);
+    static_cast<Input*>(input)->deadline.Arm();
+    return av_read_frame(input->format_context, packet);
+}
+
+void InitPacket(AVPacket* packet) {
+    if (packet != nullptr) av_packet_unref(packet);
+}
+
+void FreePacket(AVPacket* packet) {
+    if (packet != nullptr) av_packet_unref(packet);
+}
+
+int PictureSize(int format, int width, int height) {
+    if (format != QRB_FFMPEGAPI_FMT_ARGB) return AVERROR(EINVAL);
+    if (width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) {
+        return AVERROR(EINVAL);
+    }
+    return av_image_get_buffer_size(AV_PIX_FMT_BGRA, width, height, 1);
+}
+
+int PictureFill(AVFrame* frame, const uint8_t* buffer, int format, int width, int height) {
+    if (frame == nullptr || buffer == nullptr) return AVERROR(EINVAL);
+    const int size = PictureSize(format, width, height);
+    if (size < 0) return size;
+    const int ret = av_image_fill_arrays(frame->data, frame->linesize, buffer, AV_PIX_FMT_BGRA,
+                                         width, height, 1);
+    if (ret < 0) return ret;
+    frame->width = width;
+    frame->height = height;
+    frame->format = AV_PIX_FMT_BGRA;
+    return ret;
+}
+
+void FreeFrame(AVFrame** frame) { av_frame_free(frame); }
+
+int SeekAvailable(QRBFFmpegInput* input) {
+    if (input == nullptr || input->format_context == nullptr) return -1;
+    AVIOContext* io = input->format_context->pb;
+    return (io != nullptr && (io->seekable & AVIO_SEEKABLE_NORMAL)) ? 0 : 1;
+}
+
+void FlushBuffers(AVCodecContext* context) {
+    if (context != nullptr) avcodec_flush_buffers(context);
+}
+
+}  // namespace qrbffmpeg

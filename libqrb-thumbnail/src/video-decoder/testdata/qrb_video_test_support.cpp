@@ -1,0 +1,188 @@
+#include "qrb_video_test_support.h"
+
+#include "video-decoder/qrb_ffmpeg_scoped.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+
+namespace qrbtest {
+
+namespace fs = std::filesystem;
+
+std::string VideoFixture(const std::string& name) {
+    return std::string(QRB_VIDEO_FIXTURE_DIR) + "/" + name;
+}
+
+void InstallMediaPlugins(const ScratchRoot& root) {
+    const fs::path dir = root.Resolve("/usr/lib/gstreamer-1.0/");
+    fs::create_directories(dir);
+    fs::copy_file(QRB_MEDIA_PLUGIN_DECODER, dir / "libgstffmpeg.so",
+                  fs::copy_options::overwrite_existing);
+    fs::copy_file(QRB_MEDIA_PLUGIN_SCALER, dir / "libgstffmpegscale.so",
+                  fs::copy_options::overwrite_existing);
+}
+
+std::string ReadWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read " + path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void WriteWholeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1) {
+    MeanColour mean;
+    double n = 0;
+    for (int y = y0; y < y1; ++y) {
+        for (int x = x0; x < x1; ++x) {
+            const size_t at = (static_cast<size_t>(y) * width + x) * 4;
+            if (at + 3 >= bgra.size()) throw std::out_of_range("pixel outside the raster");
+            mean.b += static_cast<unsigned char>(bgra[at]);
+            mean.g += static_cast<unsigned char>(bgra[at + 1]);
+            mean.r += static_cast<unsigned char>(bgra[at + 2]);
+            n += 1;
+        }
+    }
+    if (n > 0) {
+        mean.b /= n;
+        mean.g /= n;
+        mean.r /= n;
+    }
+    return mean;
+}
+
+double FadeMomentMs(double grey, double durationMs) { return grey / 255.0 * durationMs; }
+
+namespace {
+
+QRBScopedFormatContext OpenForTest(const std::string& path) {
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+        throw std::runtime_error("cannot open " + path);
+    }
+    QRBScopedFormatContext context(raw);
+    if (avformat_find_stream_info(context.get(), nullptr) < 0) {
+        throw std::runtime_error("no stream information in " + path);
+    }
+    return context;
+}
+
+int VideoStream(AVFormatContext* context) {
+    const int index = av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0) throw std::runtime_error("no video stream");
+    return index;
+}
+
+}  // namespace
+
+MediaFacts ReadMediaFacts(const std::string& path) {
+    QRBScopedFormatContext context = OpenForTest(path);
+    MediaFacts facts;
+    facts.durationUs = context->duration;
+    const int index = VideoStream(context.get());
+    AVStream* stream = context->streams[index];
+    const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+    QRBScopedPacket packet(av_packet_alloc());
+    while (av_read_frame(context.get(), packet.get()) >= 0) {
+        if (packet->stream_index == index && (packet->flags & AV_PKT_FLAG_KEY) &&
+            packet->pts != AV_NOPTS_VALUE) {
+            facts.keyTimesMs.push_back(static_cast<double>(av_rescale_q(
+                                           packet->pts - start, stream->time_base, {1, 1000000})) /
+                                       1000.0);
+        }
+        av_packet_unref(packet.get());
+    }
+    return facts;
+}
+
+std::vector<std::string> CutKeyFrames(const std::string& path, int count) {
+    QRBScopedFormatContext context = OpenForTest(path);
+    const int index = VideoStream(context.get());
+    std::vector<std::string> frames;
+    QRBScopedPacket packet(av_packet_alloc());
+    while (static_cast<int>(frames.size()) < count &&
+           av_read_frame(context.get(), packet.get()) >= 0) {
+        if (packet->stream_index == index && (packet->flags & AV_PKT_FLAG_KEY)) {
+            frames.emplace_back(reinterpret_cast<const char*>(packet->data),
+                                static_cast<size_t>(packet->size));
+        }
+        av_packet_unref(packet.get());
+    }
+    if (static_cast<int>(frames.size()) < count) throw std::runtime_error("too few key frames");
+    return frames;
+}
+
+void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
+    QRBScopedFormatContext input = OpenForTest(src);
+    const int index = VideoStream(input.get());
+    AVFormatContext* raw = nullptr;
+    if (avformat_alloc_output_context2(&raw, nullptr, nullptr, dst.c_str()) < 0) {
+        throw std::runtime_error("no muxer for " + dst);
+    }
+    std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> output(
+        raw, [](AVFormatContext* c) {
+            if (c->pb != nullptr) avio_closep(&c->pb);
+            avformat_free_context(c);
+        });
+    AVStream* out = avformat_new_stream(output.get(), nullptr);
+    avcodec_parameters_copy(out->codecpar, input->streams[index]->codecpar);
+    out->codecpar->codec_tag = 0;
+    out->time_base = input->streams[index]->time_base;
+    if (avio_open(&output->pb, dst.c_str(), AVIO_FLAG_WRITE) < 0 ||
+        avformat_write_header(output.get(), nullptr) < 0) {
+        throw std::runtime_error("cannot write " + dst);
+    }
+    QRBScopedPacket packet(av_packet_alloc());
+    while (av_read_frame(input.get(), packet.get()) >= 0) {
+        if (packet->stream_index == index) {
+            QRBScopedPacket blank(av_packet_alloc());
+            av_new_packet(blank.get(), packet->size);  // zero-filled
+            std::fill(blank->data, blank->data + blank->size, 0);
+            blank->pts = packet->pts;
+            blank->dts = packet->dts;
+            blank->duration = packet->duration;
+            blank->flags = packet->flags;
+            blank->stream_index = 0;
+            av_packet_rescale_ts(blank.get(), input->streams[index]->time_base, out->time_base);
+            av_interleaved_write_frame(output.get(), blank.get());
+        }
+        av_packet_unref(packet.get());
+    }
+    av_write_trailer(output.get());
+}
+
+std::string ZeroMp4Durations(std::string bytes) {
+    // Box layouts: mvhd and mdhd carry (version, flags, creation, modification, timescale,
+    // duration), tkhd (version, flags, creation, modification, track id, reserved, duration);
+    // version 1 widens the times and the duration to 64 bits.
+    struct Box {
+        const char* type;
+        size_t v0;
+        size_t v1;
+    };
+    const Box boxes[] = {{"mvhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
+                         {"mdhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
+                         {"tkhd", 4 + 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4 + 4}};
+    for (const Box& box : boxes) {
+        for (size_t at = bytes.find(box.type); at != std::string::npos;
+             at = bytes.find(box.type, at + 4)) {
+            const bool wide = bytes[at + 4] == 1;
+            const size_t offset = at + (wide ? box.v1 : box.v0);
+            const size_t width = wide ? 8 : 4;
+            if (offset + width > bytes.size()) throw std::runtime_error("short box");
+            std::fill(bytes.begin() + static_cast<long>(offset),
+                      bytes.begin() + static_cast<long>(offset + width), '\0');
+        }
+    }
+    return bytes;
+}
+
+}  // namespace qrbtest

@@ -1,0 +1,56 @@
+// What the video and recording tests share: the fixture videos the build made (see
+// make_video_fixtures.sh), the plug-ins installed into a scratch root, and small tools that read
+// real media with FFmpeg to tell the tests what to expect (durations, key-frame times, the key
+// frames themselves) or to derive broken files from good ones.
+#ifndef QRB_VIDEO_TEST_SUPPORT_H
+#define QRB_VIDEO_TEST_SUPPORT_H
+
+#include "qrb_test_root.h"
+
+#include <string>
+#include <vector>
+
+namespace qrbtest {
+
+// Full path of a fixture video made by the build.
+std::string VideoFixture(const std::string& name);
+
+// Copies the two media plug-ins the build made into root's plug-in folder.
+void InstallMediaPlugins(const ScratchRoot& root);
+
+std::string ReadWholeFile(const std::string& path);
+void WriteWholeFile(const std::string& path, const std::string& bytes);
+
+// Mean of the blue, green and red bytes over a rectangle of a BGRA raster.
+struct MeanColour {
+    double b = 0;
+    double g = 0;
+    double r = 0;
+    double Grey() const { return (b + g + r) / 3; }
+};
+MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1);
+
+// The faded fixtures go from black at 0 to white at their end: the moment a frame of the given
+// mean brightness was taken from, in milliseconds.
+double FadeMomentMs(double grey, double durationMs);
+
+struct MediaFacts {
+    long long durationUs = -1;       // the container's, as FFmpeg reads it
+    std::vector<double> keyTimesMs;  // video key frames, from the stream's start
+};
+MediaFacts ReadMediaFacts(const std::string& path);
+
+// The first count key-frame packets of the video stream of a transport stream, as a recorder
+// hands them over: one coded picture each, with the headers it carries in the stream.
+std::vector<std::string> CutKeyFrames(const std::string& path, int count);
+
+// A copy of src whose video packets keep their sizes, times and flags but hold only zero bytes:
+// a well-formed container around a stream that never gives a picture.
+void WriteBlankedVideoCopy(const std::string& src, const std::string& dst);
+
+// The bytes of an MP4 file with every duration its header gives (movie, track, media) set to 0.
+std::string ZeroMp4Durations(std::string bytes);
+
+}  // namespace qrbtest
+
+#endif
