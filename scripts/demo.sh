@@ -100,15 +100,221 @@ $FFMPEG -f lavfi -i "sine=frequency=440:duration=2" -i "$WORK/cover.jpg" \
     "$MEDIA/song-with-cover.mp3"
 $FFMPEG -f lavfi -i "sine=frequency=330:duration=2" -c:a libmp3lame -b:a 64k -id3v2_version 3 \
     -metadata title="No cover" "$MEDIA/song-without-cover.mp3"
+
+# Byte helpers for the two tags written by hand below: a number as N little-endian or
+# big-endian bytes, an ID3 synchsafe size, ASCII as zero-terminated UTF-16LE, hex as bytes.
+byte() { printf "\\$(printf '%03o' "$1")"; }
+le() {
+    v=$1 n=$2
+    while [ "$n" -gt 0 ]; do byte $((v & 255)); v=$((v >> 8)); n=$((n - 1)); done
+}
+be() {
+    n=$2
+    while [ "$n" -gt 0 ]; do n=$((n - 1)); byte $((($1 >> (8 * n)) & 255)); done
+}
+synchsafe() {
+    byte $((($1 >> 21) & 127)); byte $((($1 >> 14) & 127)); byte $((($1 >> 7) & 127)); byte $(($1 & 127))
+}
+utf16() {
+    s=$1
+    while [ -n "$s" ]; do
+        c=${s%"${s#?}"}
+        s=${s#?}
+        printf '%s' "$c"; byte 0
+    done
+    byte 0; byte 0
+}
+hexbytes() { for h in "$@"; do byte $((0x$h)); done; }
+filesize() { wc -c < "$1" | tr -d ' '; }
+
+# An ID3v2.2 tag (which ffmpeg no longer writes) with a PIC frame in front of untagged audio.
+convert -size 300x300 gradient:'#11998e-#38ef7d' -fill white \
+    -draw 'polygon 150,50 250,250 50,250' -fill '#11998e' -draw 'circle 150,185 150,160' \
+    "$WORK/cover-v22.jpg"
+$FFMPEG -f lavfi -i "sine=frequency=392:duration=2" -c:a libmp3lame -b:a 64k -id3v2_version 0 \
+    -write_xing 0 "$WORK/untagged.mp3"
+picture=$(filesize "$WORK/cover-v22.jpg")
+frame=$((6 + picture))  # text encoding, "JPG", picture type, empty description, picture
+{
+    printf 'ID3'; byte 2; byte 0; byte 0; synchsafe $((6 + frame))
+    printf 'PIC'; be "$frame" 3
+    byte 0; printf 'JPG'; byte 3; byte 0
+    cat "$WORK/cover-v22.jpg"
+    cat "$WORK/untagged.mp3"
+} > "$MEDIA/song-id3v22-cover.mp3"
+
+# A WMA song whose header carries a "WM/Picture". The library takes attribute values of 256
+# bytes at most, so the cover is an 8 x 6 bitmap (198 bytes); the object holding it is put in
+# front of the header objects ffmpeg wrote, and the header's size and object count grow to
+# match. (od reads the header's numbers in host order: a little-endian host, as ASF is.)
+$FFMPEG -f lavfi -i "sine=frequency=523:duration=2" -c:a wmav2 -b:a 64k \
+    -metadata title="WMA demo song" "$WORK/plain.wma"
+convert -size 8x6 xc:'#6a3093' -fill '#a044ff' -draw 'rectangle 4,0 7,5' \
+    -fill '#f1c40f' -draw 'rectangle 3,2 4,3' -type truecolor "BMP3:$WORK/cover-wma.bmp"
+picture=$(filesize "$WORK/cover-wma.bmp")
+value=$((1 + 4 + 20 + 2 + picture))  # type, size, "image/bmp", empty description, picture
+descriptor=$((2 + 22 + 2 + 2 + value))
+object=$((24 + 2 + descriptor))
+{
+    hexbytes 40 A4 D0 D2 07 E3 D2 11 97 F0 00 A0 C9 5E A8 50  # Extended Content Description
+    le "$object" 8; le 1 2
+    le 22 2; utf16 "WM/Picture"; le 1 2; le "$value" 2
+    byte 3; le "$picture" 4; utf16 "image/bmp"; utf16 ""
+    cat "$WORK/cover-wma.bmp"
+} > "$WORK/wm-picture.obj"
+header_size=$(od -An -t u8 -j 16 -N 8 "$WORK/plain.wma" | tr -d ' ')
+objects=$(od -An -t u4 -j 24 -N 4 "$WORK/plain.wma" | tr -d ' ')
+{
+    head -c 16 "$WORK/plain.wma"
+    le $((header_size + object)) 8
+    le $((objects + 1)) 4
+    tail -c +29 "$WORK/plain.wma" | head -c 2
+    cat "$WORK/wm-picture.obj"
+    tail -c +31 "$WORK/plain.wma"
+} > "$MEDIA/song-wma-cover.wma"
 $FFMPEG -f lavfi -i "testsrc=duration=4:size=640x360:rate=25" \
     -c:v libx264 -preset ultrafast -pix_fmt yuv420p -g 25 "$MEDIA/clip.mp4"
+# More videos: other codecs and containers, pictures that change over time (a moving test
+# pattern, a clock), so that the frames taken along each one differ.
+$FFMPEG -f lavfi -i "testsrc2=duration=6:size=1280x720:rate=25" \
+    -c:v libx265 -preset ultrafast -x265-params log-level=error:keyint=25 -pix_fmt yuv420p \
+    "$MEDIA/clip-hevc.mkv"
+$FFMPEG -f lavfi -i "mandelbrot=size=720x576:rate=25" -t 6 \
+    -c:v mpeg2video -q:v 4 -g 12 "$MEDIA/clip-mpeg2.mpg"
+$FFMPEG -f lavfi -i "color=c=0x202840:s=640x360:d=8:r=25" \
+    -vf "drawtext=text='%{pts\\:hms}':fontsize=72:fontcolor=white:x=(w-tw)/2:y=(h-th)/2" \
+    -c:v mpeg4 -q:v 3 -g 25 "$MEDIA/clock-mpeg4.avi" 2>/dev/null ||
+    echo "demo: no font for drawtext; the clock video is skipped"
 
-count=$(find "$MEDIA" -type f | wc -l)
+# A recording as the television's recorder leaves it: a transport stream named ".srf", and
+# beside it the ".mta" file with the thumbnails of key frames, which the recorder hands to
+# set_pvr_key_frame as it records (qrb-pvr-record stands in for the recorder here). Kept in a
+# folder of its own: the ".mta" file is no input for the tool.
+RECORDINGS=$OUT/recordings
+mkdir -p "$RECORDINGS"
+$FFMPEG -f lavfi -i "testsrc2=duration=8:size=720x576:rate=25" \
+    -f lavfi -i "sine=frequency=660:duration=8" \
+    -c:v mpeg2video -q:v 4 -g 25 -c:a mp2 -b:a 128k -f mpegts "$RECORDINGS/news.srf"
+RECORDER=$BUILD/platform/linux/pvr-recorder/qrb-pvr-record
+if [ -x "$RECORDER" ]; then
+    "$RECORDER" "$RECORDINGS/news.srf" 3 320 240
+else
+    echo "demo: $RECORDER is not built; the recording has no thumbnails"
+fi
+
+# A DLNA item: its server offers a side file (MTA) holding five chapter pictures as base64 JPEG
+# with their start times. The pictures are frames of the demo clip; the file is served from
+# 127.0.0.1 by Python's HTTP server, and the item is named "local path;MTA URI;MIME type".
+DLNA=$OUT/dlna-server
+mkdir -p "$DLNA" "$WORK/dlna"
+{
+    printf '<?xml version="1.0" encoding="UTF-8"?>\n<MediaInformation>\n'
+    printf '<ContentInformation><Chaptering>\n'
+    for chapter in 0 1 2 3 4; do
+        $FFMPEG -ss "$((chapter * 8 / 10)).$((chapter * 8 % 10))" -i "$MEDIA/clip.mp4" \
+            -frames:v 1 -vf scale=320:-2 "$WORK/dlna/chapter-$chapter.jpg"
+        printf '<ChapterSegment><KeyFrame><InlineMedia>'
+        base64 -w 0 "$WORK/dlna/chapter-$chapter.jpg"
+        printf '</InlineMedia></KeyFrame><MediaPosition><MediaTime timePoint="%d"/>' \
+            $((chapter * 800))
+        printf '</MediaPosition></ChapterSegment>\n'
+    done
+    printf '</Chaptering></ContentInformation>\n</MediaInformation>\n'
+} > "$DLNA/clip.mta"
+python3 -u -m http.server --bind 127.0.0.1 --directory "$DLNA" 0 > "$WORK/dlna-server.log" 2>&1 &
+DLNA_SERVER=$!
+trap 'kill "$DLNA_SERVER" 2>/dev/null || true' EXIT INT TERM
+DLNA_ITEM=
+for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
+    port=$(sed -n 's/.* port \([0-9][0-9]*\).*/\1/p' "$WORK/dlna-server.log" | head -n 1)
+    if [ -n "$port" ]; then
+        DLNA_ITEM="$WORK/dlna/clip.mta;http://127.0.0.1:$port/clip.mta;text/xml"
+        break
+    fi
+    sleep 0.25
+done
+[ -n "$DLNA_ITEM" ] || echo "demo: the DLNA server did not start; the DLNA item is skipped"
+
+# A content package: an ISO base media file whose table of contents names its descriptive
+# metadata, which names the poster stored inside the package. The tool sends ".uvu" files to
+# the package getter, which shows the poster. The package is written with the tests' box writer.
+PACKAGER=$BUILD/testing/qrb-make-scsa-package
+if [ -x "$PACKAGER" ]; then
+    convert -size 400x600 gradient:'#141e30-#243b55' \
+        -fill '#f39c12' -draw 'polygon 200,90 340,380 60,380' \
+        -fill '#ecf0f1' -draw 'circle 200,470 200,430' -quality 90 "$WORK/package-poster.jpg"
+    "$PACKAGER" "$MEDIA/feature.uvu" "$WORK/package-poster.jpg" "Sample Feature"
+else
+    echo "demo: $PACKAGER is not built; the content package is skipped"
+fi
+
+# A camera attached over PTP, simulated: qrb-test-camera serves a folder of pictures over PTP/IP
+# on 127.0.0.1, each with its EXIF thumbnail (which carries the picture's orientation, as a
+# turned camera would write it), and the library's MTP client reaches it as USB device 001;002
+# because QRB_PTPIP_CAMERA names it. qrb-ptp-list lists it through the PTP manager; the
+# pictures' URIs go to the tool with the other inputs. libgphoto2 keeps a settings file under
+# HOME, which points into the demo's folder from here on.
+CAMERA=$BUILD/testing/qrb-test-camera
+LISTER=$BUILD/libqrb-thumbnail/qrb-ptp-list
+CAMERA_PID=
+PTP_ITEMS=
+if [ -x "$CAMERA" ] && [ -x "$LISTER" ]; then
+    mkdir -p "$OUT/camera/DCIM/100DEMO" "$OUT/camera/DCIM/101DEMO" "$OUT/home" "$WORK/ptp"
+    : > "$WORK/ptp/exiftool.args"
+    for n in 1 3 6 8; do
+        case $n in 1) turn="" ;; 3) turn="-rotate 180" ;; 6) turn="-rotate 270" ;; 8) turn="-rotate 90" ;; esac
+        folder=100DEMO
+        [ "$n" -gt 3 ] && folder=101DEMO
+        # shellcheck disable=SC2086
+        convert -size 640x480 gradient:'#0f2027-#2c5364' \
+            -fill '#e67e22' -draw 'rectangle 24,24 224,124' \
+            -fill white -draw 'polygon 320,60 390,210 250,210' -draw 'rectangle 300,210 340,400' \
+            $turn -quality 90 "$OUT/camera/DCIM/$folder/IMG_000$n.JPG"
+        convert "$OUT/camera/DCIM/$folder/IMG_000$n.JPG" -resize 160x160 -strip -quality 80 \
+            "$WORK/ptp/thumb-$n.jpg"
+        printf -- '-overwrite_original\n-n\n-Orientation=%s\n%s\n-execute\n' \
+            "$n" "$WORK/ptp/thumb-$n.jpg" >> "$WORK/ptp/exiftool.args"
+        printf -- '-overwrite_original\n-n\n-Orientation=%s\n-ThumbnailImage<=%s\n%s\n-execute\n' \
+            "$n" "$WORK/ptp/thumb-$n.jpg" "$OUT/camera/DCIM/$folder/IMG_000$n.JPG" \
+            >> "$WORK/ptp/exiftool.args"
+    done
+    exiftool -q -q -@ "$WORK/ptp/exiftool.args" >/dev/null
+    "$CAMERA" --ready "$WORK/ptp/camera.ready" "$OUT/camera" > "$WORK/ptp/camera.log" 2>&1 &
+    CAMERA_PID=$!
+    trap 'kill ${DLNA_SERVER:-} ${CAMERA_PID:-} 2>/dev/null || true' EXIT INT TERM
+    for _ in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20; do
+        [ -s "$WORK/ptp/camera.ready" ] && break
+        sleep 0.25
+    done
+    if [ -s "$WORK/ptp/camera.ready" ]; then
+        QRB_PTPIP_CAMERA=$(cat "$WORK/ptp/camera.ready")
+        HOME=$OUT/home
+        export QRB_PTPIP_CAMERA HOME
+        echo "demo: the simulated camera at $QRB_PTPIP_CAMERA, as the PTP manager lists it:"
+        if "$LISTER" 1 2 > "$WORK/ptp/camera.list"; then
+            sed 's/^/    /' "$WORK/ptp/camera.list"
+            PTP_ITEMS=$(awk -F '\t' '$2 != "-" { print $2 }' "$WORK/ptp/camera.list")
+        else
+            echo "demo: listing the simulated camera failed; its pictures are skipped"
+        fi
+    else
+        echo "demo: the simulated camera did not start; its pictures are skipped"
+    fi
+else
+    echo "demo: $CAMERA or $LISTER is not built; the camera is skipped"
+fi
+
+count=$(find "$MEDIA" "$RECORDINGS" -type f -not -name '*.mta' | wc -l)
 echo "demo: $count files made; asking qrb-thumb for thumbnails"
 
-# Not "set -e" here: failed inputs end the tool with 1, which the demo reports.
+# Not "set -e" here: failed inputs end the tool with 1, which the demo reports. The camera's
+# items are URIs without spaces, one per word.
 status=0
-"$TOOL" -s 320x240 -n 3 -o "$OUT/thumbs" --sheet "$OUT/index.html" "$MEDIA"/* || status=$?
+# shellcheck disable=SC2086
+"$TOOL" -s 320x240 -n 3 -o "$OUT/thumbs" --sheet "$OUT/index.html" "$MEDIA"/* \
+    "$RECORDINGS"/*.srf ${DLNA_ITEM:+"$DLNA_ITEM"} $PTP_ITEMS || status=$?
+kill "$DLNA_SERVER" 2>/dev/null || true
+[ -z "$CAMERA_PID" ] || kill "$CAMERA_PID" 2>/dev/null || true
 case $status in
     0)
         echo "demo: every input has its thumbnail" ;;
@@ -119,3 +325,6 @@ case $status in
         exit 1 ;;
 esac
 echo "demo: contact sheet: $OUT/index.html"
+if [ -f "$OUT/thumbs/feature.uvu-0.png" ]; then
+    echo "demo: the content package's poster: $OUT/thumbs/feature.uvu-0.png"
+fi

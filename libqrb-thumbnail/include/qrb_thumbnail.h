@@ -160,6 +160,77 @@ int thumbnail_finalize(void);
 int qrb_uuid_time(char* out);
 int qrb_uuid_random(char* out);
 
+/*
+ * Recordings. The recorder hands over the key frames of a recording once, as it records; the
+ * library turns them into thumbnails kept in a file beside the recording ("name.srf" gets
+ * "name.mta"), and a request for the recording (media MEDIA_TYPE_PVR) later shows them. Both
+ * functions run synchronously on the caller's thread and need no thumbnail_init.
+ */
+
+/* One key frame as the recorder hands it over: an elementary-stream access unit (a complete
+ * coded picture with the headers it needs). The library reads it during the call only. */
+typedef struct {
+    const unsigned char* buffer; /* the coded picture */
+    int buffer_size;             /* bytes at buffer, 1 to 32 MiB */
+    int encode_type;             /* 1: MPEG-2 video, 2: H.264; anything else is refused */
+    int reserved[2];             /* the recorder's own; not read */
+} _key_frame;
+
+/* Decodes frame_count (1 to 5) key frames from frames (an array of _key_frame), brings each to
+ * exactly request_width x request_height (1 to 4096 each; the picture is stretched, not
+ * cropped) and writes them, raw ARGB, to the ".mta" file beside srf_path, which must contain
+ * ".srf". 0 on success; -1 when a frame cannot be decoded or the file cannot be written, and
+ * then no file is left behind. */
+int set_pvr_key_frame(void* frames, int frame_count, int request_width, int request_height,
+                      const char* srf_path);
+
+/* Reads the ".mta" file beside srf_path into *result (a _thumb_result the caller provides):
+ * width, height, depth (bytes a pixel: 4 in the files set_pvr_key_frame writes), count, and one
+ * malloc'ed raster per frame in pBuffer[i] with its size in nBufSize[i]; the caller frees them.
+ * Other fields are left as they were. 0 on success, -1 when the file is missing or malformed
+ * (then nothing is allocated). */
+int parse_pvr_mta_file(const char* srf_path, void* result);
+
+/*
+ * DLNA chapter pictures. Beside a video item a DLNA server offers a small side file (the MTA
+ * file, an XML document) holding five chapter pictures as base64 JPEG with their start times.
+ * A request for a DLNA item (media MEDIA_TYPE_DLNA) names it by three fields joined by ";": the
+ * local path the MTA file is downloaded to, its URI on the server, and its MIME type. Its
+ * result carries the five pictures still encoded: pBuffer[i] holds the JPEG bytes of chapter i,
+ * nBufSize[i] their number and timestamp[i] the chapter's start; width, height and depth are 0
+ * and bBuffer stays 0 (a chapter without a picture leaves its slot empty). The functions below
+ * are what that request uses; they run synchronously on the caller's thread.
+ */
+
+/* One chapter of an MTA file. */
+typedef struct {
+    unsigned char* stream; /* the chapter picture's JPEG bytes (owned by the array) */
+    int size;              /* bytes at stream; 0 when the chapter has no picture */
+    int start_time;        /* the chapter's start, as the file's "timePoint" gives it */
+} thumb_asf_mta_info_s;
+
+/* Result codes of qrb_dlna_asf_mta_decode. */
+#define QRB_DLNA_MTA_OK 0
+#define QRB_DLNA_MTA_NO_MEMORY 1  /* the chapter array could not be allocated */
+#define QRB_DLNA_MTA_UNREADABLE 2 /* unreadable, not an MTA file, or not exactly five chapters */
+
+/* Downloads uri (http:// or https://) to the local file dlpath, asking for mimetype, and blocks
+ * until the download ends. 0 when the whole file lies at dlpath, -1 on error (the server's
+ * error answer, a broken connection, a refused request). user is kept with the download and
+ * not otherwise used. Downloads in flight at the same time share one completion signal: the
+ * first to end may release another caller, which then answers -1 although its own file may
+ * still arrive. */
+int qrb_dlna_asf_mta_download(const char* uri, const char* mimetype, const char* dlpath,
+                              void* user);
+
+/* Reads the MTA file at path. On QRB_DLNA_MTA_OK, *infos is an array of *count (always 5)
+ * chapters in file order, to be released with qrb_dlna_asf_mta_free and nothing else; on any
+ * other code *infos is NULL. */
+int qrb_dlna_asf_mta_decode(const char* path, thumb_asf_mta_info_s** infos, int* count);
+
+/* Releases an array from qrb_dlna_asf_mta_decode (NULL is allowed) with its pictures. Returns 0. */
+int qrb_dlna_asf_mta_free(thumb_asf_mta_info_s* infos, int count);
+
 #ifdef __cplusplus
 }
 #endif

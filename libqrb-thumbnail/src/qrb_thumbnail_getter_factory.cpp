@@ -1,8 +1,11 @@
 #include "qrb_thumbnail_getter_factory.h"
 
+#include "qrb_dlna_thumbnail_getter.h"
 #include "qrb_exif_thumbnail_getter.h"
 #include "qrb_id3_thumbnail_getter.h"
 #include "qrb_log.h"
+#include "qrb_ptp_thumbnail_getter.h"
+#include "qrb_pvr_thumbnail_getter.h"
 #include "qrb_ra_thumbnail_getter.h"
 #include "qrb_scsa_thumbnail_getter.h"
 #include "qrb_sns_thumbnail_getter.h"
@@ -21,6 +24,9 @@ CQRBThumbnailGetter* CQRBThumbnailGetterFactroy::CreateThumbnailGetter(
         case THUMB_PICTURE_MODE2: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE2);
         case THUMB_PICTURE_MODE1: return new CQRBExifThumbnailGetter(MEDIA_JPEG_EXTRACT_MODE1);
         case THUMB_MUSIC: case THUMB_SERIAL_MUSIC: return new CQRBID3ThumbnailGetter;
+        case THUMB_PVR: return new CQRBPVRThumbnailGetter;
+        case THUMB_PTP: return new CQRBPTPThumbnailGetter;
+        case THUMB_DLNA: return new CQRBDLNAThumbnailGetter;
         case THUMB_SNS: return new CQRBSNSThumbnailGetter;
         case THUMB_RA: return new CQRBRAThumbnailGetter;
         case THUMB_SCSA: return new CQRBSCSAThumbnailGetter;

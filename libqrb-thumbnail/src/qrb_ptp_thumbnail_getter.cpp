@@ -1,0 +1,230 @@
+#include "qrb_ptp_thumbnail_getter.h"
+
+#include "image-decoder/qrb_image_processor.h"
+#include "image-decoder/qrb_picture_thumb_param.h"
+#include "qrb_log.h"
+#include "qrb_scoped.h"
+#include "qrb_system_path.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <libexif/exif-data.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+CQRBMutex CQRBPTPThumbnailGetter::m_FileIDMutex;
+int32_t CQRBPTPThumbnailGetter::m_lPTPFileID = 0;
+
+namespace {
+
+void FreeRaster(unsigned char* p) { std::free(p); }
+using ScopedRaster = QRBScoped<unsigned char, FreeRaster>;
+void FreeExif(ExifData* data) { exif_data_unref(data); }
+using ScopedExif = QRBScoped<ExifData, FreeExif>;
+
+// A scaled raster above this many pixels is not made: only a thumbnail of an absurd aspect
+// ratio gets there, and a failed allocation in ScaleARGB would end the process.
+constexpr int64_t kMaxScaledPixels = 4096LL * 4096LL;
+
+// Removes the temporary file once armed, that is once this request has created it; a name
+// that was taken by someone else is never armed and so never removed.
+class TempFileGuard {
+public:
+    ~TempFileGuard() {
+        if (m_bArmed && unlink(m_Path.c_str()) != 0) {
+            QRB_LOGW("remove %s failed, errno=%d", m_Path.c_str(), errno);
+        }
+    }
+    // Creates a new empty file at path, exclusively and without following a link there.
+    // false (errno set) when the name is taken or cannot be made.
+    bool Claim(const std::string& path) {
+        const int fd =
+            open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (fd < 0) return false;
+        close(fd);
+        m_Path = path;
+        m_bArmed = true;
+        return true;
+    }
+    const std::string& Path() const { return m_Path; }
+
+private:
+    std::string m_Path;
+    bool m_bArmed = false;
+};
+
+}  // namespace
+
+const char* CQRBPTPThumbnailGetter::T_CONVERTURITOPATH(const char* uri) {
+    if (uri == nullptr || std::strncmp(uri, "ptp://", 6) != 0) return nullptr;
+    return uri + 6;
+}
+
+std::string CQRBPTPThumbnailGetter::m_TempName(int pid, int32_t counter) {
+    char name[128];  // the fixed path with both numbers fits with room to spare
+    std::snprintf(name, sizeof(name), QRB_DATA_DIR "ptp%d%05d.jpg", pid, counter);
+    return QRBSystemPath(name);
+}
+
+int32_t CQRBPTPThumbnailGetter::m_LastFileID() {
+    CQRBAutoLock lock(m_FileIDMutex);
+    return m_lPTPFileID;
+}
+
+bool CQRBPTPThumbnailGetter::m_CreateDir(const char* path) {
+    if (path == nullptr || *path == '\0') return false;
+    std::string dir(path);
+    if (dir.back() != '/') dir += '/';
+    for (size_t i = 1; i < dir.size(); ++i) {
+        if (dir[i] != '/') continue;
+        const std::string prefix = dir.substr(0, i);
+        struct stat st;
+        if (stat(prefix.c_str(), &st) == 0) continue;
+        // Another worker may make the same folder at the same moment: that is success too.
+        if (mkdir(prefix.c_str(), 0755) != 0) {
+            if (errno == EEXIST) continue;
+            QRB_LOGW("mkdir   error");
+            return false;
+        }
+        // The mode asked of mkdir is narrowed by the umask; the folder gets it exactly.
+        if (chmod(prefix.c_str(), 0755) != 0) {
+            QRB_LOGW("chmod   error");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CQRBPTPThumbnailGetter::m_GetRotation(const char* path, int& rotation) {
+    ScopedExif ed(path != nullptr ? exif_data_new_from_file(path) : nullptr);
+    if (!ed) {
+        QRB_LOGW("ed is null");
+        return false;
+    }
+    static const ExifIfd kOrder[] = {EXIF_IFD_0, EXIF_IFD_1, EXIF_IFD_EXIF, EXIF_IFD_GPS,
+                                     EXIF_IFD_INTEROPERABILITY};
+    ExifEntry* entry = nullptr;
+    for (ExifIfd ifd : kOrder) {
+        entry = exif_content_get_entry(ed->ifd[ifd], EXIF_TAG_ORIENTATION);
+        if (entry != nullptr) break;
+    }
+    if (entry == nullptr || entry->data == nullptr || entry->size < 2) {
+        QRB_LOGW("entry is null");
+        return false;
+    }
+    rotation = exif_get_short(entry->data, exif_data_get_byte_order(ed.get()));
+    QRB_LOGD("orientation=%d", rotation);
+    return true;
+}
+
+void CQRBPTPThumbnailGetter::m_FillAndCrop(CQRBThumbImage& image, int width, int height) {
+    const int w = image.GetWidth();
+    const int h = image.GetHeight();
+    if (w != width || h != height) {
+        // The side that needs the larger factor sets the scale. The choice is made on exact
+        // products, not on a truncated quotient, so that rounding never leaves the picture a
+        // pixel short of the box (213 x 160 into 160 x 120 would otherwise become 159 x 120).
+        // Integer arithmetic, a zero divisor giving 0; 64-bit so that no product overflows.
+        int64_t scaledW = width;
+        int64_t scaledH = w != 0 ? static_cast<int64_t>(h) * width / w : 0;
+        if (static_cast<int64_t>(height) * w >= static_cast<int64_t>(width) * h) {
+            scaledW = h != 0 ? static_cast<int64_t>(w) * height / h : 0;
+            scaledH = height;
+        }
+        if (scaledW > 0 && scaledH > 0 && scaledW * scaledH <= kMaxScaledPixels) {
+            image.ScaleARGB(static_cast<int>(scaledW), static_cast<int>(scaledH));
+        } else if (scaledW > 0 && scaledH > 0) {
+            QRB_LOGW("no scaling of %d x %d to %lld x %lld", w, h, static_cast<long long>(scaledW),
+                     static_cast<long long>(scaledH));
+        }
+    }
+    const int sw = image.GetWidth();
+    const int sh = image.GetHeight();
+    if (sw >= width && sh >= height && width != 0 && height != 0) {
+        image.CropARGB((sw - width) / 2, (sh - height) / 2, width, height);
+    }
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBPTPThumbnailGetter::ExtractThumbnail(
+    _stExtractInfo info) {
+    QRB_LOGD("URI:%s,w:%d,h:%d", info.strURL.c_str(), info.width, info.height);
+    const char* rest = T_CONVERTURITOPATH(info.strURL.c_str());
+    if (rest == nullptr) {
+        QRB_LOGW("Please check params, strURI=%s", info.strURL.c_str());
+        return nullptr;
+    }
+
+    // strtok semantics: empty fields are skipped, so "ptp://;1;;2;7" is bus 1, device 2.
+    std::string fields(rest);
+    char* save = nullptr;
+    const char* busText = strtok_r(&fields[0], ";", &save);
+    const char* deviceText = strtok_r(nullptr, ";", &save);
+    const char* objectText = strtok_r(nullptr, ";", &save);
+    const int bus = busText != nullptr ? static_cast<int>(std::strtol(busText, nullptr, 10)) : 0;
+    const int device =
+        deviceText != nullptr ? static_cast<int>(std::strtol(deviceText, nullptr, 10)) : 0;
+    if (objectText == nullptr) {
+        QRB_LOGW("Camera Download Fail or szFilePath is NULL");
+        return nullptr;
+    }
+
+    if (!m_CreateDir(QRBSystemPath(QRB_DATA_DIR).c_str())) return nullptr;
+    TempFileGuard temp;  // removes the file on every way out once it is ours
+    bool claimed = false;
+    for (int attempt = 0; attempt < kMaxNameAttempts && !claimed; ++attempt) {
+        int32_t counter = 0;
+        {
+            CQRBAutoLock lock(m_FileIDMutex);
+            m_lPTPFileID = m_lPTPFileID == INT32_MAX ? 1 : m_lPTPFileID + 1;
+            counter = m_lPTPFileID;
+        }
+        const std::string path = m_TempName(static_cast<int>(getpid()), counter);
+        claimed = temp.Claim(path);
+        // Only a taken name is worth another try; any other failure would repeat.
+        if (!claimed && errno != EEXIST) {
+            QRB_LOGW("Failed to create %s, errno=%d", path.c_str(), errno);
+            break;
+        }
+    }
+    if (!claimed) return nullptr;
+
+    if (!m_PtpManage.DownloadExif(bus, device, objectText, temp.Path())) {
+        QRB_LOGW("download normal file fail");
+        return nullptr;
+    }
+
+    const std::string url = "file://" + temp.Path();
+    qrb_picture_thumb_param param;  // everything else zero
+    param.path = url.c_str();
+    param.width = info.width;
+    param.height = info.height;
+    int width = 0;
+    int height = 0;
+    // malloc'ed by the decoder; owned here until the image takes it.
+    ScopedRaster raster(
+        CQRBImageProcessor::GetThumbnailBuffer(url.c_str(), param, &width, &height, nullptr));
+    QRB_LOGD("MediaManager.GetThumbnailBuffer Succeed, pucThumbBuffer=%p",
+             static_cast<void*>(raster.get()));
+    if (!raster) return nullptr;
+
+    int rotation = 0;
+    m_GetRotation(temp.Path().c_str(), rotation);
+
+    boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
+    const bool created =
+        image->Create(width, height, 32, static_cast<long>(width) * 4, raster.get(), 0);
+    if (image->GetBuffer() == raster.get()) raster.release();  // the image frees it now
+    if (!created) return nullptr;
+    if (rotation > 1) {
+        image->RotateARGB(rotation);
+        QRB_LOGD("outwidth=%d, outheight=%d", image->GetWidth(), image->GetHeight());
+    }
+    m_FillAndCrop(*image, info.width, info.height);
+    return t_PackImage(image);
+}

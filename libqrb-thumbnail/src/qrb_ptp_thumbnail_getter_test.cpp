@@ -1,0 +1,300 @@
+// The PTP getter: its fill-and-crop geometry on rasters built here, its URI rules on the getter
+// itself, then requests through the C interface (media 1 on device 103 or 114, kind 6 on the
+// single variant) against the simulated camera over the real MTP client and libgphoto2.
+//
+// The camera's pictures carry, as their EXIF thumbnail, a small JPEG of four coloured
+// quadrants (red, green / blue, white), stored upright or turned with its own EXIF orientation,
+// so a result is right only when the getter turns, scales and crops correctly.
+#include "qrb_ptp_thumbnail_getter.h"
+
+#include "qrb_test_callbacks.h"
+#include "qrb_test_gphoto2.h"
+#include "qrb_test_jpeg_writer.h"
+#include "qrb_test_log.h"
+#include "qrb_test_ptpip_responder.h"
+#include "qrb_test_root.h"
+#include "qrb_system_path.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using qrbtest::CallbackRecorder;
+using qrbtest::PtpipResponder;
+using ThumbFault = PtpipResponder::ThumbFault;
+
+// A picture whose EXIF thumbnail shows the quadrants, w x h as stored, itself tagged with
+// orientation (0: no tag).
+std::string PictureWithThumbnail(int w, int h, int orientation) {
+    qrbtest::JpegSpec thumb;
+    thumb.width = w;
+    thumb.height = h;
+    thumb.pattern = qrbtest::JpegPattern::kQuadrants;
+    thumb.orientation = orientation;
+    qrbtest::JpegSpec picture;
+    picture.width = 640;
+    picture.height = 480;
+    const std::string body = qrbtest::MakeJpeg(picture);
+    return "\xFF\xD8" + qrbtest::ExifSegment(picture, qrbtest::MakeJpeg(thumb)) + body.substr(2);
+}
+
+// The quadrant colour nearest to a pixel: 'R', 'G', 'B' or 'W'.
+char Colour(const std::string& argb, int width, int x, int y) {
+    const size_t at = (static_cast<size_t>(y) * width + x) * 4;
+    const int b = static_cast<unsigned char>(argb[at]);
+    const int g = static_cast<unsigned char>(argb[at + 1]);
+    const int r = static_cast<unsigned char>(argb[at + 2]);
+    if (r > 128 && g > 128 && b > 128) return 'W';
+    if (r > g && r > b) return 'R';
+    return g > b ? 'G' : 'B';
+}
+
+// Corners, clockwise from the top left.
+std::string Corners(const std::string& argb, int w, int h) {
+    return {Colour(argb, w, 2, 2), Colour(argb, w, w - 3, 2), Colour(argb, w, w - 3, h - 3),
+            Colour(argb, w, 2, h - 3)};
+}
+
+// The temporary files of this getter still in the data folder.
+int TemporaryFiles() {
+    DIR* dir = opendir(QRBSystemPath(QRB_DATA_DIR).c_str());
+    if (dir == nullptr) return 0;
+    int n = 0;
+    while (struct dirent* entry = readdir(dir)) n += std::strncmp(entry->d_name, "ptp", 3) == 0;
+    closedir(dir);
+    return n;
+}
+
+boost::intrusive_ptr<CQRBThumbImage> Raster(int w, int h) {
+    auto* pixels = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(w) * h * 4));
+    for (int i = 0; i < w * h; ++i) {
+        pixels[i * 4] = static_cast<unsigned char>(i % 251);
+        pixels[i * 4 + 1] = static_cast<unsigned char>(i / 251 % 251);
+        pixels[i * 4 + 2] = static_cast<unsigned char>(i % 13);
+        pixels[i * 4 + 3] = 255;
+    }
+    boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
+    image->Create(w, h, 32, w * 4, pixels, 0);
+    return image;
+}
+
+TEST(PtpGetterGeometry, FillsTheBoxThenCropsItsCentre) {
+    struct Case {
+        int w, h, reqW, reqH;
+        int scaledW, scaledH;  // 0: not scaled
+        int left, top;         // -1: not cropped
+    };
+    const Case cases[] = {
+        {400, 300, 320, 180, 320, 240, 0, 30},  // a 4:3 picture into a 16:9 box
+        {160, 120, 100, 100, 133, 100, 16, 0},  {200, 100, 400, 200, 400, 200, 0, 0},
+        {213, 160, 160, 120, 160, 120, -1, -1},  // 160 x 120.2: the width decides, exactly
+        {160, 120, 160, 120, 0, 0, -1, -1},      // already the size
+        {160, 120, 0, 0, 0, 0, -1, -1},          // the picture's own size
+    };
+    for (const Case& c : cases) {
+        auto image = Raster(c.w, c.h);
+        auto expected = Raster(c.w, c.h);
+        if (c.scaledW != 0) {
+            ASSERT_TRUE(expected->ScaleARGB(c.scaledW, c.scaledH));
+        }
+        if (c.left >= 0) {
+            ASSERT_TRUE(expected->CropARGB(c.left, c.top, c.reqW, c.reqH));
+        }
+        CQRBPTPThumbnailGetter::m_FillAndCrop(*image, c.reqW, c.reqH);
+        ASSERT_EQ(image->GetWidth(), expected->GetWidth()) << c.w << "x" << c.h << " to " << c.reqW;
+        ASSERT_EQ(image->GetHeight(), expected->GetHeight());
+        EXPECT_EQ(std::memcmp(image->GetBuffer(), expected->GetBuffer(),
+                              static_cast<size_t>(image->GetWidth()) * image->GetHeight() * 4),
+                  0)
+            << c.w << "x" << c.h << " to " << c.reqW << "x" << c.reqH;
+    }
+}
+
+class PtpGetterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        qrbtest::KeepCameraDriversLoaded();
+        const std::string home = root.Path() + "/home";
+        mkdir(home.c_str(), 0700);
+        setenv("HOME", home.c_str(), 1);
+        setenv("QRB_PTPIP_TIMEOUT_MS", "3000", 1);
+        const uint32_t card = camera.AddStorage("Card");
+        upright =
+            camera.AddPath(card, "DCIM/100TEST/upright.jpg", PictureWithThumbnail(160, 120, 0));
+        turned = camera.AddPath(card, "DCIM/100TEST/turned.jpg", PictureWithThumbnail(120, 160, 6));
+        ASSERT_TRUE(camera.Start());
+        setenv("QRB_PTPIP_CAMERA", camera.Address().c_str(), 1);
+        // The listing numbers the camera's objects, as an application's browsing would.
+        ASSERT_TRUE(manage.GetDataItem(1, 2, &PtpGetterTest::Collect, this));
+        ASSERT_EQ(thumbnail_init(), 0);
+    }
+    void TearDown() override { thumbnail_finalize(); }
+
+    static bool Collect(_ptp_data_item& item, void* self) {
+        static_cast<PtpGetterTest*>(self)->uris[item.strName] = item.strURI;
+        return true;
+    }
+
+    // One request through the C interface; its one callback, or a failed test.
+    qrbtest::RecordedResult Request(const std::string& uri, int w, int h,
+                                    qrb_extend_dev_type dev = DEV_TYPE_PTP) {
+        const size_t before = recorder.Count();
+        thumbnail_request_async(uri.c_str(), MEDIA_TYPE_PICTURE, dev, 0, w, h, 0, 1,
+                                &CallbackRecorder::Callback,
+                                recorder.Tag(static_cast<int>(before)));
+        EXPECT_TRUE(recorder.WaitForCount(before + 1, 60s)) << uri;
+        std::vector<qrbtest::RecordedResult> results = recorder.Results();
+        qrbtest::RecordedResult none;
+        none.status = -2;
+        return results.size() > before ? results[before] : none;
+    }
+
+    qrbtest::ScratchRoot root;
+    qrbtest::LogCapture log;
+    PtpipResponder camera;
+    CQRBPTPManage manage;
+    CallbackRecorder recorder;
+    std::map<std::string, std::string> uris;
+    uint32_t upright = 0;
+    uint32_t turned = 0;
+};
+
+TEST_F(PtpGetterTest, UriFieldsFollowStrtokRules) {
+    CQRBPTPThumbnailGetter getter;
+    EXPECT_STREQ(getter.T_CONVERTURITOPATH("ptp://1;2;3"), "1;2;3");
+    EXPECT_EQ(getter.T_CONVERTURITOPATH("PTP://1;2;3"), nullptr);
+    EXPECT_EQ(getter.T_CONVERTURITOPATH("ptp:/1;2;3"), nullptr);
+
+    const std::string object = uris["upright.jpg"].substr(std::strlen("ptp://001;002;"));
+    struct Case {
+        std::string uri;
+        bool ok;
+        std::string message;
+    };
+    const Case cases[] = {
+        {"ptp://001;002;" + object, true, "object_handle : " + object},
+        {"ptp://;;1;;;2;" + object + ";extra", true,
+         "object_handle : " + object},  // empty fields skipped
+        {"ptp://001;002;65537", false, "object_handle : 65537"},
+        {"file:///tmp/a.jpg", false, "Please check params, strURI=file:///tmp/a.jpg"},
+        {"ptp://001;002", false, "Camera Download Fail or szFilePath is NULL"},
+        {"ptp://", false, "Camera Download Fail or szFilePath is NULL"},
+        {"ptp://001;007;" + object, false, "download normal file fail"},  // no such camera
+    };
+    for (const Case& c : cases) {
+        log.Clear();
+        _stExtractInfo info;
+        info.strURL = c.uri;
+        info.width = 40;
+        info.height = 30;
+        boost::intrusive_ptr<CQRBThumbnailItem> item = getter.ExtractThumbnail(info);
+        EXPECT_EQ(item != nullptr, c.ok) << c.uri;
+        if (item) {
+            EXPECT_EQ(item->GetImages()[0]->GetWidth(), 40) << c.uri;
+        }
+        EXPECT_TRUE(log.Contains(c.message)) << c.uri;
+        EXPECT_EQ(TemporaryFiles(), 0) << c.uri;
+    }
+}
+
+TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedThroughTheCInterface) {
+    struct Case {
+        std::string name;
+        int w, h;
+        qrb_extend_dev_type dev;
+        int outW, outH;
+        std::string corners;  // clockwise from the top left
+    };
+    const Case cases[] = {
+        {"upright.jpg", 80, 60, DEV_TYPE_PTP, 80, 60, "RGWB"},
+        {"upright.jpg", 320, 180, DEV_TYPE_PTP_EXT, 320, 180, "RGWB"},
+        {"upright.jpg", 0, 0, DEV_TYPE_PTP, 160, 120, "RGWB"},
+        {"upright.jpg", 100, 100, DEV_TYPE_PTP, 100, 100, "RGWB"},
+        // Stored turned (orientation 6): shown upright, the stored left column becomes the top.
+        {"turned.jpg", 160, 120, DEV_TYPE_PTP, 160, 120, "BRGW"},
+        {"turned.jpg", 64, 64, DEV_TYPE_PTP, 64, 64, "BRGW"},
+    };
+    for (const Case& c : cases) {
+        const qrbtest::RecordedResult r = Request(uris[c.name], c.w, c.h, c.dev);
+        ASSERT_EQ(r.status, 0) << c.name << " " << c.w << "x" << c.h;
+        ASSERT_EQ(r.width, c.outW) << c.name;
+        ASSERT_EQ(r.height, c.outH) << c.name;
+        ASSERT_EQ(r.buffers[0].size(), static_cast<size_t>(c.outW) * c.outH * 4);
+        EXPECT_EQ(Corners(r.buffers[0], c.outW, c.outH), c.corners)
+            << c.name << " " << c.w << "x" << c.h;
+    }
+    EXPECT_TRUE(log.Contains("orientation=6"));
+    EXPECT_EQ(TemporaryFiles(), 0);
+}
+
+TEST_F(PtpGetterTest, EveryFailureEndsInOneCallbackAndLeavesNothingBehind) {
+    const std::string good = uris["upright.jpg"];
+    struct Case {
+        const char* what;
+        std::function<void()> arrange;
+        std::string uri;
+    };
+    const Case cases[] = {
+        {"hang-up", [&] { camera.HangUpDuringNextTransfers(1); }, good},
+        {"unknown handle", [] {}, "ptp://001;002;9999"},
+        {"no such camera", [] {}, "ptp://001;005;1"},
+        {"missing", [&] { camera.SetThumbFault(upright, ThumbFault::kMissing); }, good},
+        {"empty", [&] { camera.SetThumbFault(upright, ThumbFault::kEmpty); }, good},
+        {"not a JPEG", [&] { camera.SetThumbFault(upright, ThumbFault::kNotJpeg); }, good},
+        {"broken JPEG", [&] { camera.SetThumbFault(upright, ThumbFault::kBrokenJpeg); }, good},
+        {"slow", [&] { camera.SetResponseDelay(10min); }, good},
+        {"gone", [&] { camera.RemoveObject(upright); }, good},
+    };
+    for (const Case& c : cases) {
+        c.arrange();
+        const size_t before = recorder.Count();
+        const qrbtest::RecordedResult failed = Request(c.uri, 80, 60);
+        EXPECT_EQ(failed.status, -1) << c.what;
+        EXPECT_EQ(TemporaryFiles(), 0) << c.what;
+        camera.SetThumbFault(upright, ThumbFault::kNone);
+        camera.SetResponseDelay(0ms);
+        // The next request is served, and nothing else was answered in between.
+        EXPECT_EQ(Request(uris["turned.jpg"], 80, 60).status, 0) << c.what;
+        EXPECT_EQ(recorder.Count(), before + 2) << c.what;
+    }
+    EXPECT_EQ(TemporaryFiles(), 0);
+}
+
+TEST_F(PtpGetterTest, TemporaryNamesAreTakenUnderTheLockAndNeverReused) {
+    // A file planted at the next name is skipped, not written through nor removed.
+    const int32_t first = CQRBPTPThumbnailGetter::m_LastFileID();
+    const std::string planted = CQRBPTPThumbnailGetter::m_TempName(getpid(), first + 1);
+    ASSERT_TRUE(CQRBPTPThumbnailGetter::m_CreateDir(QRBSystemPath(QRB_DATA_DIR).c_str()));
+    { std::ofstream(planted) << "not ours"; }
+
+    constexpr int kRequests = 8;
+    for (int i = 0; i < kRequests; ++i) {
+        const std::string uri = uris[i % 2 ? "upright.jpg" : "turned.jpg"];
+        thumbnail_request_async(uri.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_PTP, 0, 40 + i, 30, 0, 1,
+                                &CallbackRecorder::Callback, recorder.Tag(i));
+    }
+    ASSERT_TRUE(recorder.WaitForCount(kRequests, 60s));
+    for (const auto& r : recorder.Results()) EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(CQRBPTPThumbnailGetter::m_LastFileID(), first + kRequests + 1);
+    std::ifstream in(planted);
+    std::string text;
+    std::getline(in, text);
+    EXPECT_EQ(text, "not ours");
+    EXPECT_EQ(TemporaryFiles(), 1);  // the planted one
+}
+
+}  // namespace
