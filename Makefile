@@ -43,7 +43,9 @@ demo: build
 
 bench: build
 	bench/run.sh build
+	bench/picture.sh build
 	bench/music.sh build
+	bench/video.sh build
 
 build-fuzz/CMakeCache.txt:
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

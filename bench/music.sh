@@ -15,6 +15,7 @@ BUILD=$(cd "$1" && pwd)
 FILES=${2:-300}
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 RESULTS=$REPO/bench/RESULTS.md
+. "$REPO/bench/results.sh"
 HEADING="## Music cover thumbnails"
 
 for program in convert ffmpeg /usr/bin/time; do
@@ -118,19 +119,7 @@ ffmpeg_version=$(ffmpeg -version | head -n 1 | cut -d' ' -f3)
     echo "- build: ${build_type}${sanitize:+, sanitizer $sanitize}"
 } > "$SCRATCH/section.md"
 
-# Keep every other section: drop an earlier copy of this one (up to the next heading of the
-# same level), then append.
-if [ -f "$RESULTS" ]; then
-    awk -v heading="$HEADING" '
-        $0 == heading { skip = 1; next }
-        skip && /^## / { skip = 0 }
-        !skip { print }' "$RESULTS" > "$SCRATCH/kept.md"
-    # No trailing blank lines before the new section.
-    sed -e :a -e '/^\n*$/{$d;N;ba' -e '}' "$SCRATCH/kept.md" > "$SCRATCH/results.md"
-    echo >> "$SCRATCH/results.md"
-else
-    : > "$SCRATCH/results.md"
-fi
+put_section "$HEADING" "$SCRATCH/section.md" "$RESULTS"
 cat "$SCRATCH/section.md" >> "$SCRATCH/results.md"
 cp "$SCRATCH/results.md" "$RESULTS"
 cat "$SCRATCH/section.md"

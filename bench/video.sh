@@ -76,6 +76,7 @@ done
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 PLUGINS=$BUILD/root/usr/lib/gstreamer-1.0
 RESULTS=$REPO/bench/RESULTS.md
+. "$REPO/bench/results.sh"
 CORES=$(nproc)
 for program in ffmpeg ffprobe ffmpegthumbnailer; do
     if ! command -v "$program" >/dev/null 2>&1; then
@@ -227,15 +228,5 @@ thumbnailer_version=$(dpkg-query -W -f='${Version}' ffmpegthumbnailer 2>/dev/nul
     echo "$(date -u '+%Y-%m-%d %H:%M UTC')."
 } > "$SCRATCH/section.md"
 
-# This section replaces its earlier self (from its heading to the next heading of its level, or
-# the end) or is added at the end; everything else in the file stays.
-touch "$RESULTS"
-awk -v section="$SCRATCH/section.md" '
-    function put(   line) { while ((getline line < section) > 0) print line }
-    /^## Video thumbnails$/ { put(); skipping = 1; done = 1; next }
-    skipping && /^## / { skipping = 0; print "" }
-    !skipping { print }
-    END { if (!done) { print ""; put() } }
-' "$RESULTS" > "$SCRATCH/results.md"
-cp "$SCRATCH/results.md" "$RESULTS"
+put_section "## Video thumbnails" "$SCRATCH/section.md" "$RESULTS"
 cat "$SCRATCH/section.md"

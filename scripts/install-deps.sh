@@ -13,7 +13,7 @@ libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
 libjpeg62-turbo-dev libpng-dev libexif-dev libxml2-dev uuid-dev libgphoto2-dev
 libgtest-dev libgmock-dev googletest
 libcli11-dev nlohmann-json3-dev libcpp-httplib-dev
-imagemagick libimage-exiftool-perl time ffmpegthumbnailer
+imagemagick libimage-exiftool-perl time ffmpegthumbnailer libvips-tools
 "
 
 missing=""

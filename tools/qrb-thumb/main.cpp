@@ -13,12 +13,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 using namespace qrbthumb;
@@ -107,21 +110,31 @@ int Run(const ToolOptions& options) {
     batch.Close();
     service.End();
 
+    // Encoding PNG files costs more than making the thumbnails they hold: one writer per
+    // processor, each taking the next answer.
     const std::vector<std::string> stems = UniqueStems(options.inputs);
-    bool allOk = true;
-    for (size_t i = 0; i < n; ++i) {
-        Outcome& outcome = outcomes[i];
-        if (kinds[i] == MediaKind::Unknown) {
-            outcome.note = "cannot tell what kind of media this is (name it with -k)";
-        } else {
+    std::atomic<size_t> next{0};
+    auto writeAnswers = [&] {
+        for (size_t i = next++; i < n; i = next++) {
+            Outcome& outcome = outcomes[i];
+            if (kinds[i] == MediaKind::Unknown) {
+                outcome.note = "cannot tell what kind of media this is (name it with -k)";
+                continue;
+            }
             WriteAnswerFiles(batch.Take(i), options.outDir, stems[i], &outcome);
             const std::string local = LocalPathOf(outcome.input);
             if (!outcome.ok && !local.empty() && access(local.c_str(), F_OK) != 0) {
                 outcome.note = "no such file";
             }
         }
-        allOk = allOk && outcome.ok;
-    }
+    };
+    std::vector<std::thread> writers;
+    const size_t wanted = std::min<size_t>(n, std::max(1u, std::thread::hardware_concurrency()));
+    for (size_t t = 1; t < wanted; ++t) writers.emplace_back(writeAnswers);
+    writeAnswers();
+    for (auto& writer : writers) writer.join();
+    bool allOk = true;
+    for (const Outcome& outcome : outcomes) allOk = allOk && outcome.ok;
 
     if (options.json) {
         std::cout << FormatJson(outcomes) << "\n";
