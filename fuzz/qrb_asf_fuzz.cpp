@@ -2,6 +2,7 @@
 // scratch file first. A cover it hands back must be bytes of the input and no longer than an
 // accepted value (256 bytes); a failed extraction leaves no cover; the texts are valid C strings.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "id3-extractor/qrb_wma_extractor.h"
 
 #include <fcntl.h>
@@ -16,44 +17,20 @@
 
 namespace {
 
-std::string g_dir;
 std::string g_path;
 
-void RemoveScratch() {
-    std::remove(g_path.c_str());
-    rmdir(g_dir.c_str());
-}
 
-void WriteInput(const uint8_t* data, size_t size) {
-    // A new file each time rather than a truncated one: rewriting a truncated file makes the
-    // file system flush it on close, which would dominate every run.
-    std::remove(g_path.c_str());
-    const int fd = open(g_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) abort();
-    while (size > 0) {
-        const ssize_t n = write(fd, data, size);
-        if (n <= 0) abort();
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-asf-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) abort();
-    g_dir = pattern;
-    g_path = g_dir + "/input.wma";
-    atexit(RemoveScratch);
+    g_path = qrbfuzz::ScratchRoot("asf") + "/input.wma";
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    WriteInput(data, size);
+    qrbfuzz::WriteNewFile(g_path, data, size);
     QRBWMAExtractor extractor;
     QRBWMAContentDesc* raw = nullptr;
     const bool ok = extractor.Extract(g_path.c_str(), &raw);

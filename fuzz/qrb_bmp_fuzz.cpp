@@ -3,6 +3,7 @@
 // picture decoder at a request size taken from its last two bytes; a decoded raster must be
 // whole.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "image-decoder/qrb_bmp_reader.h"
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_image_processor.h"
@@ -20,29 +21,13 @@ namespace {
 
 std::string g_path;
 
-void RemoveInput() { unlink(g_path.c_str()); }
 
-bool WriteInput(const uint8_t* data, size_t size) {
-    int fd = open(g_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) break;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-    return size == 0;
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);
-    const char* tmp = std::getenv("TMPDIR");
-    g_path = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-bmp-fuzz-" + std::to_string(getpid()) +
-             ".bmp";
-    atexit(RemoveInput);
+    g_path = qrbfuzz::ScratchRoot("bmp") + "/input.bmp";
     return 0;
 }
 
@@ -70,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Anything else would be taken for a JPEG, which the other target covers.
     if (size < 2 || data[0] != 'B' || data[1] != 'M') return 0;
-    if (!WriteInput(data, size)) return 0;
+    qrbfuzz::WriteNewFile(g_path, data, size);
     const std::string url = "file://" + g_path;
     qrb_picture_thumb_param param;
     param.width = size >= 2 ? 1 + data[size - 2] % 128 : 0;

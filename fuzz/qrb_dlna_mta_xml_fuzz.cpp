@@ -4,6 +4,7 @@
 // and hands out five entries whose pictures match the loader's.
 #include "dlna-helper/qrb_dlna_video_ac_info.h"
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "qrb_thumbnail.h"
 
 #include <fcntl.h>
@@ -17,42 +18,20 @@
 
 namespace {
 
-std::string g_dir;
 std::string g_path;
 
-void RemoveScratch() {
-    std::remove(g_path.c_str());
-    rmdir(g_dir.c_str());
-}
 
-void WriteInput(const uint8_t* data, size_t size) {
-    std::remove(g_path.c_str());
-    const int fd = open(g_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) abort();
-    while (size > 0) {
-        const ssize_t n = write(fd, data, size);
-        if (n <= 0) abort();
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);  // every rejection is logged; keep the fuzzer's output readable
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-dlna-mta-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) abort();
-    g_dir = pattern;
-    g_path = g_dir + "/input.mta";
-    atexit(RemoveScratch);
+    g_path = qrbfuzz::ScratchRoot("dlna-mta") + "/input.mta";
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    WriteInput(data, size);
+    qrbfuzz::WriteNewFile(g_path, data, size);
     QRBDlnaVideoACInfo info;
     const bool loaded = info.LoadVideoACInfo(g_path.c_str()) == 0;
     if (loaded != (info.GetChapterNum() > 0)) abort();

@@ -3,6 +3,7 @@
 // file (and than the limit it was given), from an ID3v2.2 or v2.3 tag; without a picture, the
 // length is 0 and the result code one of the extractor's own.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "id3-extractor/qrb_id3_extractor.h"
 
 #include <fcntl.h>
@@ -17,28 +18,9 @@
 
 namespace {
 
-std::string g_dir;
 std::string g_path;
 
-void RemoveScratch() {
-    std::remove(g_path.c_str());
-    rmdir(g_dir.c_str());
-}
 
-void WriteInput(const uint8_t* data, size_t size) {
-    // A new file each time rather than a truncated one: rewriting a truncated file makes the
-    // file system flush it on close, which would dominate every run.
-    std::remove(g_path.c_str());
-    const int fd = open(g_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) abort();
-    while (size > 0) {
-        const ssize_t n = write(fd, data, size);
-        if (n <= 0) abort();
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-}
 
 void Check(const uint8_t* data, size_t size, uint32_t limit) {
     QRBID3Extractor extractor(limit);
@@ -64,17 +46,12 @@ void Check(const uint8_t* data, size_t size, uint32_t limit) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);  // the extractor logs every rejection; keep the output readable
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-id3-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) abort();
-    g_dir = pattern;
-    g_path = g_dir + "/input.mp3";
-    atexit(RemoveScratch);
+    g_path = qrbfuzz::ScratchRoot("id3") + "/input.mp3";
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    WriteInput(data, size);
+    qrbfuzz::WriteNewFile(g_path, data, size);
     Check(data, size, QRBID3Extractor::kNoImageLimit);
     Check(data, size, 64);  // a caller's limit below most pictures
     return 0;

@@ -4,6 +4,7 @@
 // pictures small enough to keep the fuzzer fast, a libjpeg decode). Whatever is accepted must
 // stay inside the input, and every walk must end.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
@@ -21,29 +22,13 @@ namespace {
 
 std::string g_path;
 
-void RemoveInput() { unlink(g_path.c_str()); }
 
-bool WriteInput(const uint8_t* data, size_t size) {
-    int fd = open(g_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) break;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-    return size == 0;
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);  // every rejection is logged; keep the fuzzer's output readable
-    const char* tmp = std::getenv("TMPDIR");
-    g_path = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-jpeg-exif-fuzz-" +
-             std::to_string(getpid()) + ".jpg";
-    atexit(RemoveInput);
+    g_path = qrbfuzz::ScratchRoot("jpeg-exif") + "/input.jpg";
     return 0;
 }
 
@@ -87,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // 3. Through the decoder, from a file.
-    if (!WriteInput(data, size)) return 0;
+    qrbfuzz::WriteNewFile(g_path, data, size);
     const int request = size > 0 ? 1 + data[size - 1] % 96 : 32;
     CQRBImageDecoder decoder(g_path.c_str(), request, request * 3 / 4 + 1, 0, false);
     const uint64_t outW = decoder.GetOutputWidth();

@@ -3,6 +3,7 @@
 // have exactly the announced size, and a file of 4-byte pixels must survive a write and a second
 // read unchanged.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "video-decoder/qrb_thumbnail_pvr_decoder.h"
 
 #include <fcntl.h>
@@ -19,20 +20,7 @@ namespace {
 
 std::string g_root;
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-void RemoveRoot() { nftw(g_root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
 
-void WriteInput(const std::string& path, const uint8_t* data, size_t size) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) abort();
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) abort();
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-}
 
 void FreeAll(_thumb_result& result) {
     for (auto*& buffer : result.pBuffer) {
@@ -45,16 +33,12 @@ void FreeAll(_thumb_result& result) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);  // the reader logs every rejection; keep the fuzzer's output readable
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-pvr-mta-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) abort();
-    g_root = pattern;
-    atexit(RemoveRoot);
+    g_root = qrbfuzz::ScratchRoot("pvr-mta");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    WriteInput(g_root + "/input.mta", data, size);
+    qrbfuzz::WriteNewFile(g_root + "/input.mta", data, size);
     CQRBThumbanailPVRDecoder decoder;
     _thumb_result result;
     std::memset(&result, 0, sizeof(result));

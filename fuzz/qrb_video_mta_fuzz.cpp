@@ -2,6 +2,7 @@
 // folder, so each input is written there first. Whatever it accepts must hold 1 to 5 frames whose
 // buffers have exactly the announced size, and must survive a write and a second read unchanged.
 #include "dlog_sink.h"
+#include "qrb_fuzz_scratch.h"
 #include "qrb_system_path.h"
 #include "video-decoder/qrb_thumbnail_video_decoder.h"
 
@@ -21,43 +22,26 @@ namespace {
 CQRBThumbnailVideoDecoder* g_decoder = nullptr;  // lives for the whole run
 std::string g_root;
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-void RemoveRoot() { nftw(g_root.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
 
-void WriteInput(const std::string& path, const uint8_t* data, size_t size) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) abort();
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n <= 0) abort();
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    close(fd);
-}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     dlog_set_stderr_level(7);  // the reader logs every rejection; keep the fuzzer's output readable
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/qrb-mta-fuzz-XXXXXX";
-    if (mkdtemp(&pattern[0]) == nullptr) abort();
-    g_root = pattern;
+    g_root = qrbfuzz::ScratchRoot("mta");
     setenv("QRB_ROOT", g_root.c_str(), 1);
     std::string dir = g_root;
     for (const char* part : {"/opt", "/usr", "/apps", "/orvale", "/data", "/video"}) {
         dir += part;
         mkdir(dir.c_str(), 0700);
     }
-    atexit(RemoveRoot);
     // No plug-ins under the scratch root: the binding fails quickly and only file code runs.
     g_decoder = new CQRBThumbnailVideoDecoder;
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    WriteInput(CQRBThumbnailVideoDecoder::m_VideoMtaPath("input"), data, size);
+    qrbfuzz::WriteNewFile(CQRBThumbnailVideoDecoder::m_VideoMtaPath("input"), data, size);
     _stRequestedItem request;
     request.strURL = "input;/media/fuzz.mp4";
     request.eThumbnailType = THUMB_VIDEO;

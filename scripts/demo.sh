@@ -2,9 +2,9 @@
 # make demo: makes sample media with Debian's ImageMagick, exiftool and ffmpeg, runs qrb-thumb
 # on all of it and writes a contact sheet to demo-out/index.html.
 #
-# Inputs that fail are reported, not fatal: kinds whose getters are not built yet answer with
-# status -1, and the summary says so. The demo fails when making the media fails or when the
-# tool does not end normally (a crash, a bad command line).
+# Inputs that fail are reported, not fatal: the tool's line for each says why. The demo fails
+# when making the media fails or when the tool does not end normally (a crash, a bad command
+# line).
 set -eu
 
 if [ $# -ne 1 ]; then
@@ -319,7 +319,7 @@ case $status in
     0)
         echo "demo: every input has its thumbnail" ;;
     1)
-        echo "demo: some inputs failed (kinds whose getters are not built yet answer with status -1)" ;;
+        echo "demo: some inputs failed; the lines above say which and why" ;;
     *)
         echo "demo: qrb-thumb ended abnormally (status $status)" >&2
         exit 1 ;;

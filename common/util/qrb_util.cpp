@@ -34,6 +34,22 @@ bool CQRBUtil::IsFileExist(const char* path) {
     return access(path, R_OK) == 0;
 }
 
+const char* CQRBUtil::MakeDirs(const std::string& dir, unsigned mode, bool exactMode) {
+    for (size_t i = 1; i <= dir.size(); ++i) {
+        if (i < dir.size() && dir[i] != '/') continue;
+        if (dir[i - 1] == '/') continue;  // "a//b" and a trailing '/' name no new folder
+        const std::string prefix = dir.substr(0, i);
+        struct stat st;
+        if (stat(prefix.c_str(), &st) == 0) continue;
+        if (mkdir(prefix.c_str(), static_cast<mode_t>(mode)) != 0) {
+            if (errno == EEXIST) continue;
+            return "mkdir";
+        }
+        if (exactMode && chmod(prefix.c_str(), static_cast<mode_t>(mode)) != 0) return "chmod";
+    }
+    return nullptr;
+}
+
 bool CQRBUtil::RemoveFile(const char* path) {
     assert(path != nullptr);
     if (remove(path) != 0) {

@@ -12,6 +12,11 @@ public:
     static long long GetCurrentSystemTime();
     static bool IsFileExist(const char* path);
     static bool RemoveFile(const char* path);
+    // Makes every missing folder along dir (the last one too, with or without a trailing '/'),
+    // each with mode; with exactMode the umask's narrowing is undone by chmod. A folder that
+    // another thread makes at the same moment counts as made. Returns nullptr, or the name of
+    // the call that failed ("mkdir" or "chmod") for the caller's own log line.
+    static const char* MakeDirs(const std::string& dir, unsigned mode, bool exactMode);
 
     static int m_LockReg(int fd, int cmd, int type, long offset, int whence, long len);
     static int m_ReadLock(int fd, long offset, int whence, long len);

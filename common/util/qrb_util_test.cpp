@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -95,6 +96,25 @@ TEST_F(QRBUtilTest, PathHelpers) {
     EXPECT_EQ(CQRBUtil::GetFileNameWithoutExt("/a/b/song.tar.gz"), "song.tar");
     EXPECT_EQ(CQRBUtil::GetFileName(nullptr), "");
     EXPECT_TRUE(log.Contains("szPath == NULL"));
+}
+
+TEST_F(QRBUtilTest, MakeDirsMakesEveryMissingFolderWithItsMode) {
+    const mode_t oldMask = umask(022);
+    const std::string base = root.Path() + "/a";
+    EXPECT_EQ(CQRBUtil::MakeDirs(base + "/b//c/", 0777, true), nullptr);
+    EXPECT_EQ(CQRBUtil::MakeDirs(base + "/b/c/d", 0777, false), nullptr);  // no trailing '/'
+    EXPECT_EQ(CQRBUtil::MakeDirs(base + "/b/c/d", 0777, false), nullptr);  // already there
+    struct stat st;
+    ASSERT_EQ(stat((base + "/b/c").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0777u);  // the umask undone
+    ASSERT_EQ(stat((base + "/b/c/d").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0755u);  // the umask kept
+    umask(oldMask);
+
+    // A file where a folder should be: mkdir fails and says so.
+    ASSERT_TRUE(CQRBUtil::SaveAsFile("x", 1, base + "/file"));
+    EXPECT_STREQ(CQRBUtil::MakeDirs(base + "/file/sub", 0755, true), "mkdir");
 }
 
 TEST_F(QRBUtilTest, AssignValueReplacesTheString) {

@@ -6,6 +6,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_util.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -79,17 +80,9 @@ std::string CQRBID3ThumbnailGetter::m_WMATempName(int pid, int counter) {
 int CQRBID3ThumbnailGetter::m_CreateDir(const char* path) {
     if (path == nullptr) return -1;
     if (std::strlen(path) < 2) return 0;
-    std::string dir(path, strnlen(path, PATH_MAX));
-    if (dir.back() != '/') dir += '/';
-    for (size_t i = 1; i < dir.size(); ++i) {
-        if (dir[i] != '/') continue;
-        const std::string prefix = dir.substr(0, i);
-        // Another worker may make the same folder at the same moment: that is success too.
-        if (access(prefix.c_str(), F_OK) != 0 && mkdir(prefix.c_str(), 0755) != 0 &&
-            errno != EEXIST) {
-            QRB_LOGW("mkdir   error");
-            return -1;
-        }
+    if (CQRBUtil::MakeDirs(std::string(path, strnlen(path, PATH_MAX)), 0755, false) != nullptr) {
+        QRB_LOGW("mkdir   error");
+        return -1;
     }
     return 0;
 }

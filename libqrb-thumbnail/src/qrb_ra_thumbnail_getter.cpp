@@ -5,6 +5,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_util.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -88,24 +89,10 @@ std::string CQRBRAThumbnailGetter::m_TempName(int pid, int counter) {
 
 bool CQRBRAThumbnailGetter::m_CreateDir(const char* path) {
     if (path == nullptr || *path == '\0') return false;
-    std::string dir(path);
-    if (dir.back() != '/') dir += '/';
-    for (size_t i = 1; i < dir.size(); ++i) {
-        if (dir[i] != '/') continue;
-        const std::string prefix = dir.substr(0, i);
-        struct stat st;
-        if (stat(prefix.c_str(), &st) == 0) continue;
-        // Another thread may make the same folder at the same moment: that is success too.
-        if (mkdir(prefix.c_str(), 0755) != 0) {
-            if (errno == EEXIST) continue;
-            QRB_LOGW("mkdir   error");
-            return false;
-        }
-        // The mode asked of mkdir is narrowed by the umask; the folder gets it exactly.
-        if (chmod(prefix.c_str(), 0755) != 0) {
-            QRB_LOGW("chmod   error");
-            return false;
-        }
+    // The folders get 0755 exactly, whatever the umask.
+    if (const char* failed = CQRBUtil::MakeDirs(path, 0755, true)) {
+        QRB_LOGW("%s   error", failed);
+        return false;
     }
     return true;
 }

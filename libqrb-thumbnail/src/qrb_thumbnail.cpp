@@ -7,6 +7,7 @@
 #include "qrb_thumbnail_http_imp.h"
 #include "qrb_thumbnail_multi_imp.h"
 #include "qrb_thumbnail_single_imp.h"
+#include "qrb_util.h"
 
 #include <ftw.h>
 #include <sys/stat.h>
@@ -25,16 +26,6 @@ CQRBMutex& CreationMutex() {
 
 int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
 
-bool MakeDirs(const std::string& dir) {
-    std::string partial;
-    for (size_t i = 0; i < dir.size(); ++i) {
-        partial.push_back(dir[i]);
-        if ((dir[i] == '/' || i + 1 == dir.size()) && partial != "/") {
-            if (mkdir(partial.c_str(), 0777) != 0 && errno != EEXIST) return false;
-        }
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -80,7 +71,7 @@ void CQRBThumbnail::m_WipeVideoFolder() {
 
 void CQRBThumbnail::m_Create() {
     m_Cache.Create();
-    if (!MakeDirs(QRBSystemPath(QRB_DATA_DIR))) {
+    if (CQRBUtil::MakeDirs(QRBSystemPath(QRB_DATA_DIR), 0777, false) != nullptr) {
         QRB_LOGW("mkdir() [%s] failed.", QRB_DATA_DIR);
     }
     m_pImp[SLOT_SINGLE] = new CQRBThumbnailSingleImp;

@@ -3,6 +3,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_util.h"
 #include "video-decoder/qrb_ffmpeg_api_impl.h"
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
@@ -512,23 +513,10 @@ int CQRBThumbanailPVRDecoder::ParsePvrMtaFile(const char* srf_path, _thumb_resul
 
 bool CQRBThumbanailPVRDecoder::m_CreateDir(const char* path) {
     if (path == nullptr || *path == '\0') return false;
-    struct stat st;
-    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return true;
-    std::string partial;
-    const std::string dir = path;
-    for (size_t i = 0; i < dir.size(); ++i) {
-        partial.push_back(dir[i]);
-        const bool end = dir[i] == '/' || i + 1 == dir.size();
-        if (!end || partial == "/") continue;
-        if (mkdir(partial.c_str(), 0777) != 0) {
-            if (errno == EEXIST) continue;
-            QRB_LOGW("mkdir   error");
-            return false;
-        }
-        if (chmod(partial.c_str(), 0777) != 0) {
-            QRB_LOGW("chmod   error");
-            return false;
-        }
+    // Recordings' folders are shared with the recorder: 0777 exactly, whatever the umask.
+    if (const char* failed = CQRBUtil::MakeDirs(path, 0777, true)) {
+        QRB_LOGW("%s   error", failed);
+        return false;
     }
     return true;
 }
