@@ -319,7 +319,8 @@ case $status in
     0)
         echo "demo: every input has its thumbnail" ;;
     1)
-        echo "demo: some inputs failed; the lines above say which and why" ;;
+        echo "demo: some inputs failed; the lines above say which and why" \
+            "(song-without-cover.mp3 has no cover art on purpose)" ;;
     *)
         echo "demo: qrb-thumb ended abnormally (status $status)" >&2
         exit 1 ;;

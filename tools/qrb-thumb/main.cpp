@@ -121,7 +121,10 @@ int Run(const ToolOptions& options) {
                 outcome.note = "cannot tell what kind of media this is (name it with -k)";
                 continue;
             }
-            WriteAnswerFiles(batch.Take(i), options.outDir, stems[i], &outcome);
+            Answer answer = batch.Take(i);
+            // A DLNA item's chapter pictures arrive as the server's JPEG bytes.
+            if (kinds[i] == MediaKind::Dlna) answer.encoded = true;
+            WriteAnswerFiles(answer, options.outDir, stems[i], &outcome);
             const std::string local = LocalPathOf(outcome.input);
             if (!outcome.ok && !local.empty() && access(local.c_str(), F_OK) != 0) {
                 outcome.note = "no such file";

@@ -42,7 +42,7 @@ struct DeliveredImage {
 struct Answer {
     bool answered = false;
     int status = -1;
-    bool encoded = false;  // the first image holds the item's encoded bytes, not a raster
+    bool encoded = false;  // the images are the item's encoded bytes, not rasters
     int width = 0;         // of the last image delivered
     int height = 0;
     std::vector<DeliveredImage> images;

@@ -135,8 +135,11 @@ void WriteAnswerFiles(const Answer& answer, const std::string& dir, const std::s
     for (const auto& image : answer.images) {
         std::string error;
         if (answer.encoded) {
+            // One encoded image keeps the plain name; several are told apart by their slot.
+            const std::string slot =
+                answer.images.size() > 1 ? "-" + std::to_string(image.slot) : std::string();
             const std::string name =
-                Join(dir, stem + "." + EncodedExtension(image.bytes.get(), image.size));
+                Join(dir, stem + slot + "." + EncodedExtension(image.bytes.get(), image.size));
             if (WriteBytes(name, image.bytes.get(), image.size, &error)) {
                 outcome->outputs.push_back(name);
                 ++outcome->frames;

@@ -147,6 +147,16 @@ TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
     EXPECT_EQ(o.width, 0);  // encoded bytes carry no size the tool knows
     ASSERT_EQ(o.outputs, (std::vector<std::string>{Path("pic.jpg")}));
     EXPECT_EQ(ReadFile(Path("pic.jpg")), jpeg);
+
+    // Several encoded pictures (a DLNA item's chapters) are told apart by their slot.
+    const std::string png("\x89PNG\r\n\x1A\n rest", 13);
+    answer.images.push_back(Image(2, png));
+    const Outcome two = Write(answer, "item");
+    EXPECT_TRUE(two.ok) << two.note;
+    EXPECT_EQ(two.frames, 2);
+    ASSERT_EQ(two.outputs, (std::vector<std::string>{Path("item-0.jpg"), Path("item-2.png")}));
+    EXPECT_EQ(ReadFile(Path("item-0.jpg")), jpeg);
+    EXPECT_EQ(ReadFile(Path("item-2.png")), png);
 }
 
 TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothing) {
