@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <sys/stat.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -43,6 +45,13 @@ int KeepCameraDriversLoaded() {
         kept = KeepDriversIn(QRB_GPHOTO2_CAMLIBS) + KeepDriversIn(QRB_GPHOTO2_IOLIBS);
     });
     return kept;
+}
+
+void PrepareCameraTest(const std::string& scratch) {
+    KeepCameraDriversLoaded();
+    const std::string home = scratch + "/home";
+    mkdir(home.c_str(), 0700);
+    setenv("HOME", home.c_str(), 1);
 }
 
 }  // namespace qrbtest

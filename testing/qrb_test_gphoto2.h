@@ -9,11 +9,18 @@
 #ifndef QRB_TESTING_GPHOTO2_H
 #define QRB_TESTING_GPHOTO2_H
 
+#include <string>
+
 namespace qrbtest {
 
 // Loads every libgphoto2 driver once, for the life of the process. Call before the MTP client
 // is first used; later calls do nothing. The number of drivers kept.
 int KeepCameraDriversLoaded();
+
+// What every camera test does first: keeps the drivers loaded, and points HOME at a folder
+// "home" under scratch (made here), so libgphoto2's settings file lands in the test's own
+// folder and never in the user's.
+void PrepareCameraTest(const std::string& scratch);
 
 }  // namespace qrbtest
 

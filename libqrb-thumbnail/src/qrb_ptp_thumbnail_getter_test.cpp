@@ -127,10 +127,7 @@ TEST(PtpGetterGeometry, FillsTheBoxThenCropsItsCentre) {
 class PtpGetterTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        qrbtest::KeepCameraDriversLoaded();
-        const std::string home = root.Path() + "/home";
-        mkdir(home.c_str(), 0700);
-        setenv("HOME", home.c_str(), 1);
+        qrbtest::PrepareCameraTest(root.Path());
         setenv("QRB_PTPIP_TIMEOUT_MS", "3000", 1);
         const uint32_t card = camera.AddStorage("Card");
         upright =

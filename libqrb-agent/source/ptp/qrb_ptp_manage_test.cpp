@@ -49,10 +49,7 @@ struct Listing {
 class PtpManageTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        qrbtest::KeepCameraDriversLoaded();
-        const std::string home = root.Path() + "/home";
-        mkdir(home.c_str(), 0700);
-        setenv("HOME", home.c_str(), 1);
+        qrbtest::PrepareCameraTest(root.Path());
         qrbtest::JpegSpec spec;
         spec.thumbWidth = 32;
         spec.thumbHeight = 24;

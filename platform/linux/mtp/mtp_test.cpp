@@ -54,10 +54,7 @@ std::string JpegSize(const std::string& jpeg) {
 class MtpClientTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        qrbtest::KeepCameraDriversLoaded();
-        const std::string home = root.Path() + "/home";
-        mkdir(home.c_str(), 0700);
-        setenv("HOME", home.c_str(), 1);
+        qrbtest::PrepareCameraTest(root.Path());
         mkdir(root.Resolve("/out").c_str(), 0700);
         qrbtest::JpegSpec spec;
         spec.width = 320;
