@@ -15,15 +15,10 @@ BUILD=$(cd "$1" && pwd)
 FILES=${2:-300}
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 RESULTS=$REPO/bench/RESULTS.md
-. "$REPO/bench/results.sh"
+. "$REPO/bench/common.sh"
 HEADING="## Music cover thumbnails"
 
-for program in convert ffmpeg /usr/bin/time; do
-    if ! command -v "$program" >/dev/null 2>&1; then
-        echo "bench: $program is missing; scripts/install-deps.sh installs it" >&2
-        exit 1
-    fi
-done
+require convert ffmpeg /usr/bin/time
 if [ ! -x "$TOOL" ]; then
     echo "bench: $TOOL is not built" >&2
     exit 1

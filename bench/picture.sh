@@ -30,14 +30,9 @@ while [ $# -gt 0 ]; do
 done
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 RESULTS=$REPO/bench/RESULTS.md
-. "$REPO/bench/results.sh"
+. "$REPO/bench/common.sh"
 
-for program in convert mogrify exiftool vipsthumbnail /usr/bin/time; do
-    if ! command -v "$program" >/dev/null 2>&1; then
-        echo "bench: $program is missing; scripts/install-deps.sh installs it" >&2
-        exit 1
-    fi
-done
+require convert mogrify exiftool vipsthumbnail /usr/bin/time
 if [ ! -x "$TOOL" ]; then
     echo "bench: $TOOL is not built" >&2
     exit 1

@@ -76,18 +76,9 @@ done
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 PLUGINS=$BUILD/root/usr/lib/gstreamer-1.0
 RESULTS=$REPO/bench/RESULTS.md
-. "$REPO/bench/results.sh"
+. "$REPO/bench/common.sh"
 CORES=$(nproc)
-for program in ffmpeg ffprobe ffmpegthumbnailer; do
-    if ! command -v "$program" >/dev/null 2>&1; then
-        echo "bench: $program is missing; scripts/install-deps.sh installs it" >&2
-        exit 1
-    fi
-done
-if [ ! -x /usr/bin/time ]; then
-    echo "bench: /usr/bin/time is missing; scripts/install-deps.sh installs it" >&2
-    exit 1
-fi
+require ffmpeg ffprobe ffmpegthumbnailer /usr/bin/time
 if [ ! -x "$TOOL" ] || [ ! -f "$PLUGINS/libgstffmpeg.so" ]; then
     echo "bench: build qrb-thumb and the media plug-ins in $BUILD first" >&2
     exit 1
