@@ -133,6 +133,7 @@ protected:
         upright =
             camera.AddPath(card, "DCIM/100TEST/upright.jpg", PictureWithThumbnail(160, 120, 0));
         turned = camera.AddPath(card, "DCIM/100TEST/turned.jpg", PictureWithThumbnail(120, 160, 6));
+        camera.AddPath(card, "DCIM/100TEST/tagged.jpg", PictureWithThumbnail(160, 120, 1));
         ASSERT_TRUE(camera.Start());
         setenv("QRB_PTPIP_CAMERA", camera.Address().c_str(), 1);
         // The listing numbers the camera's objects, as an application's browsing would.
@@ -224,6 +225,8 @@ TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedThroughTheCInterface) {
         // Stored turned (orientation 6): shown upright, the stored left column becomes the top.
         {"turned.jpg", 160, 120, DEV_TYPE_PTP, 160, 120, "BRGW"},
         {"turned.jpg", 64, 64, DEV_TYPE_PTP, 64, 64, "BRGW"},
+        // Orientation 1 says "as stored": nothing is turned.
+        {"tagged.jpg", 80, 60, DEV_TYPE_PTP, 80, 60, "RGWB"},
     };
     for (const Case& c : cases) {
         const qrbtest::RecordedResult r = Request(uris[c.name], c.w, c.h, c.dev);

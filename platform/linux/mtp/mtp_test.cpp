@@ -289,6 +289,37 @@ TEST_F(MtpClientTest, ThumbnailReplacesThePathOnlyWhenComplete) {
     std::free(data);
 }
 
+// libgphoto2 is not thread-safe: the client's one lock must make calls from several workers
+// at once come out as if made one after another (run under TSan in CI too).
+TEST_F(MtpClientTest, CallsFromSeveralThreadsAtOnceAllSucceed) {
+    const int device = Open();
+    const int a = Find(device, 0x10001, "DCIM/100TEST/a.jpg");
+    const int folder = Find(device, 0x10001, "DCIM/100TEST");
+    ASSERT_GT(a, 0);
+    const size_t listed = Handles(device, 0x10001, MTP_FILETYPE_ALL, folder).size();
+    std::vector<std::future<int>> workers;
+    for (int t = 0; t < 3; ++t) {
+        workers.push_back(std::async(std::launch::async, [&, t] {
+            int failures = 0;
+            const std::string dest = root.Resolve("/out/thread-" + std::to_string(t) + ".jpg");
+            for (int i = 0; i < 10; ++i) {
+                int ret = MTP_ERROR_GENERAL;
+                if (Handles(device, 0x10001, MTP_FILETYPE_ALL, folder, &ret).size() != listed ||
+                    ret != MTP_ERROR_NONE) {
+                    ++failures;
+                }
+                if (mtp_get_thumbnail(device, a, dest.c_str()) != MTP_ERROR_NONE ||
+                    JpegSize(ReadFile(dest)) != "160x120") {
+                    ++failures;
+                }
+            }
+            return failures;
+        }));
+    }
+    for (auto& worker : workers) EXPECT_EQ(worker.get(), 0);
+    EXPECT_EQ(LeftInOut(), 3);  // one thumbnail per thread, no temporary left
+}
+
 TEST_F(MtpClientTest, UnusableThumbnailsAreRefusedAndLeaveNothingBehind) {
     const int device = Open();
     const int a = Find(device, 0x10001, "DCIM/100TEST/a.jpg");
