@@ -231,6 +231,15 @@ TEST_F(PvrDecoderTest, RefusesBadArgumentsWithoutWritingAnything) {
     empty[0].buffer_size = 0;
     EXPECT_EQ(set_pvr_key_frame(empty.data(), 1, 160, 90, srf.c_str()), -1);
 
+    // An H.264 key frame that is noise fails too, and its ".es" file goes with the call.
+    auto badH264 = mixed;
+    badH264[0] = mixed[1];
+    badH264[0].encode_type = 2;
+    const int decodeFailures = log.Count("m_DecodeFrame fail");
+    EXPECT_EQ(set_pvr_key_frame(badH264.data(), 1, 160, 90, srf.c_str()), -1);
+    EXPECT_EQ(log.Count("m_DecodeFrame fail"), decodeFailures + 1) << "it reached the decoder";
+    EXPECT_EQ(EsFilesLeft(), 0);
+
     EXPECT_EQ(root.CountEntries("/rec"), 0) << "no MTA file, not even half of one";
 }
 
