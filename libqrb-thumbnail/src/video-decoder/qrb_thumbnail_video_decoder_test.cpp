@@ -8,6 +8,7 @@
 
 #include "qrb_fake_control.h"
 #include "qrb_test_callbacks.h"
+#include "qrb_test_http_server.h"
 #include "qrb_test_log.h"
 #include "qrb_test_root.h"
 #include "qrb_thumbnail.h"
@@ -688,7 +689,16 @@ TEST_F(VideoFileTest, RefusesWhatIsNotALocalVideo) {
     // A playlist that would make the demuxer open another file on its own.
     const std::string playlist =
         root.WriteFile("media/list.ffconcat", "ffconcat version 1.0\nfile clip.y4m\n");
-    for (const std::string& url : {text, playlist, std::string("http://127.0.0.1:9/clip.mp4"),
+    // The same video offered by a server that answers: it must never be asked.
+    qrbtest::LoopbackHttpServer server;
+    std::atomic<int> hits{0};
+    const std::string video = TinyY4m();
+    server.Http().Get(".*", [&](const httplib::Request&, httplib::Response& res) {
+        ++hits;
+        res.set_content(video, "video/x-yuv4mpegpipe");
+    });
+    ASSERT_TRUE(server.Start());
+    for (const std::string& url : {text, playlist, server.Url("/clip.y4m"),
                                    root.Path() + "/absent.mp4"}) {
         SCOPED_TRACE(url);
         log.Clear();
@@ -697,6 +707,7 @@ TEST_F(VideoFileTest, RefusesWhatIsNotALocalVideo) {
         EXPECT_EQ(context, nullptr);
         EXPECT_TRUE(log.Contains("error : avformat_open_input failed nRet="));
     }
+    EXPECT_EQ(hits.load(), 0);
     EXPECT_FALSE(decoder.m_FFMpegInit(nullptr, nullptr));
 }
 
