@@ -95,6 +95,20 @@ public:
 #endif
     }
 
+    // As Wait, but gives up at endTime (g_get_monotonic_time's clock); false when it did.
+    bool WaitUntil(CQRBMutex& mutex, gint64 endTime) {
+#ifdef QRB_TSAN
+        __tsan_mutex_pre_unlock(&mutex.m_Mutex, 0);
+        __tsan_mutex_post_unlock(&mutex.m_Mutex, 0);
+#endif
+        const bool signalled = g_cond_wait_until(&m_Cond, &mutex.m_Mutex, endTime);
+#ifdef QRB_TSAN
+        __tsan_mutex_pre_lock(&mutex.m_Mutex, 0);
+        __tsan_mutex_post_lock(&mutex.m_Mutex, 0, 0);
+#endif
+        return signalled;
+    }
+
 private:
     GCond m_Cond;
 };

@@ -156,6 +156,14 @@ void thumbnail_stop_ra_decode_sync(void);
 /* Stops and joins every thread and destroys the service. Returns 0. */
 int thumbnail_finalize(void);
 
+/* Why the request being answered failed, in a few words for a person: "no such file",
+ * "permission denied", "not a format it reads", "damaged file", "no cover art",
+ * "download failed (HTTP 404)", "timed out", "protected video", "media plug-ins missing" and
+ * the like; NULL when the library cannot tell. It is the one library function a callback may
+ * call: only from inside a callback with status -1, on the callback's thread. The text stays
+ * valid until the callback returns. */
+const char* thumbnail_failure_reason(void);
+
 /* Writes a textual UUID (36 characters and a NUL: out must hold 37 bytes). Return 0. */
 int qrb_uuid_time(char* out);
 int qrb_uuid_random(char* out);

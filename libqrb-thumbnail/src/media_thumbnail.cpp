@@ -1,6 +1,7 @@
 // The exported C functions: thin adapters that fill the request record and forward to the
 // service. No exception crosses this boundary: each is caught, logged, and answered as the
 // function's failure value.
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_requested_item.h"
 #include "qrb_thumbnail.h"
@@ -125,6 +126,8 @@ QRB_EXPORT int thumbnail_finalize(void) {
     }
     return 0;
 }
+
+QRB_EXPORT const char* thumbnail_failure_reason(void) { return QRBFailureText(); }
 
 // The recording functions run on the caller's thread with a decoder of their own; they need no
 // service.

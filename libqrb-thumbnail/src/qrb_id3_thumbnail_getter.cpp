@@ -3,6 +3,7 @@
 #include "id3-extractor/qrb_id3_extractor.h"
 #include "id3-extractor/qrb_wma_extractor.h"
 #include "image-decoder/qrb_image_processor.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
@@ -139,6 +140,7 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_ID3Extract(con
     const int ret = extractor.Extract(path, &raw);
     const std::unique_ptr<QRBID3> id3(raw);
     if (ret != 0 || !id3 || !id3->HasImage()) {
+        QRBNoteFailure(QRBFailure::kNoCoverArt);
         QRB_LOGD("no cover in %s (%d)", path, ret);
         return nullptr;
     }
@@ -153,6 +155,7 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_WMAExtract(con
     const bool ok = extractor.Extract(path, &raw);
     const std::unique_ptr<QRBWMAContentDesc> desc(raw);
     if (!ok || !desc || desc->GetCoverArtSize() == 0) {
+        QRBNoteFailure(QRBFailure::kNoCoverArt);
         QRB_LOGD("no cover in %s", path);
         return nullptr;
     }
@@ -179,6 +182,7 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_DecodeCover(
         if (!written && lstat(temp.c_str(), &st) != 0) break;  // not a taken name: give up
     }
     if (!written) {
+        QRBNoteFailure(QRBFailure::kScratch);
         QRB_LOGW("Write JPG Buffer fail");
         return nullptr;
     }

@@ -2,8 +2,6 @@
 
 #include "qrb_log.h"
 
-#include <unistd.h>
-
 #include <exception>
 
 CQRBThumbHttpDecoder::CQRBThumbHttpDecoder(CQRBThumbHttpParking* parking) : m_pParking(parking) {}
@@ -29,7 +27,7 @@ bool CQRBThumbHttpDecoder::Create(CQRBThumbRequestList* list, CQRBThumbCache* ca
 void CQRBThumbHttpDecoder::Destroy() {
     if (!FlagCreate()) return;
     QRB_LOGD("[%s][%d]", __func__, __LINE__);
-    m_bStop = true;
+    RequestStop();
     CQRBThread::Destroy();
     m_pExtractor.reset();
 }
@@ -83,10 +81,13 @@ void CQRBThumbHttpDecoder::m_Serve(const _stRequestedItem& request) {
 }
 
 void CQRBThumbHttpDecoder::t_Process() {
-    while (!m_bStop) {
+    for (;;) {
+        // Count before flag, as in every worker loop: no stop or new work is slept through.
+        const unsigned seen = m_pList->ChangeCount();
+        if (m_bStop) break;
         _stRequestedItem request;
         if (!m_pList->GetForHttpDecode(&request)) {
-            usleep(50000);
+            m_WaitForWork(seen);
             continue;
         }
         // The worker boundary: whatever a getter throws, the request still gets its one event.

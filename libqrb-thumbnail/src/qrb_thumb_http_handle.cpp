@@ -44,8 +44,15 @@ bool CQRBThumbHttpHandle::Create(CQRBThumbRequestList* list, CQRBThumbCache* cac
 void CQRBThumbHttpHandle::Destroy() {
     if (!FlagCreate()) return;
     QRB_LOGD("[%s][%d]", __func__, __LINE__);
-    m_bStop = true;
+    RequestStop();
     CQRBThread::Destroy();
+}
+
+void CQRBThumbHttpHandle::RequestStop() {
+    QRBThumbnailDecodeBsae::RequestStop();
+    // A thread waiting for socket activity is woken as well.
+    CQRBAutoLock lock(m_MultiMutex);
+    if (m_pMulti) curl_multi_wakeup(m_pMulti.get());
 }
 
 bool CQRBThumbHttpHandle::m_SendDoneEvent(const _stRequestedItem* req,
@@ -221,7 +228,10 @@ void CQRBThumbHttpHandle::m_StopAll() {
 
 void CQRBThumbHttpHandle::t_Process() {
     QRB_LOGD("[QRB][EST]t_Process begin");
-    m_pMulti.reset(curl_multi_init());
+    {
+        CQRBAutoLock lock(m_MultiMutex);
+        m_pMulti.reset(curl_multi_init());
+    }
     if (m_pMulti) {
         curl_multi_setopt(m_pMulti.get(), CURLMOPT_MAXCONNECTS, kMaxConnects);
     } else {
@@ -229,7 +239,10 @@ void CQRBThumbHttpHandle::t_Process() {
         QRB_LOGW("curl_multi_init fail");
     }
 
-    while (!m_bStop) {
+    for (;;) {
+        // Count before flag, as in every worker loop: no stop or new work is slept through.
+        const unsigned seen = m_pList->ChangeCount();
+        if (m_bStop) break;
         bool active = false;
         try {
             active = m_ProcessJob();
@@ -238,7 +251,7 @@ void CQRBThumbHttpHandle::t_Process() {
             active = !m_Active.empty();
         }
         if (!active) {
-            usleep(50000);
+            m_WaitForWork(seen);
             continue;
         }
         int running = 0;
@@ -256,6 +269,7 @@ void CQRBThumbHttpHandle::t_Process() {
     }
 
     m_StopAll();
+    CQRBAutoLock lock(m_MultiMutex);
     m_pMulti.reset();
     QRB_LOGD("[QRB][EST]t_Process end");
 }

@@ -10,12 +10,13 @@
 // application's callbacks, on the download thread, which alone owns the multi handle and the
 // active transfers. The list is touched only through its own locked operations.
 //
-// Stopping: Destroy sets the stop flag; the loop sees it within one poll (at most 50 ms) even
-// while peers are silent. Transfers still running then are removed unfinished and their
+// Stopping: RequestStop (or Destroy) sets the stop flag and wakes the thread, whether it waits
+// for work or for socket activity, so the loop sees it at once even while peers are silent. Transfers still running then are removed unfinished and their
 // requests answered with status -1 if they are still listed.
 #ifndef QRB_THUMB_HTTP_HANDLE_H
 #define QRB_THUMB_HTTP_HANDLE_H
 
+#include "qrb_mutex.h"
 #include "qrb_scoped.h"
 #include "qrb_thumb_http_parking.h"
 #include "qrb_thumb_http_request.h"
@@ -48,6 +49,7 @@ public:
     using QRBThumbnailDecodeBsae::Create;
     bool Create(CQRBThumbRequestList* list, CQRBThumbCache* cache) override;
     void Destroy() override;
+    void RequestStop() override;
     void t_Process() override;
     bool m_SendDoneEvent(const _stRequestedItem* req, boost::intrusive_ptr<CQRBThumbnailItem> item,
                          bool ok) override;
@@ -70,7 +72,8 @@ private:
     void m_StopAll();
 
     CQRBThumbHttpParking* m_pParking;
-    QRBScopedCurlMulti m_pMulti;  // made and released by t_Process
+    QRBScopedCurlMulti m_pMulti;  // made and released by t_Process, under m_MultiMutex
+    CQRBMutex m_MultiMutex;       // lets RequestStop wake the multi handle from another thread
     // Declared after the multi handle: requests (and their easy handles) go first.
     std::vector<boost::intrusive_ptr<CQRBThumbHttpRequest>> m_Active;
 };

@@ -20,6 +20,7 @@ void CQRBThumbRequestList::Insert(_stRequestedItem item) {
         if (queued.SameKey(item)) return;  // duplicates are dropped, whatever their state
     }
     m_Queue.push_back(std::move(item));
+    m_Changed();
 }
 
 bool CQRBThumbRequestList::GetForSingle(bool all, _stRequestedItem* out, bool /*flag*/) {
@@ -82,6 +83,7 @@ void CQRBThumbRequestList::ChangeItemState(_stRequestedItem item, qrb_thumb_item
     for (auto& queued : m_Queue) {
         if (queued.SameKey(item)) {
             queued.state = state;
+            m_Changed();
             return;
         }
     }
@@ -104,6 +106,29 @@ void CQRBThumbRequestList::Delete(long long rid) {
 void CQRBThumbRequestList::ClearAll() {
     CQRBAutoLock lock(m_Mutex);
     m_Queue.clear();
+}
+
+void CQRBThumbRequestList::m_Changed() {
+    ++m_nChanges;
+    m_Changes.Broadcast();
+}
+
+unsigned CQRBThumbRequestList::ChangeCount() {
+    CQRBAutoLock lock(m_Mutex);
+    return m_nChanges;
+}
+
+void CQRBThumbRequestList::WaitForChange(unsigned seen, int timeoutMs) {
+    const gint64 end = g_get_monotonic_time() + static_cast<gint64>(timeoutMs) * 1000;
+    CQRBAutoLock lock(m_Mutex);
+    while (m_nChanges == seen) {
+        if (!m_Changes.WaitUntil(m_Mutex, end)) return;
+    }
+}
+
+void CQRBThumbRequestList::WakeWorkers() {
+    CQRBAutoLock lock(m_Mutex);
+    m_Changed();
 }
 
 bool CQRBThumbRequestList::Contains(const _stRequestedItem& key) {

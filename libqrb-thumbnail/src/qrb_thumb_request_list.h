@@ -2,6 +2,10 @@
 // request and mark it with a state instead of removing it; the event path removes it and calls
 // the caller's callback with the list's lock held. Cancelling is removal: a worker that finishes
 // a request no longer listed delivers nothing.
+//
+// Idle workers wait on the list rather than sleep: every change that may give one of them work
+// (an insert, a state change) and every stop wakes them at once, and the wait is bounded so that
+// an idle worker still looks at its queue at least every kIdlePollMs.
 #ifndef QRB_THUMB_REQUEST_LIST_H
 #define QRB_THUMB_REQUEST_LIST_H
 
@@ -38,6 +42,15 @@ public:
     bool SendEventWithBuffer(void* user_data, std::string url, qrb_thumbnail_callback callback,
                              boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok);
 
+    // Longest wait of an idle worker between two looks at its queue.
+    static constexpr int kIdlePollMs = 50;
+    // A worker reads the count before asking for work and, finding none, waits with it: a
+    // change made in between ends the wait at once, so no wake-up is lost.
+    unsigned ChangeCount();
+    void WaitForChange(unsigned seen, int timeoutMs = kIdlePollMs);
+    // Wakes every waiting worker (they are being stopped).
+    void WakeWorkers();
+
     // True while a request with this key is listed (any state).
     bool Contains(const _stRequestedItem& key);
     int Size();
@@ -47,8 +60,13 @@ private:
     bool m_TakeForEvent(void* user_data, const std::string& url);
     static void m_CopyURL(_thumb_result& result, const std::string& url);
 
+    // Called with m_Mutex held.
+    void m_Changed();
+
     std::deque<_stRequestedItem> m_Queue;
     CQRBMutex m_Mutex;
+    CQRBCond m_Changes;
+    unsigned m_nChanges = 0;
 };
 
 #endif

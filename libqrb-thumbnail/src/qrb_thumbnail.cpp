@@ -9,7 +9,6 @@
 #include "qrb_thumbnail_single_imp.h"
 #include "qrb_util.h"
 
-#include <ftw.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -23,9 +22,6 @@ CQRBMutex& CreationMutex() {
     static CQRBMutex* mutex = new CQRBMutex;  // never destroyed: guards creation at any time
     return *mutex;
 }
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
-
 
 }  // namespace
 
@@ -60,7 +56,7 @@ void CQRBThumbnail::m_WipeVideoFolder() {
     struct stat st;
     int rc = 0;
     if (lstat(video.c_str(), &st) == 0) {
-        rc = nftw(video.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+        rc = QRBRemoveTree(video);
     }
     if (rc != 0) {
         QRB_LOGW("rm %s fail,errno:%d!", QRB_VIDEO_DIR, errno);
@@ -71,9 +67,7 @@ void CQRBThumbnail::m_WipeVideoFolder() {
 
 void CQRBThumbnail::m_Create() {
     m_Cache.Create();
-    if (CQRBUtil::MakeDirs(QRBSystemPath(QRB_DATA_DIR), 0777, false) != nullptr) {
-        QRB_LOGW("mkdir() [%s] failed.", QRB_DATA_DIR);
-    }
+    QRBOpenDataFolder();
     m_pImp[SLOT_SINGLE] = new CQRBThumbnailSingleImp;
     m_pImp[SLOT_MULTI] = new CQRBThumbnailMultiImp;
     m_pImp[SLOT_HTTP] = new CQRBThumbnailHttpImp;
@@ -88,6 +82,11 @@ void CQRBThumbnail::m_Create() {
 }
 
 void CQRBThumbnail::m_Destroy() {
+    // Every thread is asked first, so that they all wind down together instead of one variant
+    // after another.
+    for (CQRBThumbnailBaseImp* imp : m_pImp) {
+        if (imp != nullptr) imp->RequestStop();
+    }
     for (int slot = 0; slot < 3; ++slot) {
         if (m_pImp[slot] == nullptr) continue;
         m_pImp[slot]->Destroy();
@@ -95,6 +94,8 @@ void CQRBThumbnail::m_Destroy() {
         m_pImp[slot] = nullptr;
     }
     m_Cache.Destroy();
+    // Last: no thread is left that could still write into a scratch folder.
+    QRBCloseDataFolder();
     QRB_LOGD("m_Destroy end");
 }
 

@@ -31,3 +31,4 @@ void CQRBThumbnailBaseImp::StopVideoThumbDecoding(std::string, bool) {}
 // The base has no threads of its own: the list alone is its success.
 bool CQRBThumbnailBaseImp::t_Create() { return true; }
 void CQRBThumbnailBaseImp::t_Destroy() {}
+void CQRBThumbnailBaseImp::RequestStop() {}

@@ -30,6 +30,8 @@ public:
     virtual void StopVideoThumbDecoding(std::string url, bool sync);
     virtual bool t_Create();
     virtual void t_Destroy();
+    // Asks every worker thread to stop without waiting for any; Destroy then joins them.
+    virtual void RequestStop();
 
     CQRBThumbRequestList* RequestList() { return &m_RequestList; }
 

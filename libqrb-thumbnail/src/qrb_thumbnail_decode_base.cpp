@@ -11,3 +11,12 @@ bool QRBThumbnailDecodeBsae::m_SendEventWithBuffer(const _stRequestedItem*,
                                                    boost::intrusive_ptr<CQRBThumbnailItem>, bool) {
     return false;
 }
+
+void QRBThumbnailDecodeBsae::RequestStop() {
+    m_bStop = true;
+    if (m_pList != nullptr) m_pList->WakeWorkers();
+}
+
+void QRBThumbnailDecodeBsae::m_WaitForWork(unsigned seen) {
+    if (m_pList != nullptr) m_pList->WaitForChange(seen);
+}

@@ -24,7 +24,17 @@ public:
     virtual bool m_SendEventWithBuffer(const _stRequestedItem* req,
                                        boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok);
 
+    // Asks the thread to leave its loop and wakes it if it is waiting for work; Destroy then
+    // only waits for the request being served. The service asks every thread before joining
+    // any, so that they all stop together.
+    virtual void RequestStop();
+
 protected:
+    // An idle worker's wait: until its list changes, a stop is asked, or the poll period ends.
+    // `seen` is the list's ChangeCount, read before the stop flag was checked and the list
+    // asked for work.
+    void m_WaitForWork(unsigned seen);
+
     // Written by the controlling thread, read by the worker between requests.
     std::atomic<bool> m_bStop{false};
     CQRBThumbRequestList* m_pList = nullptr;

@@ -2,8 +2,6 @@
 
 #include "qrb_log.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <exception>
 
@@ -26,7 +24,7 @@ bool CQRBThumbnailDecoder::Create(int n, CQRBThumbRequestList* list, CQRBThumbCa
 void CQRBThumbnailDecoder::Destroy() {
     if (!FlagCreate()) return;
     QRB_LOGD("Destroy decoder %d", m_nNumber);
-    m_bStop = true;
+    RequestStop();
     CQRBThread::Destroy();
     m_pExtractor.reset();
 }
@@ -64,10 +62,14 @@ void CQRBThumbnailDecoder::m_Serve(const _stRequestedItem& request) {
 }
 
 void CQRBThumbnailDecoder::t_Process() {
-    while (!m_bStop) {
+    for (;;) {
+        // The count is read before the flag: a stop asked after the flag was seen clear also
+        // changes the count, so the wait below ends at once.
+        const unsigned seen = m_pList->ChangeCount();
+        if (m_bStop) break;
         _stRequestedItem request;
         if (!m_pList->GetForMulti(&request)) {
-            usleep(50000);
+            m_WaitForWork(seen);
             continue;
         }
         // The worker boundary: whatever a getter throws, the request still gets its one event.

@@ -55,3 +55,8 @@ void CQRBThumbnailHttpImp::t_Destroy() {
     }
     m_Parking.Clear();
 }
+
+void CQRBThumbnailHttpImp::RequestStop() {
+    if (m_pDecoder) m_pDecoder->RequestStop();
+    if (m_pHandle) m_pHandle->RequestStop();
+}

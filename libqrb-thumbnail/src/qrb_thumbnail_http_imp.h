@@ -23,6 +23,7 @@ public:
     void CancelRequest(std::string url) override;
     bool t_Create() override;
     void t_Destroy() override;
+    void RequestStop() override;
 
     // Requests whose downloaded bytes wait for the decode thread.
     int ParkedCount() { return m_Parking.Count(); }

@@ -38,3 +38,7 @@ void CQRBThumbnailMultiImp::t_Destroy() {
     m_Workers.clear();
     m_pLast = nullptr;
 }
+
+void CQRBThumbnailMultiImp::RequestStop() {
+    for (QRBThumbnailDecodeBsae* worker : m_Workers) worker->RequestStop();
+}

@@ -16,6 +16,7 @@ public:
     boost::intrusive_ptr<CQRBThumbnailItem> RequestThumbnail(_stRequestedItem item, bool flag) override;
     bool t_Create() override;
     void t_Destroy() override;
+    void RequestStop() override;
 
     int WorkerCount() const { return static_cast<int>(m_Workers.size()); }
 

@@ -32,3 +32,9 @@ void CQRBThumbnailSingleImp::t_Destroy() {
         worker = nullptr;
     }
 }
+
+void CQRBThumbnailSingleImp::RequestStop() {
+    for (CQRBThumbnailVideoDecoder* worker : m_pWorkers) {
+        if (worker != nullptr) worker->RequestStop();
+    }
+}

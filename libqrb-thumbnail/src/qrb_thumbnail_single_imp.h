@@ -17,6 +17,7 @@ public:
     void StopThumbDecoding(bool sync) override;
     bool t_Create() override;
     void t_Destroy() override;
+    void RequestStop() override;
 
     CQRBThumbnailVideoDecoder* Worker(int slot) { return m_pWorkers[slot]; }
 

@@ -1,11 +1,13 @@
 #include "id3-extractor/qrb_id3_extractor.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
 #include <sys/types.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -61,6 +63,7 @@ int QRBID3Extractor::m_ExtractFromFilename(const char* path, QRBID3* result) {
     if (path == nullptr || result == nullptr) return QRB_ID3_ERR_FILE;
     QRBScopedFile file(std::fopen(path, "rb"));
     if (!file) {
+        QRBNoteFileFailure(errno);
         QRB_LOGW("File Open Error %s", path);
         return QRB_ID3_ERR_FILE;
     }

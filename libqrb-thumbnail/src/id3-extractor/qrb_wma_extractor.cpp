@@ -1,11 +1,13 @@
 #include "id3-extractor/qrb_wma_extractor.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
 #include <sys/types.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -179,6 +181,7 @@ int QRBWMAExtractor::m_ExtractFromFilename(const char* path, QRBWMAContentDesc* 
     if (path == nullptr || desc == nullptr) return -1;
     QRBScopedFile file(std::fopen(path, "rb"));
     if (!file) {
+        QRBNoteFileFailure(errno);
         QRB_LOGW("File Open Error %s", path);
         return -1;
     }

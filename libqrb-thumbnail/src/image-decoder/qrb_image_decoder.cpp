@@ -1,8 +1,10 @@
 #include "image-decoder/qrb_image_decoder.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -57,6 +59,7 @@ CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int a
     QRB_LOGD("THUMBNAIL TYPE[%d] RET[%d]", m_nThumbnailType, ret);
     if (ret == -1) {
         QRB_LOGW("Parse false or it is not a jpg file");
+        QRBNoteFailure(QRBFailure::kDamaged);
         m_bValid = false;
     }
 }
@@ -82,12 +85,14 @@ const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
 
     ScopedFile fp(std::fopen(path, "rb"));
     if (!fp) {
+        QRBNoteFileFailure(errno);
         QRB_LOGW("%s:   OPEN ERROR", path);
         return nullptr;
     }
     unsigned char magic[2] = {0, 0};
     const size_t got = std::fread(magic, 1, sizeof(magic), fp.get());
     if (got < sizeof(magic)) {
+        QRBNoteFailure(QRBFailure::kUnknownFormat);
         QRB_LOGW("READ ERROR %d", static_cast<int>(got));
         return nullptr;
     }
@@ -184,18 +189,21 @@ int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
     switch (m_nThumbnailType) {
         case kTypeExif:
             if (m_ReadExifThumbnail(out) != kExifSuccess) {
+                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read exif thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypeFullDecoding:
             if (m_ReadFullDecodingThumbnail(out) != kFullSuccess) {
+                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read full decoding thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypeLarge:
             if (m_ReadLargeThumbnail(out) != kLargeSuccess) {
+                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read large thumbnail error! ");
                 return -1;
             }
@@ -206,17 +214,20 @@ int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
             return 0;
         case kTypeBmp:
             if (m_ReadBMPThumbnail(out) != kBmpSuccess) {
+                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read BMP thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypePng:
             if (m_ReadPNGThumbnail(out) != 0) {
+                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read PNG thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypeTooLarge:
+            QRBNoteFailure(QRBFailure::kTooLarge);
             QRB_LOGW("Read ReadHomePanleThumbnail error! ");
             return -1;
         case kTypeHttp:

@@ -1,6 +1,7 @@
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include "image-decoder/qrb_image_decoder.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
@@ -308,8 +309,15 @@ int CQRBImageDecoder::m_ParsePictureHeader(bool forceFull) {
     }
     ScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
+        QRBNoteFileFailure(errno);
         QRB_LOGW("ERROR FOR OPEN THE FILE, errno is: %d ", errno);
         return -1;
+    }
+    // A file that does not even start like a JPEG is no damaged one: it is something else.
+    unsigned char soi[2] = {0, 0};
+    if (std::fread(soi, 1, sizeof(soi), fp.get()) != sizeof(soi) || soi[0] != 0xFF ||
+        soi[1] != 0xD8) {
+        QRBNoteFailure(QRBFailure::kUnknownFormat);
     }
     if (fseeko(fp.get(), 0, SEEK_END) != 0) {
         QRB_LOGW("ERROR FOR SEEK THE FILE FROM END, errno is: %d ", errno);

@@ -4,6 +4,9 @@
 #include "qrb_system_path.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <mutex>
 
@@ -28,12 +31,31 @@ bool Lookup(void* library, const char* symbol, Fn& slot) {
 
 }  // namespace
 
-std::string QRBFFmpegDecoderLibraryPath() {
-    return QRBSystemPath(QRB_GST_PLUGIN_DIR) + "libgstffmpeg.so";
+std::string QRBFFmpegPluginFolder() {
+    // A root prefix names the folder outright (tests point it at plug-ins of their own, or at
+    // none).
+    if (std::getenv("QRB_ROOT") != nullptr) return QRBRootedPath(QRB_GST_PLUGIN_DIR);
+    auto holdsPlugins = [](const std::string& folder) {
+        return access((folder + "libgstffmpeg.so").c_str(), R_OK) == 0;
+    };
+    if (holdsPlugins(QRB_GST_PLUGIN_DIR)) return QRB_GST_PLUGIN_DIR;
+    // Installed on a host, the plug-ins sit in "gstreamer-1.0/" beside this library.
+    Dl_info self;
+    if (dladdr(reinterpret_cast<void*>(&QRBFFmpegPluginFolder), &self) != 0 &&
+        self.dli_fname != nullptr) {
+        std::string folder = self.dli_fname;
+        const size_t slash = folder.rfind('/');
+        folder = (slash == std::string::npos ? std::string("./") : folder.substr(0, slash + 1)) +
+                 "gstreamer-1.0/";
+        if (holdsPlugins(folder)) return folder;
+    }
+    return QRB_GST_PLUGIN_DIR;
 }
 
+std::string QRBFFmpegDecoderLibraryPath() { return QRBFFmpegPluginFolder() + "libgstffmpeg.so"; }
+
 std::string QRBFFmpegScalerLibraryPath() {
-    return QRBSystemPath(QRB_GST_PLUGIN_DIR) + "libgstffmpegscale.so";
+    return QRBFFmpegPluginFolder() + "libgstffmpegscale.so";
 }
 
 void qrb_init_ffmpeg_api(unsigned char* ready) {

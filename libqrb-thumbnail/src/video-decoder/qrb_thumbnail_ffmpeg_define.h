@@ -178,7 +178,10 @@ typedef struct QRBFFmpegApi {
 /* The one table of the process. Rebinding overwrites it; nothing ever clears it. */
 extern QRBFFmpegApi g_QRBFFmpegApi;
 
-/* Where the plug-ins are looked for (under QRB_ROOT when it is set). */
+/* Where the plug-ins are looked for: under QRB_ROOT when it is set; else the device's fixed
+   folder when it holds them; else the "gstreamer-1.0/" folder beside this library, where an
+   installation on a host puts them. */
+std::string QRBFFmpegPluginFolder();
 std::string QRBFFmpegDecoderLibraryPath();
 std::string QRBFFmpegScalerLibraryPath();
 

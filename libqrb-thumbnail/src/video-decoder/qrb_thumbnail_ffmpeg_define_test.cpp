@@ -239,6 +239,7 @@ TEST_F(BindingTest, CheckRefusesATableMissingAnyOneFunction) {
     Install(QRB_STUB_DECODER, "libgstffmpeg.so");
     Install(QRB_STUB_SCALER, "libgstffmpegscale.so");
     CQRBThumbnailVideoDecoder decoder;
+    ASSERT_TRUE(decoder.MediaDecodingReady());
     ASSERT_TRUE(qrb_check_ffmpeg_api(g_QRBFFmpegApi));
     ASSERT_EQ(AllMembers().size(), 19u);
     for (const Member& m : AllMembers()) {

@@ -147,7 +147,15 @@ CQRBThumbnailVideoDecoder::CQRBThumbnailVideoDecoder() {
     m_CurrentRequest.FrameCount = 1;
     m_CurrentRequest.user_data = nullptr;
     m_CurrentRequest.bRequestBuffer = false;
-    qrb_init_ffmpeg_api(&m_bMediaReady);
+}
+
+void CQRBThumbnailVideoDecoder::m_BindMedia() {
+    std::call_once(m_MediaBound, [this] { qrb_init_ffmpeg_api(&m_bMediaReady); });
+}
+
+bool CQRBThumbnailVideoDecoder::MediaDecodingReady() {
+    m_BindMedia();
+    return m_bMediaReady != 0;
 }
 
 CQRBThumbnailVideoDecoder::~CQRBThumbnailVideoDecoder() { Destroy(); }
@@ -174,7 +182,7 @@ bool CQRBThumbnailVideoDecoder::AbandonRequested() const {
 }
 
 void CQRBThumbnailVideoDecoder::Destroy() {
-    m_bStop = true;
+    RequestStop();
     // Returns once t_Process has left its loop: after at most one poll, or after the request
     // being served is answered.
     CQRBThread::Destroy();
@@ -182,14 +190,17 @@ void CQRBThumbnailVideoDecoder::Destroy() {
 }
 
 void CQRBThumbnailVideoDecoder::t_Process() {
-    while (!m_bStop) {
+    for (;;) {
+        // Count before flag, as in every worker loop: no stop or new work is slept through.
+        const unsigned seen = m_pList->ChangeCount();
+        if (m_bStop) break;
         _stRequestedItem request;
         // Raised before the list is asked, so that a Stop that has just cleared the list either
         // sees this worker busy or knows it will find nothing.
         m_bBusy = true;
         if (!m_pList->GetForSingle(true, &request, false)) {
             m_bBusy = false;
-            usleep(50000);
+            m_WaitForWork(seen);
             continue;
         }
         BusyGuard busy(m_bBusy);
@@ -377,6 +388,7 @@ bool CQRBThumbnailVideoDecoder::Extract(_stRequestedItem request,
 bool CQRBThumbnailVideoDecoder::m_GetFrameFromArcplayer(
     _stRequestedItem& request, boost::intrusive_ptr<CQRBThumbnailItem> item, FrameCallback callback,
     void* user) {
+    m_BindMedia();
     // One copy for the whole extraction: a decoder built meanwhile rewrites the table.
     const QRBFFmpegApi api = qrb_ffmpeg_api_snapshot();
     if (!qrb_check_ffmpeg_api(api)) {

@@ -17,6 +17,7 @@
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
 
 #include <atomic>
+#include <mutex>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -95,7 +96,8 @@ public:
     // video folder (one holding a "/") is dropped.
     static void m_SplitVideoURL(const std::string& url, std::string* mediaId, std::string* path);
 
-    bool MediaDecodingReady() const { return m_bMediaReady != 0; }
+    // Binds the plug-ins first if this decoder has not done so yet.
+    bool MediaDecodingReady();
     bool Busy() const { return m_bBusy.load(); }
     // True while the grabbers are asked to give up what they decode (Destroy, or Stop during
     // the request being served).
@@ -117,6 +119,11 @@ private:
 
     std::unique_ptr<CQRBThumbnailExtractor> m_pExtractor;
     _stRequestedItem m_CurrentRequest;
+    // The plug-in table is bound when this decoder first needs it (its first video), not when
+    // it is built: binding loads FFmpeg, which a process that shows no video should not pay
+    // for. The binding itself, its messages and the ready flag are as they always were.
+    void m_BindMedia();
+    std::once_flag m_MediaBound;
     uint8_t m_bMediaReady = 0;
     std::atomic<bool> m_bBusy{false};
     // Stop gives up one request, not the worker: requests are numbered as the worker takes

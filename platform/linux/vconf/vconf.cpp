@@ -30,7 +30,7 @@ bool KeyToPath(const char* key, std::string* path) {
         name.push_back(c);
     }
     if (name == "." || name == "..") return false;
-    *path = QRBSystemPath(QRB_VCONF_DIR) + name;
+    *path = QRBRootedPath(QRB_VCONF_DIR) + name;
     return true;
 }
 
@@ -68,7 +68,7 @@ extern "C" int vconf_get_int(const char* key, int* value) {
 extern "C" int vconf_set_int(const char* key, int value) {
     std::string path;
     if (!KeyToPath(key, &path)) return VCONF_ERROR;
-    if (!MakeDirs(QRBSystemPath(QRB_VCONF_DIR))) return VCONF_ERROR;
+    if (!MakeDirs(QRBRootedPath(QRB_VCONF_DIR))) return VCONF_ERROR;
     std::string tmp = path + ".tmp." + std::to_string(getpid());
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return VCONF_ERROR;
