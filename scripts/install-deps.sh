@@ -10,10 +10,10 @@ clang libclang-rt-14-dev clang-format
 libglib2.0-dev libboost-dev libboost-thread-dev
 libcurl4-openssl-dev libssl-dev openssl
 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
-libjpeg62-turbo-dev libpng-dev libexif-dev libxml2-dev uuid-dev libgphoto2-dev
+libjpeg62-turbo-dev libpng-dev libisal-dev libexif-dev libxml2-dev uuid-dev libgphoto2-dev
 libgtest-dev libgmock-dev googletest
 libcli11-dev nlohmann-json3-dev libcpp-httplib-dev
-imagemagick libimage-exiftool-perl time ffmpegthumbnailer libvips-tools
+imagemagick libimage-exiftool-perl time ffmpegthumbnailer libvips-tools hyperfine
 "
 
 missing=""

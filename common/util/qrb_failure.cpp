@@ -24,6 +24,7 @@ const char* Words(QRBFailure reason) {
         case QRBFailure::kDownloadFailed: return "download failed";
         case QRBFailure::kDeviceFailed: return "the device did not deliver it";
         case QRBFailure::kScratch: return "cannot write its scratch files";
+        case QRBFailure::kNoKeyFrames: return "no key frames recorded for it";
     }
     return "failed";
 }

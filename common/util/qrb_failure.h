@@ -24,6 +24,7 @@ enum class QRBFailure {
     kDownloadFailed,  // detail: the HTTP status or the transfer's error
     kDeviceFailed,    // detail: what the device said
     kScratch,         // its own scratch files could not be written
+    kNoKeyFrames,     // a recording whose recorder left no key frames
 };
 
 void QRBNoteFailure(QRBFailure reason, const std::string& detail = std::string());

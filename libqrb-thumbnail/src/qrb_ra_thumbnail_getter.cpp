@@ -2,6 +2,7 @@
 
 #include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_thumb_param.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
@@ -193,10 +194,20 @@ bool CQRBRAThumbnailGetter::m_DownLoadThumbnail(const std::string& url, std::str
     curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     const CURLcode res = curl_easy_perform(h);
     if (res != CURLE_OK) {
+        if (res == CURLE_OPERATION_TIMEDOUT) {
+            QRBNoteFailure(QRBFailure::kTimedOut);
+        } else {
+            QRBNoteFailure(QRBFailure::kDownloadFailed, curl_easy_strerror(res));
+        }
         QRB_LOGW("curl_easy_perform() failed: %s\n", curl_easy_strerror(res));
         return false;
     }
-    // The HTTP status is not judged: an error page is a body like any other.
+    // The HTTP status is not judged: an error page is a body like any other. Should it fail to
+    // decode, the status is why.
+    long status = 0;
+    if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK && status >= 400) {
+        QRBNoteFailure(QRBFailure::kDownloadFailed, "HTTP " + std::to_string(status));
+    }
     return true;
 }
 
@@ -222,6 +233,7 @@ boost::intrusive_ptr<CQRBThumbImage> CQRBRAThumbnailGetter::m_DecodeBytes(const 
         if (!written && createErrno != EEXIST) break;
     }
     if (!written) {
+        QRBNoteFailure(QRBFailure::kScratch);
         QRB_LOGW("Write JPG Buffer fail");
         return nullptr;
     }

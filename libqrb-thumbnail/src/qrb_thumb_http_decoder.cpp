@@ -1,5 +1,6 @@
 #include "qrb_thumb_http_decoder.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 
 #include <exception>
@@ -62,7 +63,12 @@ void CQRBThumbHttpDecoder::m_Serve(const _stRequestedItem& request) {
              request.strURL.c_str(), static_cast<int>(request.eThumbnailType),
              static_cast<int>(request.state));
     std::string bytes;
-    const bool parked = m_pParking->Take(request, &bytes);
+    long httpStatus = 0;
+    const bool parked = m_pParking->Take(request, &bytes, &httpStatus);
+    // An error page is no picture: should it fail to decode, the status is why.
+    if (parked && httpStatus >= 400) {
+        QRBNoteFailure(QRBFailure::kDownloadFailed, "HTTP " + std::to_string(httpStatus));
+    }
 
     if (request.state == ITEM_DECODING && !parked) {
         if (m_AnswerFromCache(request)) return;
@@ -90,6 +96,7 @@ void CQRBThumbHttpDecoder::t_Process() {
             m_WaitForWork(seen);
             continue;
         }
+        QRBClearFailure();
         // The worker boundary: whatever a getter throws, the request still gets its one event.
         try {
             m_Serve(request);

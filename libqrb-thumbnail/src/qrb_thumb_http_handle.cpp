@@ -1,5 +1,6 @@
 #include "qrb_thumb_http_handle.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 
 #include <unistd.h>
@@ -80,7 +81,7 @@ bool CQRBThumbHttpHandle::m_SendEventWithBuffer(const _stRequestedItem* req,
     // always finds them. A cancel or clear may remove the request at any point of this
     // sequence; it drops parked bytes after removing the request, and whatever it missed is
     // unparked here once the request is seen gone.
-    m_pParking->Park(*req, item->GetData());
+    m_pParking->Park(*req, item->GetData(), m_nAnsweredStatus);
     m_pList->ChangeItemState(*req, ITEM_DOWNLOADED);
     if (!m_pList->Contains(*req)) {
         m_pParking->Drop(*req);
@@ -171,6 +172,8 @@ void CQRBThumbHttpHandle::m_OnTransferDone(CURL* easy, CURLcode result) {
     }
 
     const _stRequestedItem req = request->GetRequestItem();
+    QRBClearFailure();
+    m_nAnsweredStatus = statusCode;
     try {
         QRB_LOGD("Download file url=%s", req.strURL.c_str());
         curl_off_t declared = -1;
@@ -191,6 +194,11 @@ void CQRBThumbHttpHandle::m_OnTransferDone(CURL* easy, CURLcode result) {
             item->SetUsedCache(req.bUsedCache);
             item->SetData(request->TakeDownloadBuff());
         } else {
+            if (result == CURLE_OPERATION_TIMEDOUT) {
+                QRBNoteFailure(QRBFailure::kTimedOut);
+            } else {
+                QRBNoteFailure(QRBFailure::kDownloadFailed, curl_easy_strerror(result));
+            }
             QRB_LOGW("transfer failed: result=%d (%s), status code=%ld, url=%s",
                      static_cast<int>(result), curl_easy_strerror(result), statusCode,
                      req.strURL.c_str());

@@ -74,6 +74,7 @@ private:
     CQRBThumbHttpParking* m_pParking;
     QRBScopedCurlMulti m_pMulti;  // made and released by t_Process, under m_MultiMutex
     CQRBMutex m_MultiMutex;       // lets RequestStop wake the multi handle from another thread
+    long m_nAnsweredStatus = 0;   // HTTP status of the transfer being answered (its thread only)
     // Declared after the multi handle: requests (and their easy handles) go first.
     std::vector<boost::intrusive_ptr<CQRBThumbHttpRequest>> m_Active;
 };

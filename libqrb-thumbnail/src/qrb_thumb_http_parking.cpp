@@ -2,12 +2,14 @@
 
 #include <algorithm>
 
-void CQRBThumbHttpParking::Park(const _stRequestedItem& request, std::string bytes) {
+void CQRBThumbHttpParking::Park(const _stRequestedItem& request, std::string bytes,
+                                long httpStatus) {
     Entry entry;
     entry.key.strURL = request.strURL;
     entry.key.RID = request.RID;
     entry.key.user_data = request.user_data;
     entry.bytes = std::move(bytes);
+    entry.httpStatus = httpStatus;
     CQRBAutoLock lock(m_Mutex);
     for (auto& parked : m_Entries) {
         if (parked.key.SameKey(entry.key)) {
@@ -18,11 +20,13 @@ void CQRBThumbHttpParking::Park(const _stRequestedItem& request, std::string byt
     m_Entries.push_back(std::move(entry));
 }
 
-bool CQRBThumbHttpParking::Take(const _stRequestedItem& request, std::string* out) {
+bool CQRBThumbHttpParking::Take(const _stRequestedItem& request, std::string* out,
+                                long* httpStatus) {
     CQRBAutoLock lock(m_Mutex);
     for (auto it = m_Entries.begin(); it != m_Entries.end(); ++it) {
         if (!it->key.SameKey(request)) continue;
         if (out != nullptr) *out = std::move(it->bytes);
+        if (httpStatus != nullptr) *httpStatus = it->httpStatus;
         m_Entries.erase(it);
         return true;
     }

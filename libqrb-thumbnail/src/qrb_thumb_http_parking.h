@@ -21,10 +21,11 @@ public:
     CQRBThumbHttpParking(const CQRBThumbHttpParking&) = delete;
     CQRBThumbHttpParking& operator=(const CQRBThumbHttpParking&) = delete;
 
-    // Stores bytes for the request's key, replacing what that key held before.
-    void Park(const _stRequestedItem& request, std::string bytes);
+    // Stores bytes for the request's key, replacing what that key held before, with the HTTP
+    // status they came with (0 when there was none), which says why they fail to decode.
+    void Park(const _stRequestedItem& request, std::string bytes, long httpStatus = 0);
     // Moves the bytes of the request's key into out and forgets them; false when none.
-    bool Take(const _stRequestedItem& request, std::string* out);
+    bool Take(const _stRequestedItem& request, std::string* out, long* httpStatus = nullptr);
     // Forgets the bytes of the request's key; true when there were some.
     bool Drop(const _stRequestedItem& request);
     // Forget every entry of that URL (whatever its id or user pointer), or of that id: the
@@ -40,6 +41,7 @@ private:
     struct Entry {
         _stRequestedItem key;  // only strURL, RID and user_data matter
         std::string bytes;
+        long httpStatus = 0;
     };
 
     CQRBMutex m_Mutex;

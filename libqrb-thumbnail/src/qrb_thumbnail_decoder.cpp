@@ -1,5 +1,6 @@
 #include "qrb_thumbnail_decoder.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 
 #include <cstdio>
@@ -72,6 +73,7 @@ void CQRBThumbnailDecoder::t_Process() {
             m_WaitForWork(seen);
             continue;
         }
+        QRBClearFailure();
         // The worker boundary: whatever a getter throws, the request still gets its one event.
         try {
             m_Serve(request);

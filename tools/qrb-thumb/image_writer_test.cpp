@@ -1,116 +1,164 @@
-#include "png_writer.h"
+#include "image_writer.h"
 
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
-#include <png.h>
-#include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace qrbthumb {
 namespace {
 
-struct DecodedPng {
-    bool ok = false;
-    png_uint_32 width = 0;
-    png_uint_32 height = 0;
-    png_uint_32 fileFormat = 0;  // what the file holds, as libpng describes it
-    std::vector<unsigned char> rgba;
+struct ClosePipe {
+    void operator()(std::FILE* f) const noexcept {
+        if (f) pclose(f);
+    }
 };
+using ScopedPipe = std::unique_ptr<std::FILE, ClosePipe>;
 
-// Reads back with libpng itself, asking for RGBA whatever the file holds.
-DecodedPng ReadPng(const std::string& path) {
-    DecodedPng out;
-    png_image image;
-    std::memset(&image, 0, sizeof(image));
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str())) return out;
-    out.width = image.width;
-    out.height = image.height;
-    out.fileFormat = image.format;
-    image.format = PNG_FORMAT_RGBA;
-    out.rgba.resize(PNG_IMAGE_SIZE(image));
-    out.ok = png_image_finish_read(&image, nullptr, out.rgba.data(), 0, nullptr) != 0;
-    png_image_free(&image);
+// Output of an ImageMagick command: files are read back by a decoder the writer does not use.
+std::string Magick(const std::string& command) {
+    std::string out;
+    ScopedPipe pipe(popen((command + " 2>/dev/null").c_str(), "r"));
+    char buffer[65536];
+    for (size_t n; pipe && (n = std::fread(buffer, 1, sizeof(buffer), pipe.get())) > 0;) {
+        out.append(buffer, n);
+    }
     return out;
 }
 
-// A raster whose every byte differs from its neighbours, alpha included, so that a swapped,
-// dropped or shifted channel or row shows.
+struct Decoded {
+    int width = 0;
+    int height = 0;
+    std::string colorType;  // as the PNG's header gives it: 6 is RGBA
+    std::string rgba;       // 4 bytes a pixel; a JPEG's alpha reads as 255
+};
+
+Decoded Decode(const std::string& path) {
+    Decoded d;
+    std::istringstream(Magick("identify -format '%w %h %[png:IHDR.color-type-orig]' '" + path + "'")) >>
+        d.width >> d.height >> d.colorType;
+    d.rgba = Magick("convert '" + path + "' -depth 8 rgba:-");
+    return d;
+}
+
+// Ramps as gentle at every size as across a 320x240 thumbnail (JPEG keeps them within a few
+// levels), red and blue apart everywhere so a swap shows, alpha falling to 0 on row 239.
 std::vector<unsigned char> Raster(int width, int height) {
-    std::vector<unsigned char> bgra(static_cast<size_t>(width) * height * 4);
-    for (size_t i = 0; i < bgra.size(); ++i) bgra[i] = static_cast<unsigned char>(i * 37 + 11);
+    std::vector<unsigned char> bgra;
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const int fx = x * 160 / 319, fy = y * 150 / 239;
+            bgra.insert(bgra.end(), {static_cast<unsigned char>(220 - fx),
+                                     static_cast<unsigned char>(60 + fy),
+                                     static_cast<unsigned char>(40 + fx),
+                                     static_cast<unsigned char>(255 - y * 255 / 239)});
+        }
+    }
     return bgra;
 }
 
-class ToolPngWriter : public ::testing::Test {
+class ToolImageWriter : public ::testing::Test {
 protected:
     std::string Path(const std::string& name) const { return root.Path() + "/" + name; }
     qrbtest::ScratchRoot root;
 };
 
-TEST_F(ToolPngWriter, WritesBgraAsRgbaThatReadsBackPixelForPixel) {
-    const int width = 7, height = 5;
+class ToolImageWriterRoundTrip
+    : public ToolImageWriter,
+      public ::testing::WithParamInterface<std::tuple<ImageFormat, std::pair<int, int>>> {};
+
+TEST_P(ToolImageWriterRoundTrip, ReadsBackAsWritten) {
+    const auto [format, size] = GetParam();
+    const auto [width, height] = size;
     const std::vector<unsigned char> bgra = Raster(width, height);
+    const std::string path = Path(std::string("t.") + ExtensionOf(format));
+    const std::vector<TextChunk> text = {{"Thumb::URI", "file:///a%20b.jpg"},
+                                         {"Thumb::MTime", "1700000000"}};
     std::string error;
-    ASSERT_TRUE(WriteBgraPng(Path("t.png"), bgra.data(), bgra.size(), width, height, &error))
+    ASSERT_TRUE(WriteBgraImage(path, format, bgra.data(), bgra.size(), width, height, text,
+                               &error))
         << error;
 
-    const DecodedPng png = ReadPng(Path("t.png"));
-    ASSERT_TRUE(png.ok);
-    EXPECT_EQ(png.width, 7u);
-    EXPECT_EQ(png.height, 5u);
-    EXPECT_EQ(png.fileFormat, static_cast<png_uint_32>(PNG_FORMAT_RGBA));
-    ASSERT_EQ(png.rgba.size(), bgra.size());
+    const Decoded d = Decode(path);
+    ASSERT_EQ(d.width, width);
+    ASSERT_EQ(d.height, height);
+    ASSERT_EQ(d.rgba.size(), bgra.size());
+    int worst = 0;
     for (size_t p = 0; p < bgra.size(); p += 4) {
-        ASSERT_EQ(png.rgba[p + 0], bgra[p + 2]) << "red of pixel " << p / 4;
-        ASSERT_EQ(png.rgba[p + 1], bgra[p + 1]) << "green of pixel " << p / 4;
-        ASSERT_EQ(png.rgba[p + 2], bgra[p + 0]) << "blue of pixel " << p / 4;
-        ASSERT_EQ(png.rgba[p + 3], bgra[p + 3]) << "alpha of pixel " << p / 4;
+        const int a = format == ImageFormat::Png ? 255 : bgra[p + 3];
+        for (int c = 0; c < 3; ++c) {  // red, green, blue; a JPEG's composited onto black
+            const int expected = (bgra[p + 2 - c] * a + 127) / 255;
+            worst = std::max(worst, std::abs(static_cast<unsigned char>(d.rgba[p + c]) - expected));
+        }
+        const int alpha = format == ImageFormat::Png ? bgra[p + 3] : 255;
+        ASSERT_EQ(static_cast<unsigned char>(d.rgba[p + 3]), alpha) << "pixel " << p / 4;
+    }
+    if (format == ImageFormat::Png) {
+        EXPECT_EQ(worst, 0);
+        EXPECT_EQ(d.colorType, "6");
+        EXPECT_EQ(Magick("identify -format '%[Thumb::URI]|%[Thumb::MTime]' '" + path + "'"),
+                  "file:///a%20b.jpg|1700000000");
+    } else {
+        EXPECT_LE(worst, 8);
     }
 }
 
-TEST_F(ToolPngWriter, OnePixelImage) {
-    const unsigned char bgra[4] = {0x10, 0x20, 0x30, 0xFF};
-    std::string error;
-    ASSERT_TRUE(WriteBgraPng(Path("one.png"), bgra, 4, 1, 1, &error)) << error;
-    const DecodedPng png = ReadPng(Path("one.png"));
-    ASSERT_TRUE(png.ok);
-    EXPECT_EQ(png.rgba, (std::vector<unsigned char>{0x30, 0x20, 0x10, 0xFF}));
-}
+INSTANTIATE_TEST_SUITE_P(FormatsAndSizes, ToolImageWriterRoundTrip,
+                         ::testing::Combine(::testing::Values(ImageFormat::Png, ImageFormat::Jpeg),
+                                            ::testing::Values(std::make_pair(1, 1),
+                                                              std::make_pair(7, 5),
+                                                              std::make_pair(33, 2),
+                                                              std::make_pair(320, 240))));
 
-TEST_F(ToolPngWriter, RefusesABufferThatIsNotWidthTimesHeightTimesFour) {
+struct Refusal {
+    const char* name;
+    ImageFormat format;
+    const char* file;
+    int width;
+    int height;
+    long bytesOff;  // added to width * height * 4 (a 4x4 raster when the sides are odd)
+    bool nullBuffer;
+    const char* key;
+    const char* reason;  // part of the error
+};
+
+class ToolImageWriterRefusal : public ToolImageWriter,
+                               public ::testing::WithParamInterface<Refusal> {};
+
+TEST_P(ToolImageWriterRefusal, LeavesNoFile) {
+    const Refusal& r = GetParam();
     const std::vector<unsigned char> bgra = Raster(4, 4);
+    const size_t bytes = r.width > 0 && r.width < 1000 ? r.width * r.height * 4 + r.bytesOff : 0;
     std::string error;
-    EXPECT_FALSE(WriteBgraPng(Path("short.png"), bgra.data(), bgra.size() - 1, 4, 4, &error));
-    EXPECT_NE(error.find("4x4"), std::string::npos) << error;
-    EXPECT_FALSE(WriteBgraPng(Path("long.png"), bgra.data(), bgra.size(), 4, 3, &error));
-    EXPECT_FALSE(WriteBgraPng(Path("zero.png"), bgra.data(), bgra.size(), 0, 4, &error));
-    EXPECT_FALSE(WriteBgraPng(Path("null.png"), nullptr, 64, 4, 4, &error));
-    // Sides whose product overflows must not wrap around to the buffer's size.
-    EXPECT_FALSE(WriteBgraPng(Path("wrap.png"), bgra.data(), 0, 0x40000000, 0x40000000, &error));
+    EXPECT_FALSE(WriteBgraImage(Path(r.file), r.format, r.nullBuffer ? nullptr : bgra.data(),
+                                bytes, r.width, r.height, {{r.key, "v"}}, &error));
+    EXPECT_NE(error.find(r.reason), std::string::npos) << error;
     EXPECT_EQ(root.CountEntries(""), 0);
 }
 
-TEST_F(ToolPngWriter, ReportsAFolderThatCannotBeWritten) {
-    const std::vector<unsigned char> bgra = Raster(2, 2);
-    std::string error;
-    EXPECT_FALSE(WriteBgraPng(Path("no-such-dir/t.png"), bgra.data(), bgra.size(), 2, 2, &error));
-    EXPECT_NE(error.find("no-such-dir/t.png"), std::string::npos) << error;
-}
-
-TEST_F(ToolPngWriter, ReplacesAnOlderFile) {
-    std::vector<unsigned char> bgra = Raster(3, 3);
-    std::string error;
-    ASSERT_TRUE(WriteBgraPng(Path("t.png"), bgra.data(), bgra.size(), 3, 3, &error));
-    bgra.assign(bgra.size(), 0x7F);
-    ASSERT_TRUE(WriteBgraPng(Path("t.png"), bgra.data(), bgra.size(), 3, 3, &error));
-    const DecodedPng png = ReadPng(Path("t.png"));
-    ASSERT_TRUE(png.ok);
-    EXPECT_EQ(png.rgba, bgra);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ToolImageWriterRefusal,
+    ::testing::Values(
+        Refusal{"Short", ImageFormat::Png, "t.png", 4, 4, -1, false, "k", "4x4"},
+        Refusal{"Long", ImageFormat::Jpeg, "t.jpg", 4, 3, 16, false, "k", "4x3"},
+        Refusal{"ZeroWidth", ImageFormat::Png, "t.png", 0, 4, 0, false, "k", "empty image"},
+        Refusal{"NoBuffer", ImageFormat::Jpeg, "t.jpg", 4, 4, 0, true, "k", "empty image"},
+        // Sides whose product overflows must not wrap around to the buffer's size.
+        Refusal{"Wraps", ImageFormat::Png, "t.png", 0x40000000, 0x40000000, 0, false, "k",
+                "4 bytes a pixel"},
+        Refusal{"NoFolder", ImageFormat::Jpeg, "no-such-dir/t.jpg", 4, 4, 0, false, "k",
+                "no-such-dir/t.jpg"},
+        // Fails after the file was started: what was written goes.
+        Refusal{"EmptyKey", ImageFormat::Png, "t.png", 4, 4, 0, false, "", "keyword"}),
+    [](const ::testing::TestParamInfo<Refusal>& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace qrbthumb

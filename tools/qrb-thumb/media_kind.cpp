@@ -172,6 +172,25 @@ std::string LocalPathOf(const std::string& input) {
     return input;
 }
 
+std::string PathOfUri(const std::string& uri) {
+    if (uri.find("://") == std::string::npos) return uri;
+    if (!StartsWith(Lower(uri.substr(0, 7)), "file://")) return "";
+    std::string rest = uri.substr(7);
+    if (StartsWith(Lower(rest), "localhost/")) rest.erase(0, 9);
+    if (rest.empty() || rest[0] != '/') return "";  // another host
+    std::string path;
+    for (size_t i = 0; i < rest.size(); ++i) {
+        if (rest[i] == '%' && i + 2 < rest.size() && std::isxdigit(static_cast<unsigned char>(rest[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(rest[i + 2]))) {
+            path.push_back(static_cast<char>(std::stoi(rest.substr(i + 1, 2), nullptr, 16)));
+            i += 2;
+        } else {
+            path.push_back(rest[i]);
+        }
+    }
+    return path;
+}
+
 std::string ReadHead(const std::string& path) {
     ScopedFile file(std::fopen(path.c_str(), "rb"));
     if (!file) return "";

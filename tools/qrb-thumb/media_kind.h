@@ -31,6 +31,11 @@ constexpr size_t kHeadBytes = 512;
 // the input is not a local path (a network URL, a camera object, a DLNA triple).
 std::string LocalPathOf(const std::string& input);
 
+// The local path a URI names, percent-escapes decoded ("file:///a%20b.jpg" is "/a b.jpg"); a
+// plain path is returned as it stands. Empty for other schemes and for a "file://" URI naming
+// another host.
+std::string PathOfUri(const std::string& uri);
+
 // Up to kHeadBytes from the start of a file; empty when it cannot be read.
 std::string ReadHead(const std::string& path);
 

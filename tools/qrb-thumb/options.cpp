@@ -56,12 +56,21 @@ int ParseOptions(int argc, const char* const* argv, ToolOptions* options, std::o
     app.add_option("-o,--output", options->outDir, "Folder for the images (made when missing)")
         ->type_name("DIR")
         ->capture_default_str();
+    std::string format = "png";
+    app.add_option("--format", format, "Image format of the thumbnails written")
+        ->check(CLI::IsMember({"png", "jpg"}))
+        ->capture_default_str();
+    app.add_option("--thumbnailer", options->thumbnailerSize,
+                   "Desktop thumbnailer mode: the inputs are the item's URI and the PNG file to "
+                   "write; the thumbnail fits inside SIZE x SIZE")
+        ->type_name("SIZE")
+        ->check(CLI::Range(1, kMaxSide));
     app.add_flag("--cache", options->useCache, "Let the library answer from its cache");
     app.add_flag("--json", options->json, "Print a JSON array instead of one line per input");
     app.add_option("--sheet", options->sheetPath, "Write an HTML contact sheet to this file")
         ->type_name("FILE.html");
     app.add_option("--timeout", options->timeoutSeconds,
-                   "Seconds to wait for all answers; inputs not answered by then fail")
+                   "Seconds to wait for each input's answer; unanswered by then, it fails")
         ->check(CLI::Range(0.001, 86400.0))
         ->capture_default_str();
     app.add_flag("--encoded", options->encoded,
@@ -82,6 +91,11 @@ int ParseOptions(int argc, const char* const* argv, ToolOptions* options, std::o
     }
     ParseSize(size, &options->width, &options->height);  // checked above
     options->kind = KindFromName(kind);
+    options->format = format == "jpg" ? ImageFormat::Jpeg : ImageFormat::Png;
+    if (options->thumbnailerSize > 0 && options->inputs.size() != 2) {
+        err << "qrb-thumb: --thumbnailer takes two arguments: the item's URI and the file to write\n";
+        return kExitUsage;
+    }
     return -1;
 }
 

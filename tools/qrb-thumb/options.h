@@ -1,9 +1,11 @@
 // The command line of qrb-thumb:
-//   qrb-thumb [-s WxH] [-n FRAMES] [-k KIND] [-o DIR] [--cache] [--json] [--sheet FILE.html]
-//             [--timeout SECONDS] [--encoded] [-v] INPUT...
+//   qrb-thumb [-s WxH] [-n FRAMES] [-k KIND] [-o DIR] [--format png|jpg] [--cache] [--json]
+//             [--sheet FILE.html] [--timeout SECONDS] [--encoded] [-v] INPUT...
+//   qrb-thumb --thumbnailer SIZE INPUT-URI OUTPUT.png    (as desktop file managers call it)
 #ifndef QRB_THUMB_TOOL_OPTIONS_H
 #define QRB_THUMB_TOOL_OPTIONS_H
 
+#include "image_writer.h"
 #include "media_kind.h"
 
 #include <ostream>
@@ -31,7 +33,11 @@ struct ToolOptions {
     bool useCache = false;
     bool json = false;
     std::string sheetPath;        // empty: no contact sheet
-    double timeoutSeconds = 120;  // for the whole batch; inputs not answered by then fail
+    double timeoutSeconds = 120;  // for each input, from its request; unanswered by then, it fails
+    ImageFormat format = ImageFormat::Png;
+    // Above 0: the desktop thumbnailer mode. inputs then holds the item's URI and the PNG file to
+    // write, and the thumbnail keeps the item's aspect ratio inside SIZE x SIZE.
+    int thumbnailerSize = 0;
     bool encoded = false;         // ask for encoded bytes where the kind delivers them
     bool verbose = false;         // leave the library's log threshold as the environment sets it
     std::vector<std::string> inputs;

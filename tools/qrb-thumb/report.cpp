@@ -34,6 +34,7 @@ std::string FormatJson(const std::vector<Outcome>& outcomes) {
             {"milliseconds", o.milliseconds},
             {"outputs", o.outputs},
         };
+        if (!o.reason.empty()) entry["reason"] = o.reason;
         if (!o.note.empty()) entry["note"] = o.note;
         array.push_back(std::move(entry));
     }

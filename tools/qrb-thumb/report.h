@@ -20,6 +20,7 @@ struct Outcome {
     long long milliseconds = 0;        // from posting the request to its answer (or giving up)
     std::vector<std::string> outputs;  // files written, as paths the user can open
     std::string note;                  // why it failed, or what was odd; empty when nothing
+    std::string reason;                // why the library failed it, in its words; empty else
 };
 
 // "ok   photo.jpg (picture): 320x240, 1 frame, 14 ms -> out/photo.jpg.0.png"

@@ -16,7 +16,6 @@ void RequestBatch::Post(size_t index, const std::string& url, Route route,
         if (slot->posted) return;
         slot->posted = true;
         slot->postedAt = std::chrono::steady_clock::now();
-        ++m_Posted;
     }
     auto post = params.encoded ? thumbnail_request_http_buffer_async : thumbnail_request_async;
     post(url.c_str(), route.media, route.dev, 0, params.width, params.height,
@@ -42,13 +41,16 @@ int RequestBatch::Callback(int status, _thumb_result* result, void* user_data) {
 
 void RequestBatch::m_Deliver(Slot* slot, int status, _thumb_result* result,
                              LibraryBuffer* buffers) {
+    // Read here, on the library's thread, inside the callback: the only place it is valid.
+    const char* reason = status != 0 ? thumbnail_failure_reason() : nullptr;
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (m_Closed || !slot->posted || slot->answer.answered) return;
+    if (m_Closed || !slot->posted || slot->givenUp || slot->answer.answered) return;
     Answer& answer = slot->answer;
     answer.answered = true;
     answer.status = status;
     answer.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::chrono::steady_clock::now() - slot->postedAt);
+    if (reason != nullptr) answer.reason = reason;
     if (status == 0) {
         answer.encoded = result->bBuffer != 0;
         answer.width = result->width;
@@ -63,43 +65,37 @@ void RequestBatch::m_Deliver(Slot* slot, int status, _thumb_result* result,
             answer.images.push_back(std::move(image));
         }
     }
-    ++m_Answered;
-    if (status != 0) ++m_Failed;
+    m_Arrived.push_back(static_cast<size_t>(slot - m_Slots.get()));
     m_Cond.notify_all();
 }
 
-bool RequestBatch::Wait(std::chrono::steady_clock::time_point deadline,
-                        const ProgressFn& onProgress) {
+bool RequestBatch::NextAnswer(std::chrono::steady_clock::time_point until, size_t* index) {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    size_t shown = static_cast<size_t>(-1);
-    for (;;) {
-        if (m_Answered != shown && onProgress) {
-            shown = m_Answered;
-            const size_t failed = m_Failed;
-            lock.unlock();
-            onProgress(shown, failed);
-            lock.lock();
-            continue;
-        }
-        if (m_Answered >= m_Posted) return true;
-        if (m_Cond.wait_until(lock, deadline) == std::cv_status::timeout) {
-            return m_Answered >= m_Posted;
-        }
+    if (!m_Cond.wait_until(lock, until, [&] { return !m_Arrived.empty(); })) return false;
+    *index = m_Arrived.front();
+    m_Arrived.pop_front();
+    return true;
+}
+
+std::vector<size_t> RequestBatch::GiveUp(std::chrono::steady_clock::time_point postedBefore) {
+    std::vector<size_t> given;
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    const auto now = std::chrono::steady_clock::now();
+    for (size_t i = 0; i < m_Count; ++i) {
+        Slot& slot = m_Slots[i];
+        if (!slot.posted || slot.givenUp || slot.answer.answered) continue;
+        if (slot.postedAt >= postedBefore) continue;
+        slot.givenUp = true;
+        slot.answer.elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(now - slot.postedAt);
+        given.push_back(i);
     }
+    return given;
 }
 
 void RequestBatch::Close() {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (m_Closed) return;
     m_Closed = true;
-    const auto now = std::chrono::steady_clock::now();
-    for (size_t i = 0; i < m_Count; ++i) {
-        Slot& slot = m_Slots[i];
-        if (slot.posted && !slot.answer.answered) {
-            slot.answer.elapsed =
-                std::chrono::duration_cast<std::chrono::milliseconds>(now - slot.postedAt);
-        }
-    }
 }
 
 Answer RequestBatch::Take(size_t index) {

@@ -1,14 +1,15 @@
-// Posts one asynchronous request per input and collects the answers.
+// Posts one asynchronous request per input and hands the answers over as they arrive.
 //
 // Each input gets its own slot, whose address is the request's user pointer, so that two
 // inputs naming the same item are two requests and every answer finds its input. The callback
 // runs on a library worker with that request's queue locked: it only takes ownership of the
-// buffers and signals the waiting thread. This class never calls the library while holding its
-// own mutex, so the two locks are never taken in opposite orders.
+// buffers, keeps the library's reason for a failure, and signals the waiting thread. This class
+// never calls the library while holding its own mutex, so the two locks are never taken in
+// opposite orders.
 //
 // The batch must outlive thumbnail_finalize: a request that is being worked on when the tool
-// gives up is still answered while the library shuts down. After Close, such late answers are
-// dropped and their buffers freed.
+// gives up is still answered while the library shuts down. Answers to inputs given up (or
+// arriving after Close) are dropped and their buffers freed.
 #ifndef QRB_THUMB_TOOL_REQUEST_BATCH_H
 #define QRB_THUMB_TOOL_REQUEST_BATCH_H
 
@@ -18,7 +19,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <functional>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,6 +47,7 @@ struct Answer {
     int width = 0;         // of the last image delivered
     int height = 0;
     std::vector<DeliveredImage> images;
+    std::string reason;                    // the library's words for a failure; may be empty
     std::chrono::milliseconds elapsed{0};  // post to answer, or post to giving up
 };
 
@@ -66,15 +68,19 @@ public:
     // Posts the request of input `index` (each index once).
     void Post(size_t index, const std::string& url, Route route, const RequestParams& params);
 
-    // Waits until every posted request is answered (true) or the deadline passes (false).
-    // onProgress(answered, failed) runs on this thread at the start and after every change.
-    using ProgressFn = std::function<void(size_t answered, size_t failed)>;
-    bool Wait(std::chrono::steady_clock::time_point deadline, const ProgressFn& onProgress);
+    // Waits until an answer not handed over yet arrives or `until` passes. True with *index set
+    // to its input; answers are handed over in the order they came.
+    bool NextAnswer(std::chrono::steady_clock::time_point until, size_t* index);
 
-    // Stops accepting answers; a posted request not answered yet keeps the time it waited.
+    // Gives up every input posted before postedBefore and still unanswered; returns them. Their
+    // answers, should they still come, are dropped.
+    std::vector<size_t> GiveUp(std::chrono::steady_clock::time_point postedBefore);
+
+    // Stops accepting answers.
     void Close();
 
-    // The answer of input `index` (call after Close; each index once).
+    // The answer of input `index` (each index once): what came, or, for an input given up, how
+    // long it waited.
     Answer Take(size_t index);
 
     // The user pointer that the request of input `index` carries.
@@ -86,6 +92,7 @@ private:
     struct Slot {
         RequestBatch* owner = nullptr;
         bool posted = false;
+        bool givenUp = false;
         std::chrono::steady_clock::time_point postedAt;
         Answer answer;
     };
@@ -96,9 +103,7 @@ private:
     // Sized once: the library holds pointers to the slots as user pointers.
     std::unique_ptr<Slot[]> m_Slots;
     size_t m_Count = 0;
-    size_t m_Posted = 0;
-    size_t m_Answered = 0;
-    size_t m_Failed = 0;
+    std::deque<size_t> m_Arrived;  // answered inputs not handed over yet
     bool m_Closed = false;
 };
 

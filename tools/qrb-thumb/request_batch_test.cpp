@@ -1,3 +1,4 @@
+#include "batch_run.h"
 #include "request_batch.h"
 
 #include "qrb_test_root.h"
@@ -7,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <vector>
 
 namespace qrbthumb {
@@ -49,61 +51,67 @@ private:
     std::unique_ptr<RequestBatch> m_Batch;
 };
 
-TEST_F(ToolRequestBatch, EveryPostedInputIsAnsweredAndProgressCountsUp) {
+// Runs inputs through RunBatch and records what consume and progress saw.
+struct BatchRun {
+    std::vector<size_t> order;
+    std::vector<Answer> answers;
+    std::vector<size_t> progress;
+};
+
+BatchRun RunAll(RequestBatch& batch, const std::vector<BatchInput>& inputs, size_t window,
+           double timeoutSeconds) {
+    BatchSettings settings;
+    settings.window = window;
+    settings.timeout = std::chrono::duration<double>(timeoutSeconds);
+    settings.params = Params();
+    BatchRun run;
+    run.answers.resize(inputs.size());
+    RunBatch(
+        batch, inputs, settings,
+        [&](size_t index, Answer answer) {
+            run.order.push_back(index);
+            run.answers[index] = std::move(answer);
+            return false;
+        },
+        [&](size_t done, size_t failed) {
+            EXPECT_EQ(failed, done);
+            run.progress.push_back(done);
+        });
+    return run;
+}
+
+TEST_F(ToolRequestBatch, EveryInputIsHandedOverOnceWithTheLibrarysReason) {
     RequestBatch& batch = NewBatch(3);
-    batch.Post(0, Missing("a.jpg"), RouteOf(MediaKind::Picture), Params());
-    batch.Post(1, Missing("b.jpg"), RouteOf(MediaKind::Picture), Params());
-    batch.Post(2, Missing("c.mp3"), RouteOf(MediaKind::Music), Params());
-    std::vector<size_t> seen;
-    EXPECT_TRUE(batch.Wait(steady_clock::now() + std::chrono::seconds(60),
-                           [&](size_t answered, size_t failed) {
-                               seen.push_back(answered);
-                               EXPECT_LE(failed, answered);
-                           }));
-    batch.Close();
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back(), 3u);
-    for (size_t i = 1; i < seen.size(); ++i) EXPECT_GT(seen[i], seen[i - 1]);
-    for (size_t i = 0; i < 3; ++i) {
-        const Answer answer = batch.Take(i);
-        EXPECT_TRUE(answer.answered) << i;
-        EXPECT_EQ(answer.status, -1) << i;  // the files do not exist
-        EXPECT_TRUE(answer.images.empty()) << i;
+    const BatchRun run = RunAll(batch,
+                           {{0, Missing("a.jpg"), RouteOf(MediaKind::Picture)},
+                            {1, Missing("b.mp3"), RouteOf(MediaKind::Music)},
+                            {2, Missing("a.jpg"), RouteOf(MediaKind::Picture)}},  // twice: two
+                           1, 60);
+    ASSERT_EQ(run.order.size(), 3u);
+    EXPECT_EQ(std::set<size_t>(run.order.begin(), run.order.end()).size(), 3u);
+    EXPECT_EQ(run.progress, (std::vector<size_t>{0, 1, 2, 3}));
+    for (const Answer& answer : run.answers) {
+        EXPECT_TRUE(answer.answered);
+        EXPECT_EQ(answer.status, -1);  // the files do not exist
+        EXPECT_EQ(answer.reason, "no such file");
+        EXPECT_TRUE(answer.images.empty());
     }
 }
 
-TEST_F(ToolRequestBatch, TheSameItemTwiceIsTwoRequestsWithTwoAnswers) {
-    RequestBatch& batch = NewBatch(2);
-    EXPECT_NE(batch.UserPointer(0), batch.UserPointer(1));
-    batch.Post(0, Missing("same.jpg"), RouteOf(MediaKind::Picture), Params());
-    batch.Post(1, Missing("same.jpg"), RouteOf(MediaKind::Picture), Params());
-    EXPECT_TRUE(batch.Wait(steady_clock::now() + std::chrono::seconds(60), nullptr));
-    batch.Close();
-    EXPECT_TRUE(batch.Take(0).answered);
-    EXPECT_TRUE(batch.Take(1).answered);
-}
-
-TEST_F(ToolRequestBatch, ARequestTheServiceDropsIsLeftUnansweredAtTheDeadline) {
-    RequestBatch& batch = NewBatch(2);
-    batch.Post(0, Missing("x.jpg"), kDropped, Params());
-    batch.Post(1, Missing("y.jpg"), RouteOf(MediaKind::Picture), Params());
+// The service drops these requests without an answer: each is given up after the time-out from
+// its own request, and no more than the window is ever out, so three rounds are needed.
+TEST_F(ToolRequestBatch, UnansweredInputsAreGivenUpAfterTheTimeOutAndTheWindowHolds) {
+    RequestBatch& batch = NewBatch(5);
+    std::vector<BatchInput> inputs;
+    for (size_t i = 0; i < 5; ++i) inputs.push_back({i, Missing("x.jpg"), kDropped});
     const auto start = steady_clock::now();
-    EXPECT_FALSE(batch.Wait(start + milliseconds(300), nullptr));
-    EXPECT_GE(steady_clock::now() - start, milliseconds(300));
-    batch.Close();
-    const Answer dropped = batch.Take(0);
-    EXPECT_FALSE(dropped.answered);
-    EXPECT_GE(dropped.elapsed, milliseconds(300));  // the time it waited, not zero
-    EXPECT_TRUE(batch.Take(1).answered);
-}
-
-TEST_F(ToolRequestBatch, AnInputNeverPostedIsNotWaitedFor) {
-    RequestBatch& batch = NewBatch(2);
-    batch.Post(1, Missing("only.jpg"), RouteOf(MediaKind::Picture), Params());
-    EXPECT_TRUE(batch.Wait(steady_clock::now() + std::chrono::seconds(60), nullptr));
-    batch.Close();
-    EXPECT_FALSE(batch.Take(0).answered);
-    EXPECT_TRUE(batch.Take(1).answered);
+    const BatchRun run = RunAll(batch, inputs, 2, 0.2);
+    EXPECT_GE(steady_clock::now() - start, milliseconds(600));
+    ASSERT_EQ(run.order.size(), 5u);
+    for (const Answer& answer : run.answers) {
+        EXPECT_FALSE(answer.answered);
+        EXPECT_GE(answer.elapsed, milliseconds(200));  // the time it waited, not zero
+    }
 }
 
 // The callback as the library calls it, with a result record it filled.
@@ -123,8 +131,10 @@ TEST_F(ToolRequestBatch, ASuccessHandsOverEveryFilledSlot) {
     result.count = 2;
     result.buffer_preset = reinterpret_cast<char*>(Malloced(QRB_THUMB_PRESET_SIZE, 0));
     RequestBatch::Callback(0, &result, batch.UserPointer(0));
-    EXPECT_TRUE(batch.Wait(steady_clock::now(), nullptr));
-    batch.Close();
+    size_t index = 99;
+    ASSERT_TRUE(batch.NextAnswer(steady_clock::now(), &index));
+    EXPECT_EQ(index, 0u);
+    EXPECT_FALSE(batch.NextAnswer(steady_clock::now(), &index)) << "each answer is handed over once";
 
     const Answer answer = batch.Take(0);
     ASSERT_TRUE(answer.answered);
@@ -161,10 +171,11 @@ TEST_F(ToolRequestBatch, AnEncodedAnswerIsMarkedSo) {
 
 // Buffers of answers the batch does not keep are freed all the same (the sanitizer build's
 // leak check holds this case to it).
-TEST_F(ToolRequestBatch, AnswersAfterCloseOrASecondAnswerAreDroppedAndFreed) {
-    RequestBatch& batch = NewBatch(2);
+TEST_F(ToolRequestBatch, AnswersAfterGivingUpOrASecondAnswerAreDroppedAndFreed) {
+    RequestBatch& batch = NewBatch(3);
     batch.Post(0, "first", kDropped, Params());
     batch.Post(1, "late", kDropped, Params());
+    batch.Post(2, "closed", kDropped, Params());
     _thumb_result result;
     std::memset(&result, 0, sizeof(result));
     result.pBuffer[0] = Malloced(4, 1);
@@ -172,12 +183,15 @@ TEST_F(ToolRequestBatch, AnswersAfterCloseOrASecondAnswerAreDroppedAndFreed) {
     RequestBatch::Callback(-1, &result, batch.UserPointer(0));
     result.pBuffer[0] = Malloced(4, 2);
     RequestBatch::Callback(0, &result, batch.UserPointer(0));  // a second answer
-    batch.Close();
+    EXPECT_EQ(batch.GiveUp(steady_clock::now() + milliseconds(1)), (std::vector<size_t>{1, 2}));
     result.pBuffer[0] = Malloced(4, 3);
     result.buffer_preset = reinterpret_cast<char*>(Malloced(QRB_THUMB_PRESET_SIZE, 0));
-    RequestBatch::Callback(0, &result, batch.UserPointer(1));  // after Close
+    RequestBatch::Callback(0, &result, batch.UserPointer(1));  // after giving up
     result.buffer_preset = nullptr;
+    batch.Close();
     result.pBuffer[0] = Malloced(4, 4);
+    RequestBatch::Callback(0, &result, batch.UserPointer(2));  // after Close
+    result.pBuffer[0] = Malloced(4, 5);
     RequestBatch::Callback(0, &result, nullptr);  // no user pointer at all
 
     const Answer first = batch.Take(0);
@@ -185,6 +199,7 @@ TEST_F(ToolRequestBatch, AnswersAfterCloseOrASecondAnswerAreDroppedAndFreed) {
     EXPECT_EQ(first.status, -1);  // the first answer stands
     EXPECT_TRUE(first.images.empty());
     EXPECT_FALSE(batch.Take(1).answered);
+    EXPECT_FALSE(batch.Take(2).answered);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "result_files.h"
 
-#include "png_writer.h"
+#include "image_writer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -113,8 +113,8 @@ const char* EncodedExtension(const unsigned char* bytes, size_t size) {
     return "bin";
 }
 
-void WriteAnswerFiles(const Answer& answer, const std::string& dir, const std::string& stem,
-                      Outcome* outcome) {
+void WriteAnswerFiles(const Answer& answer, ImageFormat format, const std::string& dir,
+                      const std::string& stem, Outcome* outcome) {
     outcome->milliseconds = answer.elapsed.count();
     outcome->ok = false;
     outcome->frames = 0;
@@ -122,12 +122,15 @@ void WriteAnswerFiles(const Answer& answer, const std::string& dir, const std::s
     outcome->height = 0;
     outcome->outputs.clear();
     if (!answer.answered) {
-        outcome->note = "no answer before the time-out";
+        outcome->note = outcome->reason = "no answer before the time-out";
         return;
     }
     if (answer.status != 0) {
-        outcome->note =
-            "the library could not make a thumbnail (status " + std::to_string(answer.status) + ")";
+        outcome->reason = answer.reason;
+        outcome->note = !answer.reason.empty()
+                            ? answer.reason
+                            : "the library could not make a thumbnail (status " +
+                                  std::to_string(answer.status) + ")";
         return;
     }
 
@@ -150,9 +153,10 @@ void WriteAnswerFiles(const Answer& answer, const std::string& dir, const std::s
         }
         // The record gives one size, that of the last image; an image of another size
         // cannot be laid out and is reported instead of guessed at.
-        const std::string name = Join(dir, stem + "-" + std::to_string(image.slot) + ".png");
-        if (WriteBgraPng(name, image.bytes.get(), image.size, answer.width, answer.height,
-                         &error)) {
+        const std::string name =
+            Join(dir, stem + "-" + std::to_string(image.slot) + "." + ExtensionOf(format));
+        if (WriteBgraImage(name, format, image.bytes.get(), image.size, answer.width,
+                           answer.height, {}, &error)) {
             outcome->outputs.push_back(name);
             ++outcome->frames;
         } else {

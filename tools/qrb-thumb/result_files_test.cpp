@@ -101,7 +101,7 @@ class ToolResultFilesWrite : public ::testing::Test {
 protected:
     Outcome Write(const Answer& answer, const std::string& stem = "clip.mp4") {
         Outcome outcome;
-        WriteAnswerFiles(answer, root.Path(), stem, &outcome);
+        WriteAnswerFiles(answer, ImageFormat::Png, root.Path(), stem, &outcome);
         return outcome;
     }
     std::string Path(const std::string& name) const { return root.Path() + "/" + name; }
@@ -189,7 +189,7 @@ TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothing) {
 
 TEST_F(ToolResultFilesWrite, AFolderThatCannotBeWrittenFailsTheInput) {
     Outcome outcome;
-    WriteAnswerFiles(Raster(2, 2, {0}), root.Path() + "/not-there", "a", &outcome);
+    WriteAnswerFiles(Raster(2, 2, {0}), ImageFormat::Png, root.Path() + "/not-there", "a", &outcome);
     EXPECT_FALSE(outcome.ok);
     EXPECT_TRUE(outcome.outputs.empty());
     EXPECT_NE(outcome.note.find("not-there"), std::string::npos) << outcome.note;

@@ -9,6 +9,8 @@ extern "C" {
 
 #include <sys/stat.h>
 
+#include <cerrno>
+
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -133,7 +135,7 @@ int OpenFormat(const char* path, const char* formats, AVFormatContext** context,
     *context = nullptr;
     if (path == nullptr) return AVERROR(EINVAL);
     struct stat st;
-    if (stat(path, &st) != 0) return AVERROR(ENOENT);
+    if (stat(path, &st) != 0) return AVERROR(errno != 0 ? errno : ENOENT);
     if (!S_ISREG(st.st_mode)) return AVERROR(EINVAL);
 
     AVFormatContext* raw = avformat_alloc_context();

@@ -1,5 +1,6 @@
 #include "qrb_thumbnail_pvr_decoder.h"
 
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
@@ -443,6 +444,11 @@ int CQRBThumbanailPVRDecoder::ParsePvrMtaFile(const char* srf_path, _thumb_resul
     struct stat st;
     if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         if (fd >= 0) close(fd);
+        if (access(srf_path, R_OK) != 0) {
+            QRBNoteFileFailure(errno);
+        } else {
+            QRBNoteFailure(QRBFailure::kNoKeyFrames);
+        }
         QRB_LOGW("mta file not exist");
         return -1;
     }

@@ -1,6 +1,7 @@
 #include "qrb_thumbnail_video_decoder.h"
 
 #include "divx_drm.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
@@ -205,6 +206,7 @@ void CQRBThumbnailVideoDecoder::t_Process() {
         }
         BusyGuard busy(m_bBusy);
         ++m_nServing;
+        QRBClearFailure();
         QRB_LOGD("RequestedItem.szURI=%s, RequestedItem.eThumbnailType=%d", request.strURL.c_str(),
                  static_cast<int>(request.eThumbnailType));
         boost::intrusive_ptr<CQRBThumbnailItem> item;
@@ -322,6 +324,7 @@ bool CQRBThumbnailVideoDecoder::m_ServeVideo(const _stRequestedItem& request,
     // The grabber has tried every position even when none gave a frame; a request for frames
     // that got none has failed all the same.
     if (ok && request.FrameCount > 0 && item->GetImageCount() == 0) {
+        QRBNoteFailure(QRBFailure::kNoFrame);
         QRB_LOGW("no frame could be grabbed from %s", path.c_str());
         ok = false;
     }
@@ -379,6 +382,7 @@ bool CQRBThumbnailVideoDecoder::Extract(_stRequestedItem request,
     if (m_CheckDrm(path.c_str())) return false;
 
     if (!m_GetFrameFromArcplayer(m_CurrentRequest, item, callback, user)) {
+        QRBNoteFailure(QRBFailure::kNoFrame);
         QRB_LOGW("decode with arcplayer fail");
         return false;
     }
@@ -392,6 +396,7 @@ bool CQRBThumbnailVideoDecoder::m_GetFrameFromArcplayer(
     // One copy for the whole extraction: a decoder built meanwhile rewrites the table.
     const QRBFFmpegApi api = qrb_ffmpeg_api_snapshot();
     if (!qrb_check_ffmpeg_api(api)) {
+        QRBNoteFailure(QRBFailure::kNoPlugins);
         QRB_LOGW("dlopen or dlsym fail");
         return false;
     }
@@ -401,6 +406,13 @@ bool CQRBThumbnailVideoDecoder::m_GetFrameFromArcplayer(
     QRBFFmpegInput* input = nullptr;
     const int ret = api.open_input(path.c_str(), &input);
     if (input == nullptr) {
+        // The plug-in answers a negative errno for files it cannot open at all.
+        if (ret == AVERROR(ENOENT) || ret == AVERROR(ENOTDIR) || ret == AVERROR(EACCES) ||
+            ret == AVERROR(EPERM)) {
+            QRBNoteFileFailure(-ret);
+        } else {
+            QRBNoteFailure(QRBFailure::kUnknownFormat);
+        }
         QRB_LOGW("ic_ptr pointer is NULL,file:%s.", path.c_str());
         QRB_LOGD("open input: %d", ret);
         return false;
@@ -706,6 +718,7 @@ bool CQRBThumbnailVideoDecoder::m_CheckDrm(const char* path) {
     }
     ScopedDrmManager manager(raw);  // always closed, whatever open answers
     if (divx_drm_open(manager.get(), path) == 0) {
+        QRBNoteFailure(QRBFailure::kProtected);
         QRB_LOGI("it is drm file");
         return true;
     }
