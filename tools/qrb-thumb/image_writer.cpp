@@ -40,11 +40,37 @@ constexpr size_t kMaxFilteredBytes = 0xF0000000u;
 // Bounded for the reader's sake: a chunk may not exceed 2^31 - 1 bytes.
 constexpr size_t kIdatBytes = size_t{1} << 20;
 
-// The deflate stream's state is 80 KiB: too much for a worker thread's stack.
+// Buffers kept from one image to the next on the same thread. Allocated afresh, their megabyte
+// went back to the system at every free and page faults cost a fifth of each write.
 struct DeflateScratch {
-    isal_zstream stream;
+    isal_zstream stream;  // 80 KiB: too much for a worker thread's stack anyway
     unsigned char levelBuffer[ISAL_DEF_LVL1_DEFAULT];
+    ScopedBytes filtered;
+    size_t filteredCapacity = 0;
+    ScopedBytes zlib;
+    size_t zlibCapacity = 0;
 };
+// Beyond this a buffer is given back after the image: one poster must not pin its size.
+constexpr size_t kKeptScratchBytes = size_t{8} << 20;
+
+bool Reserve(ScopedBytes* buffer, size_t* capacity, size_t bytes) {
+    if (*capacity >= bytes) return true;
+    buffer->reset(new (std::nothrow) unsigned char[bytes]);
+    *capacity = *buffer ? bytes : 0;
+    return *capacity != 0;
+}
+
+void Release(ScopedBytes* buffer, size_t* capacity) {
+    if (*capacity <= kKeptScratchBytes) return;
+    buffer->reset();
+    *capacity = 0;
+}
+
+DeflateScratch* ThreadScratch() {
+    thread_local std::unique_ptr<DeflateScratch> scratch;
+    if (!scratch) scratch.reset(new (std::nothrow) DeflateScratch);
+    return scratch.get();
+}
 
 // Rows SUB-filtered (each byte minus the same byte of the pixel to its left) and swapped to
 // RGBA. SUB was the cheapest filter in our measurements that keeps photos and flat or
@@ -70,8 +96,8 @@ void FilterRows(const unsigned char* bgra, size_t width, size_t height, unsigned
     }
 }
 
-// The image data as one zlib stream, in *zlib (*zlibBytes of it).
-bool DeflateImage(const unsigned char* bgra, size_t width, size_t height, ScopedBytes* zlib,
+// The image data as one zlib stream, in scratch->zlib (*zlibBytes of it).
+bool DeflateImage(const unsigned char* bgra, size_t width, size_t height, DeflateScratch* scratch,
                   size_t* zlibBytes, std::string* error) {
     const size_t filteredBytes = (width * 4 + 1) * height;
     if (filteredBytes > kMaxFilteredBytes) {
@@ -81,14 +107,12 @@ bool DeflateImage(const unsigned char* bgra, size_t width, size_t height, Scoped
     }
     // Room for the worst case, all stored blocks: 5 bytes a block of 64 KiB plus the wrapper.
     const size_t bound = filteredBytes + filteredBytes / 1024 + 1024;
-    ScopedBytes filtered(new (std::nothrow) unsigned char[filteredBytes]);
-    zlib->reset(new (std::nothrow) unsigned char[bound]);
-    std::unique_ptr<DeflateScratch> scratch(new (std::nothrow) DeflateScratch);
-    if (!filtered || !*zlib || !scratch) {
+    if (!Reserve(&scratch->filtered, &scratch->filteredCapacity, filteredBytes) ||
+        !Reserve(&scratch->zlib, &scratch->zlibCapacity, bound)) {
         *error = "out of memory";
         return false;
     }
-    FilterRows(bgra, width, height, filtered.get());
+    FilterRows(bgra, width, height, scratch->filtered.get());
 
     isal_zstream& stream = scratch->stream;
     isal_deflate_stateless_init(&stream);
@@ -97,9 +121,9 @@ bool DeflateImage(const unsigned char* bgra, size_t width, size_t height, Scoped
     stream.level_buf_size = sizeof(scratch->levelBuffer);
     stream.hist_bits = 0;  // the full 32 KiB window: shorter ones bloat text and line art
     stream.gzip_flag = IGZIP_ZLIB;
-    stream.next_in = filtered.get();
+    stream.next_in = scratch->filtered.get();
     stream.avail_in = static_cast<uint32_t>(filteredBytes);
-    stream.next_out = zlib->get();
+    stream.next_out = scratch->zlib.get();
     stream.avail_out = static_cast<uint32_t>(bound);
     const int status = isal_deflate_stateless(&stream);
     if (status != COMP_OK) {
@@ -163,12 +187,8 @@ bool FramePngGuarded(const PngJob& job) {
     return true;
 }
 
-bool WritePng(std::FILE* file, const unsigned char* bgra, size_t width, size_t height,
-              const std::vector<TextChunk>& text, std::string* error) {
-    ScopedBytes zlib;
-    size_t zlibBytes = 0;
-    if (!DeflateImage(bgra, width, height, &zlib, &zlibBytes, error)) return false;
-
+bool FramePng(std::FILE* file, size_t width, size_t height, const std::vector<TextChunk>& text,
+              const unsigned char* zlib, size_t zlibBytes, std::string* error) {
     // libpng copies the pairs when they are set; it wants mutable pointers but writes nothing.
     std::vector<png_text> chunks(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
@@ -193,13 +213,28 @@ bool WritePng(std::FILE* file, const unsigned char* bgra, size_t width, size_t h
                      static_cast<png_uint_32>(height),
                      chunks.data(),
                      static_cast<int>(chunks.size()),
-                     zlib.get(),
+                     zlib,
                      zlibBytes};
     if (!FramePngGuarded(job)) {
         *error = std::string("PNG encoding failed: ") + message.text;
         return false;
     }
     return true;
+}
+
+bool WritePng(std::FILE* file, const unsigned char* bgra, size_t width, size_t height,
+              const std::vector<TextChunk>& text, std::string* error) {
+    DeflateScratch* scratch = ThreadScratch();
+    if (scratch == nullptr) {
+        *error = "out of memory";
+        return false;
+    }
+    size_t zlibBytes = 0;
+    const bool ok = DeflateImage(bgra, width, height, scratch, &zlibBytes, error) &&
+                    FramePng(file, width, height, text, scratch->zlib.get(), zlibBytes, error);
+    Release(&scratch->filtered, &scratch->filteredCapacity);
+    Release(&scratch->zlib, &scratch->zlibCapacity);
+    return ok;
 }
 
 // ---- JPEG ------------------------------------------------------------------------------------
