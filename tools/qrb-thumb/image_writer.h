@@ -11,7 +11,8 @@ namespace qrbthumb {
 
 enum class ImageFormat { Png, Jpeg };
 
-// A tEXt key/value pair written into a PNG (ignored for JPEG), e.g. {"Thumb::URI", "file:///a.jpg"}.
+// A tEXt key/value pair written into a PNG (ignored for JPEG),
+// e.g. {"Thumb::URI", "file:///a.jpg"}.
 struct TextChunk {
     std::string key;
     std::string value;
