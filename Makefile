@@ -46,6 +46,7 @@ bench: build
 	bench/picture.sh build
 	bench/music.sh build
 	bench/video.sh build
+	bench/local.sh build
 
 build-fuzz/CMakeCache.txt:
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

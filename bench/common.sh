@@ -25,3 +25,79 @@ put_section() {
     ' "$3" > "$3.new"
     mv "$3.new" "$3"
 }
+
+# median FILE: the median of the numbers in FILE, one per line (the upper one of an even count).
+median() { sort -n "$1" | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
+# rate COUNT SECONDS: COUNT per second, one decimal. ratio A B: A / B, two decimals.
+rate() { awk -v n="$1" -v s="$2" 'BEGIN { printf "%.1f", (s > 0) ? n / s : 0 }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
+
+# install_plugins BUILD_DIR QRB_ROOT: the media plug-ins the video kinds load, copied from the
+# build into the library's root, where it looks for them.
+install_plugins() {
+    mkdir -p "$2/usr/lib/gstreamer-1.0"
+    cp "$1/root/usr/lib/gstreamer-1.0/libgstffmpeg.so" \
+        "$1/root/usr/lib/gstreamer-1.0/libgstffmpegscale.so" "$2/usr/lib/gstreamer-1.0/"
+}
+
+# --- Corpora: made once into a folder of the build and kept (a stamp marks a finished one) ---
+
+# make_picture_corpus DIR: four different pictures per kind (fractal plasma compresses like a
+# photograph), with grain: exif-N.jpg and full-N.jpg 4000 x 3000 JPEGs with and without an
+# embedded 160 x 120 EXIF thumbnail, png-N.png 2000 x 1500, bmp-N.bmp 1920 x 1080, N = 1..4.
+# The embedded thumbnails are made from their own pictures, as a camera makes them.
+make_picture_corpus() {
+    [ -f "$1/stamp" ] && return 0
+    echo "bench: making the picture corpus in $1 (once)"
+    rm -rf "$1"
+    mkdir -p "$1"
+    for i in 1 2 3 4; do
+        convert -seed "$i" -size 4000x3000 plasma:fractal -attenuate 0.3 +noise Gaussian \
+            -sampling-factor 2x2 -quality 90 "$1/full-$i.jpg"
+        convert "$1/full-$i.jpg" -resize 160x120! -quality 85 "$1/thumb-$i.jpg"
+        cp "$1/full-$i.jpg" "$1/exif-$i.jpg"
+        exiftool -q -overwrite_original -Orientation#=1 "-ThumbnailImage<=$1/thumb-$i.jpg" \
+            "$1/exif-$i.jpg"
+        convert -seed "$((i + 10))" -size 2000x1500 plasma:fractal -attenuate 0.2 +noise Gaussian \
+            -depth 8 "PNG24:$1/png-$i.png"
+        convert -seed "$((i + 20))" -size 1920x1080 plasma:fractal -depth 8 "BMP3:$1/bmp-$i.bmp"
+    done
+    touch "$1/stamp"
+}
+
+# make_video_corpus DIR: a moving test pattern with grain, so that pictures cost what filmed ones
+# cost to decode, and a key frame every 2 s, as broadcast and streamed video mostly has:
+# h264-1080p-60s-1.mp4 and -2.mp4 (60 s each) and h264-2160p-20s.mp4. A few minutes.
+make_video_corpus() {
+    [ -f "$1/stamp" ] && return 0
+    echo "bench: making the video corpus in $1 (once; a few minutes)"
+    mkdir -p "$1"
+    for i in 1 2; do
+        ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi \
+            -i "testsrc2=size=1920x1080:rate=25:duration=60,hue=h=$((i * 70)),noise=alls=12:allf=t" \
+            -c:v libx264 -preset veryfast -g 50 -b:v 6M -maxrate 8M -bufsize 8M \
+            -pix_fmt yuv420p "$1/h264-1080p-60s-$i.mp4"
+    done
+    ffmpeg -hide_banner -loglevel error -nostdin -y -f lavfi \
+        -i "testsrc2=size=3840x2160:rate=25:duration=20,noise=alls=12:allf=t" \
+        -c:v libx264 -preset veryfast -g 50 -b:v 20M -maxrate 25M -bufsize 25M \
+        -pix_fmt yuv420p "$1/h264-2160p-20s.mp4"
+    touch "$1/stamp"
+}
+
+# make_music_corpus DIR: eight one-second songs, song-N.mp3, with ID3v2.3 tags carrying a
+# 500 x 500 front cover, cover-N.jpg (different photo-like plasma each, so they compress like
+# real artwork), N = 1..8.
+make_music_corpus() {
+    [ -f "$1/stamp" ] && return 0
+    echo "bench: making the music corpus in $1 (once)"
+    mkdir -p "$1"
+    for i in 1 2 3 4 5 6 7 8; do
+        convert -seed "$i" -size 500x500 plasma:fractal -quality 90 "$1/cover-$i.jpg"
+        ffmpeg -hide_banner -loglevel error -nostdin -y \
+            -f lavfi -i "sine=frequency=$((200 + 50 * i)):duration=1" -i "$1/cover-$i.jpg" \
+            -map 0:a -map 1:v -c:a libmp3lame -b:a 64k -c:v copy -id3v2_version 3 \
+            -metadata:s:v comment="Cover (front)" "$1/song-$i.mp3"
+    done
+    touch "$1/stamp"
+}

@@ -30,24 +30,19 @@ QRB_ROOT=$SCRATCH/root
 QRB_LOG_LEVEL=7
 export QRB_ROOT QRB_LOG_LEVEL
 mkdir -p "$QRB_ROOT" "$SCRATCH/songs" "$SCRATCH/ours" "$SCRATCH/ffmpeg"
-FFMPEG="ffmpeg -hide_banner -loglevel error -nostdin -y"
 
-# Eight different covers (photo-like plasma, so they compress like real artwork) in eight
-# songs with ID3v2.3 tags; the corpus cycles through them under distinct names.
+# Eight different covers in eight songs with ID3v2.3 tags, made once (bench/common.sh) and
+# shared with bench/local.sh; the corpus cycles through them under distinct names.
 load=$(cut -d' ' -f1-3 /proc/loadavg)
-echo "bench: making $FILES songs with 500 x 500 covers"
-for i in 1 2 3 4 5 6 7 8; do
-    convert -seed "$i" -size 500x500 plasma:fractal -quality 90 "$SCRATCH/cover-$i.jpg"
-    $FFMPEG -f lavfi -i "sine=frequency=$((200 + 50 * i)):duration=1" -i "$SCRATCH/cover-$i.jpg" \
-        -map 0:a -map 1:v -c:a libmp3lame -b:a 64k -c:v copy -id3v2_version 3 \
-        -metadata:s:v comment="Cover (front)" "$SCRATCH/song-$i.mp3"
-done
+CORPUS=$BUILD/bench-music-corpus
+make_music_corpus "$CORPUS"
+echo "bench: copying $FILES songs with 500 x 500 covers"
 n=0
 while [ "$n" -lt "$FILES" ]; do
-    cp "$SCRATCH/song-$((n % 8 + 1)).mp3" "$SCRATCH/songs/song-$n.mp3"
+    cp "$CORPUS/song-$((n % 8 + 1)).mp3" "$SCRATCH/songs/song-$n.mp3"
     n=$((n + 1))
 done
-cover_kib=$(($(cat "$SCRATCH"/cover-*.jpg | wc -c) / 8 / 1024))
+cover_kib=$(($(cat "$CORPUS"/cover-*.jpg | wc -c) / 8 / 1024))
 
 # Ours: one process, every song requested at once, 160 x 160 thumbnails written as PNG.
 echo "bench: qrb-thumb on $FILES songs"
@@ -115,6 +110,4 @@ ffmpeg_version=$(ffmpeg -version | head -n 1 | cut -d' ' -f3)
 } > "$SCRATCH/section.md"
 
 put_section "$HEADING" "$SCRATCH/section.md" "$RESULTS"
-cat "$SCRATCH/section.md" >> "$SCRATCH/results.md"
-cp "$SCRATCH/results.md" "$RESULTS"
 cat "$SCRATCH/section.md"

@@ -38,27 +38,9 @@ if [ ! -x "$TOOL" ]; then
     exit 1
 fi
 
-# Four different pictures per kind (fractal plasma compresses like a photograph), with grain,
-# copied under distinct names. The embedded thumbnails are made from their own pictures, as a
-# camera makes them.
+# Four different pictures per kind, made once (bench/common.sh) and shared with bench/local.sh.
 CORPUS=$BUILD/bench-picture-corpus
-if [ ! -f "$CORPUS/stamp" ]; then
-    echo "bench: making the picture corpus in $CORPUS (once)"
-    rm -rf "$CORPUS"
-    mkdir -p "$CORPUS"
-    for i in 1 2 3 4; do
-        convert -seed "$i" -size 4000x3000 plasma:fractal -attenuate 0.3 +noise Gaussian \
-            -sampling-factor 2x2 -quality 90 "$CORPUS/full-$i.jpg"
-        convert "$CORPUS/full-$i.jpg" -resize 160x120! -quality 85 "$CORPUS/thumb-$i.jpg"
-        cp "$CORPUS/full-$i.jpg" "$CORPUS/exif-$i.jpg"
-        exiftool -q -overwrite_original -Orientation#=1 "-ThumbnailImage<=$CORPUS/thumb-$i.jpg" \
-            "$CORPUS/exif-$i.jpg"
-        convert -seed "$((i + 10))" -size 2000x1500 plasma:fractal -attenuate 0.2 +noise Gaussian \
-            -depth 8 "PNG24:$CORPUS/png-$i.png"
-        convert -seed "$((i + 20))" -size 1920x1080 plasma:fractal -depth 8 "BMP3:$CORPUS/bmp-$i.bmp"
-    done
-    touch "$CORPUS/stamp"
-fi
+make_picture_corpus "$CORPUS"
 
 SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/qrb-bench-picture-XXXXXX")
 trap 'rm -rf "$SCRATCH"' EXIT INT TERM
@@ -118,9 +100,6 @@ once() {
     if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
 }
 count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
-median() { sort -n "$1" | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
-rate() { awk -v n="$1" -v s="$2" 'BEGIN { printf "%.1f", (s > 0) ? n / s : 0 }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
 
 # The timed runs execute run() in a shell of their own.
 {

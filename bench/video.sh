@@ -84,31 +84,16 @@ if [ ! -x "$TOOL" ] || [ ! -f "$PLUGINS/libgstffmpeg.so" ]; then
     exit 1
 fi
 
-# A moving test pattern with grain, so that pictures cost what filmed ones cost to decode; a
-# key frame every 2 s, as broadcast and streamed video mostly has.
+# Made once (bench/common.sh) and shared with bench/local.sh.
 CORPUS=$BUILD/bench-video-corpus
-if [ ! -f "$CORPUS/stamp" ]; then
-    echo "bench: making the video corpus in $CORPUS (once; a few minutes)"
-    mkdir -p "$CORPUS"
-    for i in 1 2; do
-        $FF -f lavfi \
-            -i "testsrc2=size=1920x1080:rate=25:duration=60,hue=h=$((i * 70)),noise=alls=12:allf=t" \
-            -c:v libx264 -preset veryfast -g 50 -b:v 6M -maxrate 8M -bufsize 8M \
-            -pix_fmt yuv420p "$CORPUS/h264-1080p-60s-$i.mp4"
-    done
-    $FF -f lavfi -i "testsrc2=size=3840x2160:rate=25:duration=20,noise=alls=12:allf=t" \
-        -c:v libx264 -preset veryfast -g 50 -b:v 20M -maxrate 25M -bufsize 25M \
-        -pix_fmt yuv420p "$CORPUS/h264-2160p-20s.mp4"
-    touch "$CORPUS/stamp"
-fi
+make_video_corpus "$CORPUS"
 
 SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/qrb-bench-video-XXXXXX")
 trap 'rm -rf "$SCRATCH"' EXIT INT TERM
 QRB_ROOT=$SCRATCH/root
 QRB_LOG_LEVEL=7
 export QRB_ROOT QRB_LOG_LEVEL TOOL FF
-mkdir -p "$QRB_ROOT/usr/lib/gstreamer-1.0"
-cp "$PLUGINS/libgstffmpeg.so" "$PLUGINS/libgstffmpegscale.so" "$QRB_ROOT/usr/lib/gstreamer-1.0/"
+install_plugins "$BUILD" "$QRB_ROOT"
 
 # Each video under several names, so that a run makes enough thumbnails to time and every tool
 # sees the same list of distinct files (all in the page cache after the first round).
@@ -146,9 +131,6 @@ once() {
     old=$(cat "$SCRATCH/peak-$1-$4" 2>/dev/null || echo 0)
     if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1-$4"; fi
 }
-median() { sort -n "$1" | awk '{ a[NR] = $1 } END { print a[int((NR + 1) / 2)] }'; }
-rate() { awk -v n="$1" -v s="$2" 'BEGIN { printf "%.1f", (s > 0) ? n / s : 0 }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0) ? a / b : 0 }'; }
 
 # The tools take turns within each round, so that a machine whose load changes during the run
 # weighs on all of them alike.
