@@ -1,6 +1,26 @@
 # Sourced by the benchmark scripts: what they check before running, and how a section goes
 # into bench/RESULTS.md.
 
+# parse_bench_args ROUNDS FILES "$@": reads "BUILD_DIR [--rounds N] [--files N]" into BUILD,
+# ROUNDS and FILES (the first two arguments are their defaults); a usage error exits 2.
+parse_bench_args() {
+    ROUNDS=$1 FILES=$2
+    shift 2
+    if [ $# -lt 1 ] || [ ! -d "$1" ]; then
+        echo "usage: $0 BUILD_DIR [--rounds N] [--files N]" >&2
+        exit 2
+    fi
+    BUILD=$(cd "$1" && pwd)
+    shift
+    while [ $# -gt 0 ]; do
+        case $1 in
+            --rounds) ROUNDS=$2; shift 2 ;;
+            --files) FILES=$2; shift 2 ;;
+            *) echo "bench: unknown option $1" >&2; exit 2 ;;
+        esac
+    done
+}
+
 # require PROGRAM...: exits with a hint when one of them is not installed.
 require() {
     for program in "$@"; do

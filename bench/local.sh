@@ -76,27 +76,13 @@ if [ "${1:-}" = "--run" ]; then
 fi
 
 # --- Set-up ---------------------------------------------------------------------------------
-if [ $# -lt 1 ]; then
-    echo "usage: $0 BUILD_DIR [--rounds N] [--files N]" >&2
-    exit 2
-fi
 SELF=$(cd "$(dirname "$0")" && pwd)/$(basename "$0")
 REPO=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=$(cd "$1" && pwd)
-shift
-ROUNDS=2
-FILES=200
-while [ $# -gt 0 ]; do
-    case $1 in
-        --rounds) ROUNDS=$2; shift 2 ;;
-        --files) FILES=$2; shift 2 ;;
-        *) echo "bench: unknown option $1" >&2; exit 2 ;;
-    esac
-done
+. "$REPO/bench/common.sh"
+parse_bench_args 2 200 "$@"
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 RESULTS=$REPO/bench/RESULTS.md
 HEADING="## Local kinds on one core"
-. "$REPO/bench/common.sh"
 
 require taskset convert exiftool ffmpeg ffprobe ffmpegthumbnailer vipsthumbnail /usr/bin/time
 if [ ! -x "$TOOL" ] || [ ! -f "$BUILD/root/usr/lib/gstreamer-1.0/libgstffmpeg.so" ]; then

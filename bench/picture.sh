@@ -12,25 +12,11 @@
 # BUILD_DIR/bench-picture-corpus and kept.
 set -eu
 
-if [ $# -lt 1 ]; then
-    echo "usage: $0 BUILD_DIR [--rounds N] [--files N]" >&2
-    exit 2
-fi
 REPO=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=$(cd "$1" && pwd)
-shift
-ROUNDS=3
-FILES=60
-while [ $# -gt 0 ]; do
-    case $1 in
-        --rounds) ROUNDS=$2; shift 2 ;;
-        --files) FILES=$2; shift 2 ;;
-        *) echo "bench: unknown option $1" >&2; exit 2 ;;
-    esac
-done
+. "$REPO/bench/common.sh"
+parse_bench_args 3 60 "$@"
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 RESULTS=$REPO/bench/RESULTS.md
-. "$REPO/bench/common.sh"
 
 require convert mogrify exiftool vipsthumbnail /usr/bin/time
 if [ ! -x "$TOOL" ]; then

@@ -58,25 +58,13 @@ if [ "${1:-}" = "--run" ]; then  # --run TOOL FOLDER FRAMES JOBS OUT
 fi
 
 # --- Set-up ---------------------------------------------------------------------------------
-if [ $# -lt 1 ]; then
-    echo "usage: $0 BUILD_DIR [--rounds N]" >&2
-    exit 2
-fi
 SELF=$(cd "$(dirname "$0")" && pwd)/$(basename "$0")
 REPO=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=$(cd "$1" && pwd)
-shift
-ROUNDS=3
-while [ $# -gt 0 ]; do
-    case $1 in
-        --rounds) ROUNDS=$2; shift 2 ;;
-        *) echo "bench: unknown option $1" >&2; exit 2 ;;
-    esac
-done
+. "$REPO/bench/common.sh"
+parse_bench_args 3 0 "$@"
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
 PLUGINS=$BUILD/root/usr/lib/gstreamer-1.0
 RESULTS=$REPO/bench/RESULTS.md
-. "$REPO/bench/common.sh"
 CORES=$(nproc)
 require ffmpeg ffprobe ffmpegthumbnailer /usr/bin/time
 if [ ! -x "$TOOL" ] || [ ! -f "$PLUGINS/libgstffmpeg.so" ]; then

@@ -4,6 +4,7 @@
 #ifndef QRB_COMMON_SCOPED_H
 #define QRB_COMMON_SCOPED_H
 
+#include <cstdio>
 #include <memory>
 
 template <typename T, void (*FreeFn)(T*)>
@@ -15,5 +16,10 @@ struct QRBFreeWith {
 
 template <typename T, void (*FreeFn)(T*)>
 using QRBScoped = std::unique_ptr<T, QRBFreeWith<T, FreeFn>>;
+
+// A stdio stream, closed on every way out. Where a failed close means lost data (a full disk),
+// close it yourself first: std::fclose(file.release()).
+inline void QRBCloseFile(std::FILE* f) { std::fclose(f); }
+using QRBScopedFile = QRBScoped<std::FILE, QRBCloseFile>;
 
 #endif

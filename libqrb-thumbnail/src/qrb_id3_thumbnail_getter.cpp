@@ -24,8 +24,6 @@ std::atomic<uint32_t> CQRBID3ThumbnailGetter::m_lID3FileID{0};
 
 namespace {
 
-inline void QRBCloseFile(FILE* f) { std::fclose(f); }
-using QRBScopedFile = QRBScoped<FILE, QRBCloseFile>;
 
 // A name already taken (left behind by a crashed process with the same id, or planted) is
 // skipped for the next counter value, a few times at most.

@@ -87,16 +87,8 @@ void CQRBThumbHttpDecoder::m_Serve(const _stRequestedItem& request) {
 }
 
 void CQRBThumbHttpDecoder::t_Process() {
-    for (;;) {
-        // Count before flag, as in every worker loop: no stop or new work is slept through.
-        const unsigned seen = m_pList->ChangeCount();
-        if (m_bStop) break;
-        _stRequestedItem request;
-        if (!m_pList->GetForHttpDecode(&request)) {
-            m_WaitForWork(seen);
-            continue;
-        }
-        QRBClearFailure();
+    _stRequestedItem request;
+    while (m_NextRequest([&] { return m_pList->GetForHttpDecode(&request); })) {
         // The worker boundary: whatever a getter throws, the request still gets its one event.
         try {
             m_Serve(request);

@@ -4,6 +4,7 @@
 #ifndef QRB_THUMBNAIL_DECODE_BASE_H
 #define QRB_THUMBNAIL_DECODE_BASE_H
 
+#include "qrb_failure.h"
 #include "qrb_requested_item.h"
 #include "qrb_thread.h"
 #include "qrb_thumb_cache.h"
@@ -30,9 +31,23 @@ public:
     virtual void RequestStop();
 
 protected:
+    // The worker loop's head: true once take() has taken a request, waiting on the list while
+    // there is none; false once a stop is asked. The list's change count is read before the stop
+    // flag, so a stop or new work that comes in between ends the wait at once. A request taken
+    // starts with no failure noted.
+    template <typename Take>
+    bool m_NextRequest(Take take) {
+        for (;;) {
+            const unsigned seen = m_pList->ChangeCount();
+            if (m_bStop) return false;
+            if (take()) {
+                QRBClearFailure();
+                return true;
+            }
+            m_WaitForWork(seen);
+        }
+    }
     // An idle worker's wait: until its list changes, a stop is asked, or the poll period ends.
-    // `seen` is the list's ChangeCount, read before the stop flag was checked and the list
-    // asked for work.
     void m_WaitForWork(unsigned seen);
 
     // Written by the controlling thread, read by the worker between requests.

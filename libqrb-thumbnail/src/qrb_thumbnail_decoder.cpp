@@ -63,17 +63,8 @@ void CQRBThumbnailDecoder::m_Serve(const _stRequestedItem& request) {
 }
 
 void CQRBThumbnailDecoder::t_Process() {
-    for (;;) {
-        // The count is read before the flag: a stop asked after the flag was seen clear also
-        // changes the count, so the wait below ends at once.
-        const unsigned seen = m_pList->ChangeCount();
-        if (m_bStop) break;
-        _stRequestedItem request;
-        if (!m_pList->GetForMulti(&request)) {
-            m_WaitForWork(seen);
-            continue;
-        }
-        QRBClearFailure();
+    _stRequestedItem request;
+    while (m_NextRequest([&] { return m_pList->GetForMulti(&request); })) {
         // The worker boundary: whatever a getter throws, the request still gets its one event.
         try {
             m_Serve(request);

@@ -1,5 +1,7 @@
 #include "contact_sheet.h"
 
+#include "qrb_scoped.h"
+
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -12,13 +14,6 @@ namespace qrbthumb {
 namespace fs = std::filesystem;
 
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* f) const noexcept {
-        if (f) std::fclose(f);
-    }
-};
-using ScopedFile = std::unique_ptr<std::FILE, CloseFile>;
 
 std::string PercentEncode(const std::string& text) {
     static const char kHex[] = "0123456789ABCDEF";
@@ -125,7 +120,7 @@ std::string RenderContactSheet(const std::vector<Outcome>& outcomes, const std::
 bool WriteContactSheet(const std::vector<Outcome>& outcomes, const std::string& sheetPath,
                        std::string* error) {
     const std::string html = RenderContactSheet(outcomes, sheetPath);
-    ScopedFile file(std::fopen(sheetPath.c_str(), "w"));
+    QRBScopedFile file(std::fopen(sheetPath.c_str(), "w"));
     if (!file) {
         *error = "cannot create " + sheetPath + ": " + std::strerror(errno);
         return false;

@@ -1,5 +1,7 @@
 #include "image_writer.h"
 
+#include "qrb_scoped.h"
+
 #include <cerrno>
 #include <csetjmp>
 #include <cstdint>
@@ -20,13 +22,6 @@
 namespace qrbthumb {
 
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* f) const noexcept {
-        if (f) std::fclose(f);
-    }
-};
-using ScopedFile = std::unique_ptr<std::FILE, CloseFile>;
 
 using ScopedBytes = std::unique_ptr<unsigned char[]>;
 
@@ -383,7 +378,7 @@ bool WriteBgraImage(const std::string& path, ImageFormat format, const unsigned 
         return false;
     }
 
-    ScopedFile file(std::fopen(path.c_str(), "wb"));
+    QRBScopedFile file(std::fopen(path.c_str(), "wb"));
     if (!file) {
         *error = "cannot create " + path + ": " + std::strerror(errno);
         return false;

@@ -1,5 +1,7 @@
 #include "media_kind.h"
 
+#include "qrb_scoped.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -9,13 +11,6 @@
 namespace qrbthumb {
 
 namespace {
-
-struct CloseFile {
-    void operator()(std::FILE* f) const noexcept {
-        if (f) std::fclose(f);
-    }
-};
-using ScopedFile = std::unique_ptr<std::FILE, CloseFile>;
 
 std::string Lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -192,7 +187,7 @@ std::string PathOfUri(const std::string& uri) {
 }
 
 std::string ReadHead(const std::string& path) {
-    ScopedFile file(std::fopen(path.c_str(), "rb"));
+    QRBScopedFile file(std::fopen(path.c_str(), "rb"));
     if (!file) return "";
     std::string head(kHeadBytes, '\0');
     head.resize(std::fread(&head[0], 1, head.size(), file.get()));

@@ -1,6 +1,7 @@
 #include "result_files.h"
 
 #include "image_writer.h"
+#include "qrb_scoped.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,12 +18,6 @@ namespace {
 // Long enough for any sensible name, short enough that "<stem>~NN-N.png" fits NAME_MAX.
 constexpr size_t kMaxStem = 200;
 
-struct CloseFile {
-    void operator()(std::FILE* f) const noexcept {
-        if (f) std::fclose(f);
-    }
-};
-using ScopedFile = std::unique_ptr<std::FILE, CloseFile>;
 
 std::string LastSegment(std::string text) {
     while (!text.empty() && text.back() == '/') text.pop_back();
@@ -56,7 +51,7 @@ std::string NameOf(const std::string& input) {
 
 bool WriteBytes(const std::string& path, const unsigned char* bytes, size_t size,
                 std::string* error) {
-    ScopedFile file(std::fopen(path.c_str(), "wb"));
+    QRBScopedFile file(std::fopen(path.c_str(), "wb"));
     if (!file) {
         *error = "cannot create " + path + ": " + std::strerror(errno);
         return false;

@@ -13,8 +13,6 @@
 
 namespace {
 
-inline void QRBCloseFile(FILE* f) { std::fclose(f); }
-using QRBScopedFile = QRBScoped<FILE, QRBCloseFile>;
 
 // Frames other than pictures are read past through a buffer of this size.
 constexpr size_t kWorkBufferSize = 1024;

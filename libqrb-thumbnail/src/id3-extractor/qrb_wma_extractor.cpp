@@ -13,8 +13,6 @@
 
 namespace {
 
-inline void QRBCloseFile(FILE* f) { std::fclose(f); }
-using QRBScopedFile = QRBScoped<FILE, QRBCloseFile>;
 
 // GUIDs as they lie in the file (the first three fields little-endian).
 // 75B22630-668E-11CF-A6D9-00AA0062CE6C

@@ -59,7 +59,6 @@ CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int a
     QRB_LOGD("THUMBNAIL TYPE[%d] RET[%d]", m_nThumbnailType, ret);
     if (ret == -1) {
         QRB_LOGW("Parse false or it is not a jpg file");
-        QRBNoteFailure(QRBFailure::kDamaged);
         m_bValid = false;
     }
 }
@@ -189,21 +188,18 @@ int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
     switch (m_nThumbnailType) {
         case kTypeExif:
             if (m_ReadExifThumbnail(out) != kExifSuccess) {
-                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read exif thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypeFullDecoding:
             if (m_ReadFullDecodingThumbnail(out) != kFullSuccess) {
-                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read full decoding thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypeLarge:
             if (m_ReadLargeThumbnail(out) != kLargeSuccess) {
-                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read large thumbnail error! ");
                 return -1;
             }
@@ -214,14 +210,12 @@ int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
             return 0;
         case kTypeBmp:
             if (m_ReadBMPThumbnail(out) != kBmpSuccess) {
-                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read BMP thumbnail error! ");
                 return -1;
             }
             return 0;
         case kTypePng:
             if (m_ReadPNGThumbnail(out) != 0) {
-                QRBNoteFailure(QRBFailure::kDamaged);
                 QRB_LOGW("Read PNG thumbnail error! ");
                 return -1;
             }

@@ -1,6 +1,7 @@
 #include "image-decoder/qrb_image_processor.h"
 
 #include "image-decoder/qrb_image_decoder.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 
 #include <cstdlib>
@@ -39,6 +40,9 @@ unsigned char* CQRBImageProcessor::GetThumbnailBuffer(const char* url,
         QRB_LOGW("THUMBNAIL EXTRACTION HAS FAILED");
         std::free(output);
     }
+    // Whatever failed beyond a cause noted where it was found (no file, another format, too
+    // large) is a picture that does not decode.
+    QRBNoteFailure(QRBFailure::kDamaged);
     QRB_LOGW("INVALID WIDTH AND HEIGHT");
     *width = 0;
     *height = 0;

@@ -28,43 +28,25 @@ extern "C" {
 
 #include <cstdlib>
 
+#define QRB_SONAME(name, major) "lib" name ".so." AV_STRINGIFY(major)
+#define AvUtil QRB_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR)
+#define AvCodec QRB_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR)
+#define AvFormat QRB_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR)
+#define SwScale QRB_SONAME("swscale", LIBSWSCALE_VERSION_MAJOR)
+
 namespace {
 
-#define QRB_SONAME(name, major) "lib" name ".so." AV_STRINGIFY(major)
-
-void* OpenLibrary(const char* soname) {
-    void* library = dlopen(soname, RTLD_LAZY | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char* reason = dlerror();
-        QRB_LOGW("%s cannot be loaded: %s", soname, reason ? reason : "");
-    }
-    return library;
-}
-
-void* AvUtil() {
-    static void* library = OpenLibrary(QRB_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR));
-    return library;
-}
-void* AvCodec() {
-    static void* library = OpenLibrary(QRB_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR));
-    return library;
-}
-void* AvFormat() {
-    static void* library = OpenLibrary(QRB_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR));
-    return library;
-}
-void* SwScale() {
-    static void* library = OpenLibrary(QRB_SONAME("swscale", LIBSWSCALE_VERSION_MAJOR));
-    return library;
-}
-
 // The FFmpeg libraries are dependencies of this library's package, as they would be if it were
-// linked against them: without them there is nothing sensible to go on with.
+// linked against them: without them there is nothing sensible to go on with. Each forwarder
+// resolves once; opening a library already open only counts it again.
 template <typename Fn>
-Fn Resolve(void* library, const char* symbol) {
+Fn Resolve(const char* soname, const char* symbol) {
+    void* library = dlopen(soname, RTLD_LAZY | RTLD_LOCAL);
     void* function = library != nullptr ? dlsym(library, symbol) : nullptr;
     if (function == nullptr) {
-        QRB_LOGW("the FFmpeg function %s cannot be found", symbol);
+        const char* reason = dlerror();
+        QRB_LOGW("the FFmpeg function %s cannot be found in %s: %s", symbol, soname,
+                 reason ? reason : "");
         std::abort();
     }
     return reinterpret_cast<Fn>(function);
@@ -74,7 +56,7 @@ Fn Resolve(void* library, const char* symbol) {
 
 #define QRB_FORWARD(library, type, name, params, args)                                     \
     extern "C" type name params {                                                          \
-        static const auto real = Resolve<type(*) params>(library(), #name);                \
+        static const auto real = Resolve<type(*) params>(library, #name);                  \
         return real args;                                                                  \
     }
 

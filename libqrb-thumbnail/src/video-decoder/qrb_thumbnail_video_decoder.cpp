@@ -191,22 +191,17 @@ void CQRBThumbnailVideoDecoder::Destroy() {
 }
 
 void CQRBThumbnailVideoDecoder::t_Process() {
-    for (;;) {
-        // Count before flag, as in every worker loop: no stop or new work is slept through.
-        const unsigned seen = m_pList->ChangeCount();
-        if (m_bStop) break;
-        _stRequestedItem request;
-        // Raised before the list is asked, so that a Stop that has just cleared the list either
-        // sees this worker busy or knows it will find nothing.
+    _stRequestedItem request;
+    // Busy is raised before the list is asked, so that a Stop that has just cleared the list
+    // either sees this worker busy or knows it will find nothing.
+    while (m_NextRequest([&] {
         m_bBusy = true;
-        if (!m_pList->GetForSingle(true, &request, false)) {
-            m_bBusy = false;
-            m_WaitForWork(seen);
-            continue;
-        }
+        if (m_pList->GetForSingle(true, &request, false)) return true;
+        m_bBusy = false;
+        return false;
+    })) {
         BusyGuard busy(m_bBusy);
         ++m_nServing;
-        QRBClearFailure();
         QRB_LOGD("RequestedItem.szURI=%s, RequestedItem.eThumbnailType=%d", request.strURL.c_str(),
                  static_cast<int>(request.eThumbnailType));
         boost::intrusive_ptr<CQRBThumbnailItem> item;
