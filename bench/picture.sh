@@ -37,8 +37,8 @@ mkdir -p "$QRB_ROOT"
 
 # A folder per case, cycling through its four pictures under distinct names: FILES of them, and
 # four times as many for the embedded thumbnails, which take so little time each that a run of
-# FILES would mostly time the tool's start and stop (about a quarter of a second: loading, and
-# the workers' 50 ms looks at their queues when they start and when they are stopped).
+# FILES would mostly time the tool's start and stop (loading the libraries, starting and
+# joining the workers).
 for kind in exif:jpg:4 full:jpg:1 png:png:1 bmp:bmp:1; do
     name=${kind%%:*} ext=${kind#*:} times=${kind##*:}
     ext=${ext%:*}

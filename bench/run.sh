@@ -53,8 +53,8 @@ debian=$(cat /etc/debian_version 2>/dev/null || echo unknown)
     echo "(bench/qrb_bench_requests.cpp) drives the public C interface with requests for missing"
     echo "local pictures, which fail without decoding, so the figures are the service's own"
     echo "overhead: routing, queueing, a worker taking the request, the callback. Idle workers"
-    echo "look at their queue every 50 ms: a lone request waits for the next look (0 to 50 ms),"
-    echo "and a queue filled at once waits for one look and then drains without pauses. Timings"
+    echo "wait on their queue and are woken by each request, so a lone request is taken at once"
+    echo "and a queue filled at once drains without pauses. Timings"
     echo "vary from run to run on a shared machine; the throughput rows give the spread."
     echo
     cat "$SCRATCH/table.md"

@@ -11,6 +11,21 @@
 
 #include "qrb_log.h"
 
+// The C library headers FFmpeg's headers include come first, so that the pragma below hides
+// only FFmpeg's declarations: a libc function first declared hidden could not be linked.
+#include <dlfcn.h>
+#include <errno.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <math.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
 #pragma GCC visibility push(hidden)
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -23,10 +38,6 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 #pragma GCC visibility pop
-
-#include <dlfcn.h>
-
-#include <cstdlib>
 
 #define QRB_SONAME(name, major) "lib" name ".so." AV_STRINGIFY(major)
 #define AvUtil QRB_SONAME("avutil", LIBAVUTIL_VERSION_MAJOR)
