@@ -113,7 +113,11 @@ typedef struct {
     int nBufSize[QRB_THUMB_MAX_IMAGES];             /* per-image buffer size in bytes */
     int width;                                      /* width of the last image delivered */
     int height;                                     /* height of the last image delivered */
-    int depth;                                      /* bytes per pixel of the last image */
+    int depth;                                      /* the last image's depth value, as the
+                                                       kind sets it: 32 (bits) for pictures and
+                                                       covers, 4 (bytes) for video frames; every
+                                                       raster is 4-byte ARGB whatever it says, so
+                                                       size buffers from nBufSize, never depth */
     int count;                                      /* number of filled buffer slots */
     long long timestamp[QRB_THUMB_MAX_IMAGES];      /* per-image time stamp (video position) */
     int bBuffer;                                    /* 1: pBuffer[0] holds encoded bytes */
@@ -128,7 +132,10 @@ int thumbnail_init(void);
 
 /* Posts a request for the thumbnail of url. width x height is the wanted size (0 x 0: the
  * picture's own size); FrameCount is the number of video frames wanted (at most 5 are served).
- * Always returns 0. */
+ * nOrientation is carried with the request and handed to the getter, but no kind reads it: a
+ * picture is turned by its own EXIF orientation, not by this value. bUsedCache non-zero lets the
+ * service answer from its memory cache of recent results and keep this result there; zero
+ * always decodes afresh and caches nothing. Always returns 0. */
 int thumbnail_request_async(const char* url, qrb_item_media_type media, qrb_extend_dev_type dev,
                             int nOrientation, int width, int height, int bUsedCache,
                             unsigned char FrameCount, qrb_thumbnail_callback callback,

@@ -21,13 +21,60 @@ std::mutex& TableMutex() {
     return mutex;
 }
 
-// Stores the symbol in the table before it is tested, so that a failed binding leaves every
-// pointer found so far in place.
-template <typename Fn>
-bool Lookup(void* library, const char* symbol, Fn& slot) {
-    slot = reinterpret_cast<Fn>(dlsym(library, symbol));
-    return slot != nullptr;
-}
+// Every entry point the grabber calls, in the order they are bound, with the log line its
+// absence writes. The first one missing ends the binding; the pointers found before it stay in
+// the table. The seek-available entry point is optional (no log line): a plug-in without it
+// still binds and reports ready, and the per-extraction check then refuses the table.
+struct Symbol {
+    bool inScaler;
+    const char* name;
+    const char* missing;
+    void (*store)(QRBFFmpegApi& api, void* function);
+};
+
+#define QRB_SLOT(member) \
+    [](QRBFFmpegApi& api, void* f) { api.member = reinterpret_cast<decltype(api.member)>(f); }
+
+const Symbol kSymbols[] = {
+    {false, "gst_ffmpegapi_avformat_open_input", "get av open input file func pointer failed\n",
+     QRB_SLOT(open_input)},
+    {false, "gst_ffmpegapi_avformat_close_input", "get av close input file func pointer failed\n",
+     QRB_SLOT(close_input)},
+    {false, "gst_ffmpegapi_avcodec_open", "get avcodec open func pointer failed\n",
+     QRB_SLOT(codec_open)},
+    {false, "gst_ffmpegapi_avcodec_close", "get avcodec close func pointer failed\n",
+     QRB_SLOT(codec_close)},
+    {false, "gst_ffmpegapi_avcodec_decode_video2", "get avcodec decode video2 func pointer failed.",
+     QRB_SLOT(decode_video)},
+    {false, "gst_ffmpegapi_avcodec_alloc_frame", "get avcodec alloc frame func pointer failed\n",
+     QRB_SLOT(alloc_frame)},
+    {false, "gst_ffmpegapi_avcodec_alloc_packet", "get avcodec alloc packet func pointer failed\n",
+     QRB_SLOT(alloc_packet)},
+    {false, "gst_ffmpegapi_av_seek_frame", "get av seek frame  func pointer failed",
+     QRB_SLOT(seek_frame)},
+    {false, "gst_ffmpegapi_av_read_frame", "get av read frame  func pointer failed",
+     QRB_SLOT(read_frame)},
+    {false, "gst_ffmpegapi_av_init_packet", "get av init packet func pointer failed.",
+     QRB_SLOT(init_packet)},
+    {false, "gst_ffmpegapi_av_free_packet", "get av free packet func pointer failed.\n",
+     QRB_SLOT(free_packet)},
+    {false, "gst_ffmpegapi_avpicture_get_size", "get av picture get size func pointer failed",
+     QRB_SLOT(picture_size)},
+    {false, "gst_ffmpegapi_avpicture_fill", "get av picture fill func pointer failed",
+     QRB_SLOT(picture_fill)},
+    {true, "gst_ffmpegapi_sws_getContext", "get sws getcontent func pointer failed",
+     QRB_SLOT(sws_get_context)},
+    {true, "gst_ffmpegapi_sws_scale", "get av sws scale func pointer failed", QRB_SLOT(sws_scale)},
+    {true, "gst_ffmpegapi_sws_freeContext", "get sws free context func pointer failed",
+     QRB_SLOT(sws_free_context)},
+    {false, "gst_ffmpegapi_avcodec_free_frame", "get sws free frame func pointer failed\n",
+     QRB_SLOT(free_frame)},
+    {false, "gst_ffmpegapi_av_seek_available", nullptr, QRB_SLOT(seek_available)},
+    {false, "gst_ffmpegapi_avcodec_flush_buffers",
+     "get avcodec flush buffers func pointer failed\n", QRB_SLOT(flush_buffers)},
+};
+
+#undef QRB_SLOT
 
 }  // namespace
 
@@ -81,88 +128,14 @@ void qrb_init_ffmpeg_api(unsigned char* ready) {
         QRB_LOGW("dlopen /usr/lib/gstreamer-1.0/libgstffmpegscale.so[%p]\n", api.scaler_library);
         return;
     }
-    void* dec = api.decoder_library;
-    void* scl = api.scaler_library;
-
-    if (!Lookup(dec, "gst_ffmpegapi_avformat_open_input", api.open_input)) {
-        QRB_LOGW("get av open input file func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avformat_close_input", api.close_input)) {
-        QRB_LOGW("get av close input file func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_open", api.codec_open)) {
-        QRB_LOGW("get avcodec open func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_close", api.codec_close)) {
-        QRB_LOGW("get avcodec close func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_decode_video2", api.decode_video)) {
-        QRB_LOGW("get avcodec decode video2 func pointer failed.");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_alloc_frame", api.alloc_frame)) {
-        QRB_LOGW("get avcodec alloc frame func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_alloc_packet", api.alloc_packet)) {
-        QRB_LOGW("get avcodec alloc packet func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_av_seek_frame", api.seek_frame)) {
-        QRB_LOGW("get av seek frame  func pointer failed");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_av_read_frame", api.read_frame)) {
-        QRB_LOGW("get av read frame  func pointer failed");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_av_init_packet", api.init_packet)) {
-        QRB_LOGW("get av init packet func pointer failed.");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_av_free_packet", api.free_packet)) {
-        QRB_LOGW("get av free packet func pointer failed.\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avpicture_get_size", api.picture_size)) {
-        QRB_LOGW("get av picture get size func pointer failed");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avpicture_fill", api.picture_fill)) {
-        QRB_LOGW("get av picture fill func pointer failed");
-        return;
-    }
-    if (!Lookup(scl, "gst_ffmpegapi_sws_getContext", api.sws_get_context)) {
-        QRB_LOGW("get sws getcontent func pointer failed");
-        return;
-    }
-    if (!Lookup(scl, "gst_ffmpegapi_sws_scale", api.sws_scale)) {
-        QRB_LOGW("get av sws scale func pointer failed");
-        return;
-    }
-    if (!Lookup(scl, "gst_ffmpegapi_sws_freeContext", api.sws_free_context)) {
-        QRB_LOGW("get sws free context func pointer failed");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_free_frame", api.free_frame)) {
-        QRB_LOGW("get sws free frame func pointer failed\n");
-        return;
-    }
-    Lookup(dec, "gst_ffmpegapi_av_seek_available", api.seek_available);
-    // Deliberately re-tests the seek pointer (known non-null here) rather than the
-    // seek-available one: a plug-in without "gst_ffmpegapi_av_seek_available" still binds and
-    // reports ready. The per-extraction check refuses such a table, so nothing is decoded.
-    if (api.seek_frame == nullptr) {
-        QRB_LOGW("get sws av seek frame _available func pointer failed\n");
-        return;
-    }
-    if (!Lookup(dec, "gst_ffmpegapi_avcodec_flush_buffers", api.flush_buffers)) {
-        QRB_LOGW("get avcodec flush buffers func pointer failed\n");
-        return;
+    for (const Symbol& symbol : kSymbols) {
+        void* function =
+            dlsym(symbol.inScaler ? api.scaler_library : api.decoder_library, symbol.name);
+        symbol.store(api, function);
+        if (function == nullptr && symbol.missing != nullptr) {
+            QRB_LOGW("%s", symbol.missing);
+            return;
+        }
     }
     QRB_LOGI("initialize ffmpeg api success.");
     *ready = 1;
