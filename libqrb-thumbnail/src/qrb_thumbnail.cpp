@@ -101,29 +101,60 @@ void CQRBThumbnail::m_Destroy() {
 
 qrb_media_thumbnail_type CQRBThumbnail::GetThumbnailType(qrb_item_media_type media,
                                                          qrb_extend_dev_type dev) {
+    // The device decides first: a camera, a social network or remote access each have one kind
+    // whatever the media; a serial device has kinds of its own for pictures, songs and videos.
+    // Applications pass any number: compared as ints, never held as an enumerator.
     const int d = static_cast<int>(dev);
-    if (d == 103 || d == 114) return THUMB_PTP;
-    if (d == 104 || (d >= 115 && d <= 118)) return THUMB_SNS;
-    if (d == 106) return THUMB_RA;
-    const bool serial = d >= 107 && d <= 113;
+    switch (d) {
+        case DEV_TYPE_PTP:
+        case DEV_TYPE_PTP_EXT:
+            return THUMB_PTP;
+        case DEV_TYPE_SNS:
+        case DEV_TYPE_SNS_EXT1:
+        case DEV_TYPE_SNS_EXT2:
+        case DEV_TYPE_SNS_EXT3:
+        case DEV_TYPE_SNS_EXT4:
+            return THUMB_SNS;
+        case DEV_TYPE_RA:
+            return THUMB_RA;
+        default:
+            break;
+    }
+    const bool serial = d >= DEV_TYPE_SERIAL_FIRST && d <= DEV_TYPE_SERIAL_LAST;
     switch (static_cast<int>(media)) {
-        case 0: return serial ? THUMB_SERIAL_VIDEO : THUMB_VIDEO;
-        case 1: return serial ? THUMB_SERIAL_PICTURE : THUMB_PICTURE;
-        case 2: return serial ? THUMB_SERIAL_MUSIC : THUMB_MUSIC;
-        case 3: return THUMB_PVR;
-        case 5: return THUMB_SCSA;
-        case 6: return THUMB_DLNA;
+        case MEDIA_TYPE_VIDEO: return serial ? THUMB_SERIAL_VIDEO : THUMB_VIDEO;
+        case MEDIA_TYPE_PICTURE: return serial ? THUMB_SERIAL_PICTURE : THUMB_PICTURE;
+        case MEDIA_TYPE_MUSIC: return serial ? THUMB_SERIAL_MUSIC : THUMB_MUSIC;
+        case MEDIA_TYPE_PVR: return THUMB_PVR;
+        case MEDIA_TYPE_SCSA: return THUMB_SCSA;
+        case MEDIA_TYPE_DLNA: return THUMB_DLNA;
         default: return THUMB_NONE;
     }
 }
 
 int CQRBThumbnail::m_GetThumbImpType(qrb_media_thumbnail_type type) {
     switch (static_cast<int>(type)) {
-        case 0: case 1: case 3: case 4: case 7: case 8: case 9: case 10: case 16:
+        // Local files and devices, decoded by a pool of workers.
+        case THUMB_PICTURE:
+        case THUMB_MUSIC:
+        case THUMB_PICTURE_MODE2:
+        case THUMB_PICTURE_MODE1:
+        case THUMB_RESERVED7:
+        case THUMB_RESERVED8:
+        case THUMB_RESERVED9:
+        case THUMB_DLNA:
+        case THUMB_SCSA:
             return SLOT_MULTI;
-        case 2: case 5: case 6: case 12: case 13: case 14: case 15:
+        // One worker each: videos, recordings, cameras, remote access and serial devices.
+        case THUMB_VIDEO:
+        case THUMB_PVR:
+        case THUMB_PTP:
+        case THUMB_RA:
+        case THUMB_SERIAL_PICTURE:
+        case THUMB_SERIAL_MUSIC:
+        case THUMB_SERIAL_VIDEO:
             return SLOT_SINGLE;
-        case 11:
+        case THUMB_SNS:
             return SLOT_HTTP;
         default:
             return SLOT_NONE;
