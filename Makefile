@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke install clean format
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke fuzz-long install clean format
 
 all: build
 
@@ -55,6 +55,12 @@ build-fuzz/CMakeCache.txt:
 fuzz-smoke: deps build-fuzz/CMakeCache.txt
 	cmake --build build-fuzz -j $(JOBS)
 	fuzz/smoke.sh build-fuzz
+
+# Not in CI: every target for FUZZ_SECONDS (default ten minutes) each; merges into fuzz/corpus.
+FUZZ_SECONDS ?= 600
+fuzz-long: deps build-fuzz/CMakeCache.txt
+	cmake --build build-fuzz -j $(JOBS)
+	fuzz/long.sh build-fuzz $(FUZZ_SECONDS)
 
 install: build
 	cmake --install build --prefix $(PREFIX)
