@@ -6,6 +6,7 @@
 #include "dlog_sink.h"
 #include "qrb_fuzz_scratch.h"
 #include "image-decoder/qrb_image_decoder.h"
+#include "image-decoder/qrb_image_util.h"
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include <fcntl.h>
@@ -21,8 +22,6 @@
 namespace {
 
 std::string g_path;
-
-
 
 }  // namespace
 
@@ -58,15 +57,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (info.largeThumbOffset + info.largeThumbSize > size) abort();
                 uint32_t w = 0;
                 uint32_t h = 0;
-                if (info.exifThumbSize != 0) {
-                    CQRBJpegHeaderParser::ParsePictureSize(
-                        fp, info.exifThumbOffset, info.exifThumbOffset + info.exifThumbSize, &w,
-                        &h);
+                if (info.exifThumbSize != 0 &&
+                    fseeko(fp, static_cast<off_t>(info.exifThumbOffset), SEEK_SET) == 0) {
+                    CQRBImageDecoder::m_ParsePictureSize(
+                        fp, info.exifThumbOffset + info.exifThumbSize, &w, &h);
                 }
             }
             uint32_t w = 0;
             uint32_t h = 0;
-            CQRBJpegHeaderParser::ParsePictureSize(fp, 0, size, &w, &h);
+            if (fseeko(fp, 0, SEEK_SET) == 0)
+                CQRBImageDecoder::m_ParsePictureSize(fp, size, &w, &h);
             std::fclose(fp);
         }
     }
@@ -77,12 +77,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CQRBImageDecoder decoder(g_path.c_str(), request, request * 3 / 4 + 1, 0, false);
     const uint64_t outW = decoder.GetOutputWidth();
     const uint64_t outH = decoder.GetOutputHeight();
-    if (outW * outH > CQRBImageDecoder::kMaxOutputPixels) abort();
-    // A full decode of a picture of hundreds of megapixels is allowed by the decoder but would
-    // make each run take seconds; the fuzzer decodes only small ones.
+    if (outW * outH > static_cast<uint64_t>(CQRBImageUtil::kMaxPixels)) abort();
+    // A full decode of a picture of hundreds of megapixels, or an output of as many, is allowed
+    // by the decoder but would make each run take seconds; the fuzzer decodes only small ones.
     const uint64_t pixels =
         static_cast<uint64_t>(decoder.GetPictureWidth()) * decoder.GetPictureHeight();
-    if (decoder.IsValid() && outW > 0 && outH > 0 && pixels <= (1u << 22)) {
+    if (decoder.IsValid() && outW > 0 && outH > 0 && pixels <= (1u << 22) &&
+        outW * outH <= (1u << 22)) {
         std::vector<unsigned char> out(outW * outH * 4);
         if (decoder.ExtractThumbnail(out.data()) == 0) {
             volatile unsigned char last = out.back();  // the whole raster was written to

@@ -1,8 +1,10 @@
 #include "qrb_exif_thumbnail_getter.h"
 
 #include "image-decoder/qrb_image_processor.h"
+#include "image-decoder/qrb_image_util.h"
 #include "qrb_log.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -45,16 +47,15 @@ void CQRBExifThumbnailGetter::BringToRequest(CQRBThumbImage& image, int orientat
     const int h = image.GetHeight();
     if (w <= 0 || h <= 0) return;
     if (width > w || h < height) {
-        // Either way the result covers the box and keeps the aspect ratio. 64-bit, because the
-        // products of a hostile size would overflow; a side beyond int is not scaled at all
-        // (ScaleARGB refuses anything near that anyway).
-        const int64_t h1 = static_cast<int64_t>(h) * width / w;
-        int64_t scaledW = width;
-        int64_t scaledH = h1;
-        if (h1 <= height) {
-            scaledW = static_cast<int64_t>(height) * w / h;
-            scaledH = height;
-        }
+        // Either way the result covers the box and keeps the aspect ratio, rounded as the
+        // getters round (one pixel short of the box at worst, and then not cropped). A side
+        // beyond int is not scaled at all (ScaleARGB refuses anything near that anyway).
+        uint64_t scaledW = 0;
+        uint64_t scaledH = 0;
+        CQRBImageUtil::CoverSize(static_cast<uint64_t>(w), static_cast<uint64_t>(h),
+                                 static_cast<uint64_t>(std::max(width, 0)),
+                                 static_cast<uint64_t>(std::max(height, 0)),
+                                 QRBCoverRounding::kTruncatedQuotient, &scaledW, &scaledH);
         if (scaledW > 0 && scaledW <= INT_MAX && scaledH > 0 && scaledH <= INT_MAX) {
             image.ScaleARGB(static_cast<int>(scaledW), static_cast<int>(scaledH));
         } else {

@@ -1,7 +1,8 @@
 // Local pictures (JPEG with or without an embedded thumbnail, PNG, BMP): the picture decoder
 // makes a raster that covers the requested box, this getter turns it upright by the picture's
 // EXIF orientation, brings it to cover the box again, crops the centre to exactly the requested
-// size and packs it. A request of 0 x 0 gets the picture at its own size, upright.
+// size and packs it. A request of 0 x 0 gets the picture at its own size, upright (made from
+// its EXIF thumbnail when it has one: the decoder chooses the source before the size).
 //
 // One instance per extract mode serves every worker; it keeps no per-request state. Every
 // failure gives a null item (the decoder logs why).

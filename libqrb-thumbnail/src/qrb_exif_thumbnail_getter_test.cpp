@@ -555,6 +555,36 @@ TEST_F(ExifGetterFileTest, OwnSizeRequestGivesThePictureUprightAtItsOwnSize) {
     EXPECT_EQ(UprightProblem(b, kWhite), "");
 }
 
+// Requests far above a thumbnail's size come back at exactly the size asked: only both sides
+// above 4096 are refused.
+struct LargeRequest {
+    int orient, sw, sh;  // the scene, stored for orient
+    int reqW, reqH;
+};
+
+void PrintTo(const LargeRequest& c, std::ostream* os) {
+    *os << c.sw << "x" << c.sh << " orientation " << c.orient << " at " << c.reqW << "x" << c.reqH;
+}
+
+class ExifGetterLargeRequestTest : public ExifGetterFileTest,
+                                   public ::testing::WithParamInterface<LargeRequest> {};
+
+TEST_P(ExifGetterLargeRequestTest, ComesBackAtTheSizeAsked) {
+    const LargeRequest c = GetParam();
+    const std::string path = Write("large.jpg", PictureFile(c.orient, c.sw, c.sh));
+    const Argb a = Extract(getter, path, c.reqW, c.reqH);
+    ASSERT_EQ(a.width, c.reqW);
+    ASSERT_EQ(a.height, c.reqH);
+    EXPECT_EQ(UprightProblem(a, kWhite), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, ExifGetterLargeRequestTest,
+    ::testing::Values(LargeRequest{1, 3000, 4000, 3840, 2160},  // portrait on a 4K screen
+                      LargeRequest{6, 3000, 4000, 3840, 2160},  // the same, stored sideways
+                      LargeRequest{0, 8000, 400, 1920, 1080},   // a 20:1 panorama
+                      LargeRequest{1, 400, 300, 4096, 4096}));
+
 TEST_F(ExifGetterFileTest, MissingOrBrokenPicturesGiveNoItem) {
     _stExtractInfo info;
     info.width = 64;

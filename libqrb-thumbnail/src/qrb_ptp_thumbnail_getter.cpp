@@ -1,6 +1,7 @@
 #include "qrb_ptp_thumbnail_getter.h"
 
 #include "image-decoder/qrb_image_processor.h"
+#include "image-decoder/qrb_image_util.h"
 #include "image-decoder/qrb_picture_thumb_param.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -13,6 +14,7 @@
 
 #include <libexif/exif-data.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -28,10 +30,6 @@ void FreeRaster(unsigned char* p) { std::free(p); }
 using ScopedRaster = QRBScoped<unsigned char, FreeRaster>;
 void FreeExif(ExifData* data) { exif_data_unref(data); }
 using ScopedExif = QRBScoped<ExifData, FreeExif>;
-
-// A scaled raster above this many pixels is not made: only a thumbnail of an absurd aspect
-// ratio gets there, and a failed allocation in ScaleARGB would end the process.
-constexpr int64_t kMaxScaledPixels = 4096LL * 4096LL;
 
 // Removes the temporary file once armed, that is once this request has created it; a name
 // that was taken by someone else is never armed and so never removed.
@@ -114,21 +112,22 @@ void CQRBPTPThumbnailGetter::m_FillAndCrop(CQRBThumbImage& image, int width, int
     const int w = image.GetWidth();
     const int h = image.GetHeight();
     if (w != width || h != height) {
-        // The side that needs the larger factor sets the scale. The choice is made on exact
-        // products, not on a truncated quotient, so that rounding never leaves the picture a
-        // pixel short of the box (213 x 160 into 160 x 120 would otherwise become 159 x 120).
-        // Integer arithmetic, a zero divisor giving 0; 64-bit so that no product overflows.
-        int64_t scaledW = width;
-        int64_t scaledH = w != 0 ? static_cast<int64_t>(h) * width / w : 0;
-        if (static_cast<int64_t>(height) * w >= static_cast<int64_t>(width) * h) {
-            scaledW = h != 0 ? static_cast<int64_t>(w) * height / h : 0;
-            scaledH = height;
-        }
-        if (scaledW > 0 && scaledH > 0 && scaledW * scaledH <= kMaxScaledPixels) {
+        // Scale to fill with integer division as the getters round it: t = h x width / w
+        // decides, so 213 x 160 into 160 x 120 becomes 159 x 120, a pixel short, and is then
+        // left uncropped. A quotient by zero is 0, and a zero side is no scaling (ScaleARGB
+        // refuses it, as it refuses a raster beyond its bound).
+        uint64_t scaledW = 0;
+        uint64_t scaledH = 0;
+        CQRBImageUtil::CoverSize(
+            static_cast<uint64_t>(std::max(w, 0)), static_cast<uint64_t>(std::max(h, 0)),
+            static_cast<uint64_t>(std::max(width, 0)), static_cast<uint64_t>(std::max(height, 0)),
+            QRBCoverRounding::kTruncatedQuotient, &scaledW, &scaledH);
+        if (scaledW <= INT_MAX && scaledH <= INT_MAX) {
             image.ScaleARGB(static_cast<int>(scaledW), static_cast<int>(scaledH));
-        } else if (scaledW > 0 && scaledH > 0) {
-            QRB_LOGW("no scaling of %d x %d to %lld x %lld", w, h, static_cast<long long>(scaledW),
-                     static_cast<long long>(scaledH));
+        } else {
+            QRB_LOGW("no scaling of %d x %d to %llu x %llu", w, h,
+                     static_cast<unsigned long long>(scaledW),
+                     static_cast<unsigned long long>(scaledH));
         }
     }
     const int sw = image.GetWidth();

@@ -41,8 +41,9 @@ public:
     static bool m_GetRotation(const char* path, int& rotation);
     // Makes every missing folder of path (0755). True when the folder exists afterwards.
     static bool m_CreateDir(const char* path);
-    // Scales image, keeping its aspect ratio, so that it fills width x height, then crops the
-    // centre to exactly that. A request side of 0 leaves the image as it is.
+    // Scales image, keeping its aspect ratio, so that it fills width x height (integer
+    // division, so it may fall a pixel short), then crops the centre to exactly that when it
+    // covers the box. A request side of 0 leaves the image as it is.
     static void m_FillAndCrop(CQRBThumbImage& image, int width, int height);
 
     // The temporary file's path for a process id and counter value.

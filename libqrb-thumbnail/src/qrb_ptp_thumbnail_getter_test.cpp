@@ -100,10 +100,14 @@ TEST(PtpGetterGeometry, FillsTheBoxThenCropsItsCentre) {
     };
     const Case cases[] = {
         {400, 300, 320, 180, 320, 240, 0, 30},  // a 4:3 picture into a 16:9 box
-        {160, 120, 100, 100, 133, 100, 16, 0},  {200, 100, 400, 200, 400, 200, 0, 0},
-        {213, 160, 160, 120, 160, 120, -1, -1},  // 160 x 120.2: the width decides, exactly
-        {160, 120, 160, 120, 0, 0, -1, -1},      // already the size
-        {160, 120, 0, 0, 0, 0, -1, -1},          // the picture's own size
+        {160, 120, 100, 100, 133, 100, 16, 0},
+        {200, 100, 400, 200, 400, 200, 0, 0},
+        // t = 160 x 160 / 213 = 120 is not above 120: 159 x 120, a pixel short, uncropped.
+        {213, 160, 160, 120, 159, 120, -1, -1},
+        // A large request is filled whatever the raster it makes.
+        {160, 120, 4096, 4096, 5461, 4096, 682, 0},
+        {160, 120, 160, 120, 0, 0, -1, -1},  // already the size
+        {160, 120, 0, 0, 0, 0, -1, -1},      // the picture's own size
     };
     for (const Case& c : cases) {
         auto image = Raster(c.w, c.h);
@@ -223,7 +227,9 @@ TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedThroughTheCInterface) {
         {"upright.jpg", 0, 0, DEV_TYPE_PTP, 160, 120, "RGWB"},
         {"upright.jpg", 100, 100, DEV_TYPE_PTP, 100, 100, "RGWB"},
         // Stored turned (orientation 6): shown upright, the stored left column becomes the top.
-        {"turned.jpg", 160, 120, DEV_TYPE_PTP, 160, 120, "BRGW"},
+        // Decoded at 160 x 213 and turned to 213 x 160, it fills 160 x 120 as 159 x 120 (integer
+        // division) and is not cropped.
+        {"turned.jpg", 160, 120, DEV_TYPE_PTP, 159, 120, "BRGW"},
         {"turned.jpg", 64, 64, DEV_TYPE_PTP, 64, 64, "BRGW"},
         // Orientation 1 says "as stored": nothing is turned.
         {"tagged.jpg", 80, 60, DEV_TYPE_PTP, 80, 60, "RGWB"},

@@ -1,14 +1,15 @@
 // BMP, decoded by hand: 1, 2, 4 and 8-bit palettes, 16 and 32-bit pixels with default or
-// explicit bit fields (alpha too, from V3 and later headers or ALPHABITFIELDS), 24-bit pixels,
-// RLE8, RLE4 and OS/2 RLE24 with their escapes, rows bottom-up or top-down.
+// explicit bit fields, 24-bit pixels, RLE8, RLE4 and OS/2 RLE24 with their escapes, rows
+// bottom-up or top-down. Every pixel written is opaque (alpha 255), as every decoder of this
+// service writes it: an alpha mask (V3 and later headers, ALPHABITFIELDS) is read with the
+// header but its channel is not used.
 //
 // Rows are never held whole: output pixel (x, y) takes picture pixel (x * w / outW,
 // y * h / outH). Uncompressed files are read only at the rows the output needs; run-length
 // files are expanded one row at a time and each finished row goes to the output rows that
 // take it. A run or a delta that would leave its row or the picture is an error, never a
 // write: such a file fails as a whole. Pixels a run-length file skips (deltas, early line ends,
-// data that stops short) are opaque black, like every pixel we write: alpha is 255 unless the
-// file gives an alpha channel.
+// data that stops short) are opaque black.
 #include "image-decoder/qrb_bmp_reader.h"
 #include "image-decoder/qrb_image_decoder.h"
 #include "qrb_log.h"
@@ -85,16 +86,13 @@ inline unsigned char Extract(uint32_t pixel, const Channel& c) {
 struct PixelFormat {
     uint16_t bpp = 0;
     const unsigned char* palette = nullptr;  // 256 BGRA entries
-    Channel red, green, blue, alpha;
-    bool hasAlpha = false;
+    Channel red, green, blue;
 
     PixelFormat(const CQRBPictureParser::BMPInfo& info, const unsigned char* pal)
         : bpp(info.bitsPerPixel), palette(pal) {
         red = MakeChannel(info.mask[0]);
         green = MakeChannel(info.mask[1]);
         blue = MakeChannel(info.mask[2]);
-        alpha = MakeChannel(info.mask[3]);
-        hasAlpha = alpha.bits > 0;
     }
 
     // Pixel x of a stored row (the caller keeps x inside the row).
@@ -133,7 +131,7 @@ struct PixelFormat {
         dst[0] = Extract(pixel, blue);
         dst[1] = Extract(pixel, green);
         dst[2] = Extract(pixel, red);
-        dst[3] = hasAlpha ? Extract(pixel, alpha) : 255;
+        dst[3] = 255;
     }
 };
 
@@ -310,12 +308,6 @@ bool CQRBPictureParser::ParseBMPHeader(FILE* fp, uint64_t fileSize, BMPInfo* inf
         info->mask[0] = 0x00FF0000;
         info->mask[1] = 0x0000FF00;
         info->mask[2] = 0x000000FF;
-    }
-    // Headers of 56 bytes and more carry an alpha mask whatever the compression: when it is
-    // set, 16- and 32-bit pixels have alpha there (the colour masks of BI_RGB stay the
-    // defaults). A 40-byte header's BI_RGB pixels have no alpha, whatever their top byte.
-    if (kind == kCompressionRgb && (bpp == 16 || bpp == 32) && headerSize >= 56) {
-        info->mask[3] = Le32(h + 52);
     }
     if (kind == kCompressionBitFields || kind == kCompressionAlphaBitFields) {
         const int count = kind == kCompressionAlphaBitFields ? 4 : 3;

@@ -42,7 +42,9 @@ public:
         uint64_t dataOffset = 0;  // first byte of the pixel data
         uint64_t dataSize = 0;    // bytes of pixel data present in the file from dataOffset
         uint64_t rowStride = 0;   // bytes per stored row (uncompressed data)
-        uint32_t mask[4] = {};    // red, green, blue, alpha masks of 16- and 32-bit pixels
+        // Red, green, blue and alpha masks of 16- and 32-bit bit-field pixels. The alpha mask is
+        // kept as the header gives it; the decoder writes every pixel opaque all the same.
+        uint32_t mask[4] = {};
     };
 
     static constexpr int kPaletteEntries = 256;

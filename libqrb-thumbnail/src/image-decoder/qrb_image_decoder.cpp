@@ -1,5 +1,7 @@
 #include "image-decoder/qrb_image_decoder.h"
 
+#include "image-decoder/qrb_image_util.h"
+
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -34,6 +36,8 @@ CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int a
         }
     } else if (m_nThumbnailType != kTypePtp && m_nThumbnailType != kTypeHttp) {
         // A PTP object or an HTTP URI is no file of ours: its type stands and nothing is parsed.
+        // The source is chosen on the request as given; only then does a zero side take the
+        // picture's own size (so a 0 x 0 request on a photo with an EXIF thumbnail gets it).
         ret = m_ParsePictureHeader(forceFull);
         if (m_uRequestWidth == 0) m_uRequestWidth = m_uPictureWidth;
         if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
@@ -138,29 +142,19 @@ void CQRBImageDecoder::m_SelectThumbnailType(bool forceFull) {
 void CQRBImageDecoder::m_CalculateDimension(uint32_t srcW, uint32_t srcH) {
     m_uOutputWidth = 0;
     m_uOutputHeight = 0;
-    const uint64_t W = m_uRequestWidth;
-    const uint64_t H = m_uRequestHeight;
-    if (W == 0 || H == 0 || srcW == 0 || srcH == 0) return;
-    // Products of two 32-bit values, computed in 64 bits: none can wrap. The quotients can
-    // still be far larger than any raster (a 65535 x 1 picture covering a 4096 x 4096 box would
-    // be 268 million pixels wide), hence the bound below.
-    uint64_t outW;
-    uint64_t outH;
-    if (W * srcH < H * srcW) {
-        outW = H * srcW / srcH;
-        outH = H;
-    } else if (W * srcH == H * srcW) {
-        outW = W;
-        outH = H;
-    } else {
-        outW = W;
-        outH = W * srcH / srcW;
-    }
-    if (outW == 0 || outH == 0 || outW > kMaxOutputPixels || outH > kMaxOutputPixels ||
-        outW * outH > kMaxOutputPixels) {
-        QRB_LOGW("output %llu x %llu for a %u x %u source refused",
+    if (m_uRequestWidth == 0 || m_uRequestHeight == 0 || srcW == 0 || srcH == 0) return;
+    uint64_t outW = 0;
+    uint64_t outH = 0;
+    CQRBImageUtil::CoverSize(srcW, srcH, m_uRequestWidth, m_uRequestHeight,
+                             QRBCoverRounding::kExactProducts, &outW, &outH);
+    // Each side is checked alone first: a quotient can be far beyond 64-bit products.
+    if (outW > static_cast<uint64_t>(CQRBImageUtil::kMaxPixels) ||
+        outH > static_cast<uint64_t>(CQRBImageUtil::kMaxPixels) ||
+        !CQRBImageUtil::IsRasterSizeAllowed(static_cast<long long>(outW),
+                                            static_cast<long long>(outH))) {
+        QRB_LOGW("output %llu x %llu for a %u x %u source refused: more than %lld pixels",
                  static_cast<unsigned long long>(outW), static_cast<unsigned long long>(outH), srcW,
-                 srcH);
+                 srcH, CQRBImageUtil::kMaxPixels);
         return;
     }
     m_uOutputWidth = static_cast<uint32_t>(outW);
@@ -238,14 +232,14 @@ int CQRBImageDecoder::m_DecideDecoder() const {
 
 int CQRBImageDecoder::m_ReadExifThumbnail(unsigned char* out) {
     // The EXIF thumbnail is small: always decoded at full scale.
-    return m_JpegSWDecoding(out, m_uExifOffset, m_uExifSize, 1) == 0 ? kExifSuccess : kExifFailure;
+    return m_JpegSWDecoding(out, m_uExifOffset, 1) == 0 ? kExifSuccess : kExifFailure;
 }
 
 int CQRBImageDecoder::m_ReadFullDecodingThumbnail(unsigned char* out) {
     switch (m_DecideDecoder()) {
         case kDecoderSoftware: {
             const int scale = m_ScaleFactor(m_uPictureWidth, m_uPictureHeight);
-            return m_JpegSWDecoding(out, 0, 0, scale) == 0 ? kFullSuccess : kFullFailure;
+            return m_JpegSWDecoding(out, 0, scale) == 0 ? kFullSuccess : kFullFailure;
         }
         case kDecoderPtp:
             return kFullFailure;  // a PTP object is never decoded here
@@ -257,6 +251,11 @@ int CQRBImageDecoder::m_ReadFullDecodingThumbnail(unsigned char* out) {
 
 int CQRBImageDecoder::m_ReadLargeThumbnail(unsigned char* out) {
     const int scale = m_ScaleFactor(m_uLargeWidth, m_uLargeHeight);
-    return m_JpegSWDecoding(out, m_uLargeOffset, m_uLargeSize, scale) == 0 ? kLargeSuccess
-                                                                           : kLargeFailure;
+    return m_JpegSWDecoding(out, m_uLargeOffset, scale) == 0 ? kLargeSuccess : kLargeFailure;
+}
+
+uint64_t CQRBImageDecoder::m_SourceLength(uint64_t offset) const {
+    if (offset != 0 && offset == m_uExifOffset) return m_uExifSize;
+    if (offset != 0 && offset == m_uLargeOffset) return m_uLargeSize;
+    return UINT64_MAX;
 }

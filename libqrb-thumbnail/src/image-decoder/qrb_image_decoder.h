@@ -46,13 +46,14 @@ public:
     static constexpr int kDecoderPtp = 31;
     static constexpr int kDecoderSoftware = 32;
 
-    // Requests larger than this in both directions are refused (type 18) before any decoding.
+    // Requests larger than this in both directions are refused (type 18) before any decoding;
+    // one side above it is an ordinary request.
     static constexpr uint32_t kMaxRequest = 4096;
-    // The output raster never exceeds 4096 x 4096 pixels (64 MiB): the largest request accepted
-    // in both directions. A cover box that would be larger (a very wide or tall picture, or a
-    // huge request in one direction) gives an output size of 0 x 0, and the request fails,
-    // instead of an allocation of gigabytes.
-    static constexpr uint64_t kMaxOutputPixels = 4096ull * 4096ull;
+    // The output raster is bounded by the one raster bound, CQRBImageUtil::kMaxPixels (2^28
+    // pixels, 1 GiB): a cover box beyond it (a 65535 x 1 picture covering 4096 x 4096) gives an
+    // output size of 0 x 0, and the request fails, instead of an allocation that cannot be met.
+    // Ordinary large outputs (3840 x 5120 for a portrait photo at 3840 x 2160, 21600 x 1080 for
+    // a 20:1 panorama at 1920 x 1080) are far below it.
 
     CQRBImageDecoder(const char* uri, int width, int height, int arg, bool forceFull);
     ~CQRBImageDecoder();
@@ -68,6 +69,15 @@ public:
     uint32_t GetOutputHeight() const { return m_uOutputHeight; }
     // EXIF orientation of IFD0, 1..8; 0 when absent.
     uint32_t GetOrientation() const { return m_uOrientation; }
+    // The size of the JPEG whose SOI is at fp's current position, walking its markers no
+    // further than file offset end: SOI, then markers up to the first SOF0..SOF2. 0 with
+    // *width, *height set; -1 when no SOI or no size is found inside the range.
+    static int m_ParsePictureSize(FILE* fp, uint64_t end, uint32_t* width, uint32_t* height);
+    // One output pixel (blue, green, red, 255) from one decoded sample of `components` bytes:
+    // grey gives R = G = B; CMYK and YCCK (decoded to CMYK) use their first three bytes
+    // unconverted; anything else is read as R, G, B.
+    static void m_WriteRGBData(const unsigned char* sample, int components, unsigned char* dst);
+
     // The picture's own size (JPEG frame header, PNG or BMP header).
     uint32_t GetPictureWidth() const { return m_uPictureWidth; }
     uint32_t GetPictureHeight() const { return m_uPictureHeight; }
@@ -91,9 +101,12 @@ private:
     int m_ReadFullDecodingThumbnail(unsigned char* out);
     int m_ReadLargeThumbnail(unsigned char* out);
     int m_DecideDecoder() const;
-    // Decodes the JPEG at [offset, offset + size) of the file at scale 1/scale into out.
-    // size 0 means "to the end of the file". 0 or -1.
-    int m_JpegSWDecoding(unsigned char* out, uint64_t offset, uint64_t size, int scale);
+    // Decodes the JPEG that starts at offset of the file (0: the picture; otherwise an
+    // embedded thumbnail's offset) at scale 1/scale into out. 0 or -1.
+    int m_JpegSWDecoding(unsigned char* out, uint64_t offset, int scale);
+    // The bytes that belong to the JPEG at offset: an embedded thumbnail's recorded length, so
+    // that its decoder never reads into the picture around it, or everything to the end.
+    uint64_t m_SourceLength(uint64_t offset) const;
 
     int m_ParsePNGThumbInfo();
     int m_ReadPNGThumbnail(unsigned char* out);

@@ -259,6 +259,21 @@ TEST_F(ImageDecoderTest, ZeroRequestTakesThePicturesOwnSize) {
     EXPECT_EQ(48, img.height);
     EXPECT_TRUE(AllNear(img, JpegSpec{}.color, 3));
 
+    // The source is chosen on the request as given (0 is below twice any thumbnail), and only
+    // then does the request take the picture's size: the EXIF thumbnail, enlarged to it.
+    JpegSpec withThumb;
+    withThumb.width = 640;
+    withThumb.height = 480;
+    withThumb.thumbWidth = 160;
+    withThumb.thumbHeight = 120;
+    const std::string photo = WriteJpeg("own-thumb.jpg", withThumb);
+    EXPECT_EQ(CQRBImageDecoder::kTypeExif,
+              CQRBImageDecoder(photo.c_str(), 0, 0, 0, false).m_GetThumbnailType());
+    const Raster fromThumb = Decode(photo, 0, 0);
+    EXPECT_EQ(640, fromThumb.width);
+    EXPECT_EQ(480, fromThumb.height);
+    EXPECT_TRUE(AllNear(fromThumb, withThumb.thumbColor, 6));
+
     // A frame header of height 0 (size left to a later DNL marker): nothing to request.
     const std::string zero = Write("zero.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 64, 0));
     CQRBImageDecoder decoder(zero.c_str(), 0, 0, 0, false);
@@ -270,40 +285,51 @@ TEST_F(ImageDecoderTest, ZeroRequestTakesThePicturesOwnSize) {
 
 // --- Output size --------------------------------------------------------------------------
 
-TEST_F(ImageDecoderTest, OutputCoversTheRequestWithThePicturesAspect) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 0, 0);
-    struct Case {
-        int reqW, reqH;
-        unsigned outW, outH;
-    } cases[] = {
-        {320, 320, 426, 320},  // overflows in width
-        {320, 100, 320, 240},  // overflows in height
-        {400, 300, 400, 300},  // same aspect: the request itself
-        {1, 1, 1, 1},         {4096, 1, 4096, 3072},
-    };
-    for (const Case& c : cases) {
-        CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, false);
-        EXPECT_EQ(c.outW, decoder.GetOutputWidth()) << c.reqW << "x" << c.reqH;
-        EXPECT_EQ(c.outH, decoder.GetOutputHeight()) << c.reqW << "x" << c.reqH;
+// The output covers the request with the picture's aspect, overflowing it in one direction,
+// whatever its size: one raster bound (2^28 pixels) refuses only absurd covers, computed
+// without wrapping.
+struct OutputSizeCase {
+    int srcW, srcH, reqW, reqH;
+    unsigned outW, outH;  // 0 x 0: refused
+};
+
+void PrintTo(const OutputSizeCase& c, std::ostream* os) {
+    *os << c.srcW << "x" << c.srcH << " at " << c.reqW << "x" << c.reqH;
+}
+
+class ImageDecoderOutputSizeTest : public ImageDecoderTest,
+                                   public ::testing::WithParamInterface<OutputSizeCase> {};
+
+TEST_P(ImageDecoderOutputSizeTest, ExtremeAspectRatiosCannotOverflowTheOutputSize) {
+    const OutputSizeCase c = GetParam();
+    const std::string path =
+        Write("extreme.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), c.srcW, c.srcH));
+    CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, false);
+    EXPECT_EQ(c.outW, decoder.GetOutputWidth());
+    EXPECT_EQ(c.outH, decoder.GetOutputHeight());
+    EXPECT_NE(CQRBImageDecoder::kTypeTooLarge, decoder.m_GetThumbnailType());
+    if (c.outW == 0 && c.reqW > 0) {
+        EXPECT_TRUE(Decode(path, c.reqW, c.reqH).Empty());
+        EXPECT_TRUE(log.Contains("refused: more than 268435456 pixels"));
     }
 }
 
-TEST_F(ImageDecoderTest, ExtremeAspectRatiosCannotOverflowTheOutputSize) {
-    // 65535 x 1 covering 4096 x 4096 would be 268 million pixels wide: refused, not wrapped.
-    const std::string wide = Write("wide.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 65535, 1));
-    CQRBImageDecoder decoder(wide.c_str(), 4096, 4096, 0, false);
-    EXPECT_EQ(0u, decoder.GetOutputWidth());
-    EXPECT_EQ(0u, decoder.GetOutputHeight());
-    EXPECT_TRUE(Decode(wide, 4096, 4096).Empty());
-    const std::string tall = Write("tall.jpg", WithFrameSize(MakeJpeg(JpegSpec{}), 1, 65535));
-    EXPECT_EQ(0u, CQRBImageDecoder(tall.c_str(), 320, 240, 0, false).GetOutputHeight());
-    // Its own size is a fine output.
-    CQRBImageDecoder own(wide.c_str(), 0, 0, 0, false);
-    EXPECT_EQ(65535u, own.GetOutputWidth());
-    EXPECT_EQ(1u, own.GetOutputHeight());
-    // A negative request is no size at all.
-    EXPECT_EQ(0u, CQRBImageDecoder(wide.c_str(), -320, 240, 0, false).GetOutputWidth());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, ImageDecoderOutputSizeTest,
+    ::testing::Values(
+        OutputSizeCase{4000, 3000, 320, 320, 426, 320},  // overflows in width
+        OutputSizeCase{4000, 3000, 320, 100, 320, 240},  // overflows in height
+        OutputSizeCase{4000, 3000, 400, 300, 400, 300},  // same aspect: the request itself
+        OutputSizeCase{4000, 3000, 1, 1, 1, 1}, OutputSizeCase{4000, 3000, 4096, 1, 4096, 3072},
+        // Large requests come out at their cover size.
+        OutputSizeCase{3000, 4000, 3840, 2160, 3840, 5120},    // a portrait photo on a 4K screen
+        OutputSizeCase{20000, 1000, 1920, 1080, 21600, 1080},  // a 20:1 panorama
+        OutputSizeCase{4000, 3000, 4096, 4096, 5461, 4096},
+        OutputSizeCase{65535, 1, 0, 0, 65535, 1},  // its own size
+        // 65535 x 1 covering 4096 x 4096 would be 268 million pixels wide; 1 x 65535 covering
+        // 320 x 240 would be 21 million rows: refused, not wrapped.
+        OutputSizeCase{65535, 1, 4096, 4096, 0, 0}, OutputSizeCase{1, 65535, 320, 240, 0, 0},
+        OutputSizeCase{65535, 1, -320, 240, 0, 0}));  // a negative request is no size at all
 
 // --- Decoding -----------------------------------------------------------------------------
 
@@ -324,6 +350,47 @@ TEST_F(ImageDecoderTest, DecodesA4000x3000PhotoAt426x320WithOneEighthScale) {
     EXPECT_TRUE(Near(img, 100, 240, kBlue, 8));
     EXPECT_TRUE(Near(img, 320, 240, kWhite, 8));
 }
+
+// Progressive photos as ImageMagick writes them (testdata/make_picture_fixtures.sh), in every
+// common subsampling and up to 50 megapixels, decode at small, large and their own sizes.
+struct ProgressiveCase {
+    const char* file;
+    int reqW, reqH;
+    int outW, outH;
+};
+
+void PrintTo(const ProgressiveCase& c, std::ostream* os) {
+    *os << c.file << " at " << c.reqW << "x" << c.reqH;
+}
+
+class ProgressivePhotoTest : public ImageDecoderTest,
+                             public ::testing::WithParamInterface<ProgressiveCase> {};
+
+TEST_P(ProgressivePhotoTest, DecodesAtTheRequestedSize) {
+    const ProgressiveCase c = GetParam();
+    const std::string path = std::string(QRB_PICTURE_FIXTURE_DIR) + "/" + c.file;
+    const Raster img = Decode(path, c.reqW, c.reqH);
+    ASSERT_EQ(c.outW, img.width) << c.file;
+    ASSERT_EQ(c.outH, img.height) << c.file;
+    EXPECT_TRUE(log.Contains("bytes of coefficients")) << "decoded as multi-scan";
+    EXPECT_FALSE(log.Contains(" needs ")) << "no coefficient refusal";
+    const int w = img.width;
+    const int h = img.height;
+    EXPECT_TRUE(Near(img, w / 4, h / 4, kRed, 12));
+    EXPECT_TRUE(Near(img, w * 3 / 4, h / 4, kGreen, 12));
+    EXPECT_TRUE(Near(img, w / 4, h * 3 / 4, kBlue, 12));
+    EXPECT_TRUE(Near(img, w * 3 / 4, h * 3 / 4, kWhite, 12));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fixtures, ProgressivePhotoTest,
+    ::testing::Values(ProgressiveCase{"progressive_444_4000x3000.jpg", 320, 240, 320, 240},
+                      ProgressiveCase{"progressive_444_4000x3000.jpg", 1920, 1080, 1920, 1440},
+                      ProgressiveCase{"progressive_444_4000x3000.jpg", 0, 0, 4000, 3000},
+                      ProgressiveCase{"progressive_422_6000x4000.jpg", 320, 240, 360, 240},
+                      ProgressiveCase{"progressive_420_6000x4000.jpg", 320, 240, 360, 240},
+                      ProgressiveCase{"progressive_420_6000x4000.jpg", 4096, 4096, 6144, 4096},
+                      ProgressiveCase{"progressive_444_8688x5792.jpg", 320, 240, 360, 240}));
 
 TEST_F(ImageDecoderTest, ScaleFactorFollowsHowMuchLargerTheSourceIs) {
     JpegSpec spec;

@@ -55,6 +55,34 @@ bool CQRBImageUtil::IsRasterSizeAllowed(long long width, long long height) {
            width * height <= kMaxPixels;
 }
 
+void CQRBImageUtil::CoverSize(uint64_t srcW, uint64_t srcH, uint64_t boxW, uint64_t boxH,
+                              QRBCoverRounding rounding, uint64_t* outW, uint64_t* outH) {
+    if (rounding == QRBCoverRounding::kExactProducts) {
+        *outW = 0;
+        *outH = 0;
+        if (srcW == 0 || srcH == 0 || boxW == 0 || boxH == 0) return;
+        if (boxW * srcH < boxH * srcW) {  // wider than the box: the height decides
+            *outW = boxH * srcW / srcH;
+            *outH = boxH;
+        } else if (boxW * srcH == boxH * srcW) {
+            *outW = boxW;
+            *outH = boxH;
+        } else {
+            *outW = boxW;
+            *outH = boxW * srcH / srcW;
+        }
+        return;
+    }
+    const uint64_t t = srcW != 0 ? srcH * boxW / srcW : 0;
+    if (boxH >= t) {
+        *outW = srcH != 0 ? srcW * boxH / srcH : 0;
+        *outH = boxH;
+    } else {
+        *outW = boxW;
+        *outH = t;
+    }
+}
+
 bool CQRBImageUtil::ScaleARGBLinear(unsigned char* a, unsigned char* r, unsigned char* g,
                                     unsigned char* b, int srcW, int srcH, int dstW, int dstH,
                                     unsigned char* dst) {

@@ -15,6 +15,18 @@
 #ifndef QRB_IMAGE_UTIL_H
 #define QRB_IMAGE_UTIL_H
 
+#include <cstdint>
+
+// How a cover size is rounded. Both keep the source's aspect ratio and give one side exactly;
+// they differ in how they pick the side that is given exactly:
+//  - kExactProducts compares boxW x srcH with boxH x srcW, so the result never falls short of
+//    the box (the picture decoder's output size: 133 x 100 covering 160 x 120 is 160 x 120);
+//  - kTruncatedQuotient first computes t = srcH x boxW / srcW (truncated) and takes the box's
+//    height when boxH >= t, as the getters that bring a decoded raster to the request do; it
+//    can fall one pixel short (133 x 100 or 213 x 160 into 160 x 120 give 159 x 120), and then
+//    the getter does not crop.
+enum class QRBCoverRounding { kExactProducts, kTruncatedQuotient };
+
 // Truncated mean of the 2 x 2 block of one 8-bit plane at plane[index], plane[index + 1],
 // plane[index + stride] and plane[index + stride + 1]. The caller keeps all four inside.
 int average2(long index, const unsigned char* plane, long stride);
@@ -28,6 +40,13 @@ public:
     // True when width x height is a raster these operations accept: both positive and at most
     // kMaxPixels pixels together.
     static bool IsRasterSizeAllowed(long long width, long long height);
+
+    // The size with the aspect ratio of srcW x srcH that covers boxW x boxH, rounded the given
+    // way (unsigned 64-bit arithmetic: no product of two 32-bit sides wraps). kExactProducts
+    // gives 0 x 0 when any side is 0; kTruncatedQuotient gives 0 for a quotient by zero. The
+    // result may be far larger than any raster: callers check it with IsRasterSizeAllowed.
+    static void CoverSize(uint64_t srcW, uint64_t srcH, uint64_t boxW, uint64_t boxH,
+                          QRBCoverRounding rounding, uint64_t* outW, uint64_t* outH);
 
     static long m_Min(long a, long b) { return a < b ? a : b; }
 

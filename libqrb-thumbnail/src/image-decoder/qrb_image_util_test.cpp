@@ -56,6 +56,53 @@ TEST(ImageUtilTest, RasterSizeLimitRefusesOverflowingAndAbsurdSizes) {
     EXPECT_FALSE(CQRBImageUtil::IsRasterSizeAllowed(-2, -2));
 }
 
+// ---- cover size
+
+struct CoverCase {
+    uint64_t srcW, srcH, boxW, boxH;
+    uint64_t exactW, exactH;          // kExactProducts
+    uint64_t truncatedW, truncatedH;  // kTruncatedQuotient
+};
+
+// Readable test names: "4000x3000 into 320x240".
+void PrintTo(const CoverCase& c, std::ostream* os) {
+    *os << c.srcW << "x" << c.srcH << " into " << c.boxW << "x" << c.boxH;
+}
+
+class CoverSizeTest : public ::testing::TestWithParam<CoverCase> {};
+
+TEST_P(CoverSizeTest, KeepsTheAspectAndRoundsTheNamedWay) {
+    const CoverCase c = GetParam();
+    uint64_t w = 1;
+    uint64_t h = 1;
+    CQRBImageUtil::CoverSize(c.srcW, c.srcH, c.boxW, c.boxH, QRBCoverRounding::kExactProducts, &w,
+                             &h);
+    EXPECT_EQ(w, c.exactW);
+    EXPECT_EQ(h, c.exactH);
+    CQRBImageUtil::CoverSize(c.srcW, c.srcH, c.boxW, c.boxH, QRBCoverRounding::kTruncatedQuotient,
+                             &w, &h);
+    EXPECT_EQ(w, c.truncatedW);
+    EXPECT_EQ(h, c.truncatedH);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CoverSizeTest,
+    ::testing::Values(
+        CoverCase{4000, 3000, 320, 320, 426, 320, 426, 320},  // wider than the box
+        CoverCase{4000, 3000, 320, 180, 320, 240, 320, 240},  // taller than the box
+        CoverCase{400, 300, 400, 300, 400, 300, 400, 300},    // the box itself
+        // Where the two differ: the truncated quotient falls a pixel short of the box.
+        CoverCase{133, 100, 160, 120, 160, 120, 159, 120},
+        CoverCase{213, 160, 160, 120, 160, 120, 159, 120},
+        CoverCase{100, 50, 320, 240, 480, 240, 480, 240},
+        CoverCase{3000, 4000, 3840, 2160, 3840, 5120, 3840, 5120},
+        CoverCase{20000, 1000, 1920, 1080, 21600, 1080, 21600, 1080},
+        // Zero sides: no size at all, or a quotient by zero taken as 0.
+        CoverCase{0, 3000, 320, 240, 0, 0, 0, 240}, CoverCase{4000, 3000, 0, 0, 0, 0, 0, 0},
+        // 32-bit sides whose products need 64 bits.
+        CoverCase{65535, 1, 4294967295u, 4294967295u, 281470681677825u, 4294967295u,
+                  281470681677825u, 4294967295u}));
+
 // ---- planar
 
 struct Planes {

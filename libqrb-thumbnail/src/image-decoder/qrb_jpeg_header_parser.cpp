@@ -259,12 +259,13 @@ bool CQRBJpegHeaderParser::ParseExif(const unsigned char* payload, size_t size,
     return true;
 }
 
-int CQRBJpegHeaderParser::ParsePictureSize(FILE* fp, uint64_t offset, uint64_t end, uint32_t* width,
-                                           uint32_t* height) {
-    if (offset >= end || !SeekTo(fp, offset)) return -1;
-    uint64_t pos = offset;
+int CQRBImageDecoder::m_ParsePictureSize(FILE* fp, uint64_t end, uint32_t* width,
+                                         uint32_t* height) {
+    const off_t start = ftello(fp);
+    if (start < 0 || static_cast<uint64_t>(start) >= end) return -1;
+    uint64_t pos = static_cast<uint64_t>(start);
     bool sawSoi = false;
-    for (int segment = 0; segment < kMaxSegments; ++segment) {
+    for (int segment = 0; segment < CQRBJpegHeaderParser::kMaxSegments; ++segment) {
         unsigned char code[2];
         if (end - pos < 2 || !ReadExactly(fp, code, sizeof(code))) return -1;
         pos += 2;
@@ -347,10 +348,8 @@ int CQRBImageDecoder::m_ParsePictureHeader(bool forceFull) {
     if (m_uExifSize != 0) m_ParseExifThumbnailHeader(fp.get(), fileSize);
     if (m_uLargeSize != 0) m_ParseLargeThumbnailHeader(fp.get(), fileSize);
 
-    // A zero request means the picture's own size. It is settled before the choice below so
-    // that the choice compares against the size that will really be produced.
-    if (m_uRequestWidth == 0) m_uRequestWidth = m_uPictureWidth;
-    if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
+    // The choice compares the request as given: a zero side takes the picture's own size only
+    // after it (in the constructor).
     m_SelectThumbnailType(forceFull);
     return 0;
 }
@@ -358,9 +357,9 @@ int CQRBImageDecoder::m_ParsePictureHeader(bool forceFull) {
 int CQRBImageDecoder::m_ParseExifThumbnailHeader(FILE* fp, uint64_t fileSize) {
     uint32_t w = 0;
     uint32_t h = 0;
-    if (CQRBJpegHeaderParser::ParsePictureSize(fp, m_uExifOffset, m_uExifOffset + m_uExifSize, &w,
-                                               &h) != 0 ||
-        m_uExifOffset + m_uExifSize > fileSize) {
+    if (m_uExifOffset + m_uExifSize > fileSize ||
+        fseeko(fp, static_cast<off_t>(m_uExifOffset), SEEK_SET) != 0 ||
+        m_ParsePictureSize(fp, m_uExifOffset + m_uExifSize, &w, &h) != 0) {
         QRB_LOGW("EXIF thumbnail at %llu has no readable size",
                  static_cast<unsigned long long>(m_uExifOffset));
         m_uExifWidth = m_uExifHeight = 0;
@@ -374,9 +373,9 @@ int CQRBImageDecoder::m_ParseExifThumbnailHeader(FILE* fp, uint64_t fileSize) {
 int CQRBImageDecoder::m_ParseLargeThumbnailHeader(FILE* fp, uint64_t fileSize) {
     uint32_t w = 0;
     uint32_t h = 0;
-    if (CQRBJpegHeaderParser::ParsePictureSize(fp, m_uLargeOffset, m_uLargeOffset + m_uLargeSize,
-                                               &w, &h) != 0 ||
-        m_uLargeOffset + m_uLargeSize > fileSize) {
+    if (m_uLargeOffset + m_uLargeSize > fileSize ||
+        fseeko(fp, static_cast<off_t>(m_uLargeOffset), SEEK_SET) != 0 ||
+        m_ParsePictureSize(fp, m_uLargeOffset + m_uLargeSize, &w, &h) != 0) {
         QRB_LOGW("large thumbnail at %llu has no readable size",
                  static_cast<unsigned long long>(m_uLargeOffset));
         m_uLargeWidth = m_uLargeHeight = 0;

@@ -1,6 +1,7 @@
 // The JPEG header walk: markers from SOI to the first frame header, the EXIF block of the first
 // APP1 "Exif" segment (IFD0 orientation, IFD1 thumbnail position) and the large thumbnail of
-// the first APP2 segment that holds one, plus the size walk of an embedded JPEG.
+// the first APP2 segment that holds one. (The size walk of an embedded JPEG is the decoder's
+// m_ParsePictureSize, beside its callers in qrb_jpeg_header_parser.cpp.)
 //
 // Large thumbnail layout: an APP2 segment whose payload is itself a whole JPEG, starting with
 // its SOI (FF D8 FF) right after the segment length. The thumbnail starts at that SOI and runs
@@ -48,12 +49,6 @@ public:
     // leaving them untouched, when the block is not EXIF or its TIFF header is unreadable.
     static bool ParseExif(const unsigned char* payload, size_t size, uint64_t payloadOffset,
                           uint64_t fileSize, QRBJpegHeaderInfo* info);
-
-    // The size of the JPEG embedded at [offset, end) of fp: SOI, then markers up to the first
-    // SOF0..SOF2. 0 with *width, *height set; -1 when no SOI or no size is found inside the
-    // range.
-    static int ParsePictureSize(FILE* fp, uint64_t offset, uint64_t end, uint32_t* width,
-                                uint32_t* height);
 };
 
 #endif

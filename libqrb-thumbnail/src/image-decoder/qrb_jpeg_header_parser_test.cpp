@@ -1,6 +1,7 @@
 // The JPEG header walk and the EXIF directory walk, from byte literals: both byte orders, the
 // orientation of IFD0 only, the IFD1 thumbnail's absolute position, the APP2 large thumbnail,
 // and every way a hostile header could make a walk loop, stall or read out of bounds.
+#include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include "qrb_scoped.h"
@@ -395,7 +396,9 @@ TEST_F(JpegMarkerWalkTest, EveryTruncationOfAFileEnds) {
 int PictureSize(const std::string& bytes, uint64_t offset, uint64_t end, uint32_t* w, uint32_t* h) {
     ScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
     if (!fp) return -2;
-    return CQRBJpegHeaderParser::ParsePictureSize(fp.get(), offset, end, w, h);
+    // As the decoder's callers do: seek to the embedded JPEG first.
+    if (fseeko(fp.get(), static_cast<off_t>(offset), SEEK_SET) != 0) return -2;
+    return CQRBImageDecoder::m_ParsePictureSize(fp.get(), end, w, h);
 }
 
 TEST(JpegPictureSizeTest, FindsTheFrameOfAnEmbeddedJpeg) {

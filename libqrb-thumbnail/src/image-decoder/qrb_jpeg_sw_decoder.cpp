@@ -5,15 +5,27 @@
 // guarded frame of the current step (setjmp lives in small functions that hold only C state;
 // m_JpegSWDecoding owns the FILE* and the decompressor and releases them on every path).
 //
-// Limits on hostile input (a file may declare 65500 x 65500 pixels over a few bytes of junk):
+// Memory. A baseline picture is read row by row: libjpeg's row buffers at the scale in use are
+// all it holds (a few MiB at the widest). A progressive or other multi-scan picture also makes
+// libjpeg keep the coefficients of the whole picture, 2 bytes a sample whatever the DCT scale
+// (128 bytes a block, every component rounded up to whole MCUs): 69 MiB for a 12-megapixel
+// 4:4:4 photo, 288 MiB for a 50-megapixel one. That buffer is computed here exactly as libjpeg
+// will allocate it and
+//  - refused above kMaxCoefficientBytes (any three-component picture of up to 2^26 pixels,
+//    67 megapixels, fits at every subsampling; only a hostile header asks for more);
+//  - taken from the process-wide CQRBJpegMemoryBudget of the same size before libjpeg
+//    allocates it, so that the coefficients of all decodes in flight together stay within it:
+//    a decode that does not fit waits for the others to finish;
+//  - granted to libjpeg as its mem->max_memory_to_use, beside kRowMemory for everything else,
+//    so that libjpeg itself fails a decode that would take more than was reckoned.
+//
+// Limits on time for hostile input (a file may declare 65500 x 65500 pixels over a few bytes):
 //  - kMaxSourcePixels, kMaxDecodedPixels: how much picture a decode may walk through;
-//  - kMaxMemory: libjpeg's own allocations (mem->max_memory_to_use);
-//  - kMaxCoefficientBytes: progressive and other multi-scan files keep a coefficient buffer
-//    for the whole picture; one above this is refused before it is allocated;
 //  - kMaxScans, kMaxScanBlocks: a progress monitor ends files with endless scans;
 //  - kMaxWarnings: corrupt data produces a warning per fault; past this many we give up.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_image_util.h"
+#include "image-decoder/qrb_jpeg_memory_budget.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
@@ -29,6 +41,19 @@
 #include <jpeglib.h>
 #include <jerror.h>
 
+// Defined here, beside the per-pixel loops that call it, so that the compiler can inline it.
+void CQRBImageDecoder::m_WriteRGBData(const unsigned char* sample, int components,
+                                      unsigned char* dst) {
+    if (components == 1) {
+        dst[0] = dst[1] = dst[2] = sample[0];
+    } else {
+        dst[0] = sample[2];
+        dst[1] = sample[1];
+        dst[2] = sample[0];
+    }
+    dst[3] = 255;
+}
+
 namespace {
 
 // 2^29 pixels (e.g. 32768 x 16384). Every source pixel is entropy-decoded even at 1/8 scale;
@@ -38,22 +63,29 @@ constexpr uint64_t kMaxSourcePixels = 1ull << 29;
 // inverse DCT and colour conversion of every decoded pixel), not memory. A 64-megapixel photo
 // decodes at full scale; a 65500 x 65500 file does not, even at 1/8.
 constexpr uint64_t kMaxDecodedPixels = 1ull << 26;
-// libjpeg's allocations for one decode. Baseline files need a few MiB of row buffers even at
-// the largest width; the rest is for the coefficient buffer below.
-constexpr long kMaxMemory = 64L << 20;
-// A multi-scan file's coefficients take 2 bytes per sample of the whole picture: 48 MiB is a
-// 16-megapixel 4:2:0 photo. Bigger progressive pictures are refused rather than let the
-// process pass 128 MiB.
-constexpr uint64_t kMaxCoefficientBytes = 48ull << 20;
+// libjpeg's allocations for one decode besides the coefficient buffer: the row buffers of the
+// main, upsampling and colour-conversion stages at the widest picture take a few MiB.
+constexpr long kRowMemory = 64L << 20;
+// 384 MiB: the coefficients of a 2^26-pixel (67-megapixel) picture in three components at
+// 4:4:4, twice as many pixels at 4:2:0. Also the process-wide budget of coefficient memory, so
+// that the largest picture accepted can always be decoded, alone.
+constexpr uint64_t kMaxCoefficientBytes = 384ull << 20;
 // Real progressive files have about ten scans; a thousand is an attack or garbage.
 constexpr int kMaxScans = 1000;
-// Each scan walks its blocks again: scans x blocks above 2^27 (about 340 scans of the largest
-// accepted progressive picture) takes seconds and is ended as well.
+// Each scan walks the blocks of its components again: more than 2^27 blocks in all (over 40
+// passes over every component of the largest picture accepted, where encoders write about
+// ten scans of one or three components) takes seconds and is ended.
 constexpr uint64_t kMaxScanBlocks = 1ull << 27;
 // Corrupt-data warnings before the decode is abandoned; the first few are logged.
 constexpr int kMaxWarnings = 1000;
 constexpr int kLoggedWarnings = 3;
 constexpr size_t kSourceBufferSize = 4096;
+
+// The coefficient memory of all decodes in flight.
+CQRBJpegMemoryBudget& CoefficientBudget() {
+    static CQRBJpegMemoryBudget budget(kMaxCoefficientBytes);
+    return budget;
+}
 
 void CloseFile(FILE* fp) { std::fclose(fp); }
 using ScopedFile = QRBScoped<FILE, CloseFile>;
@@ -145,17 +177,25 @@ void TermSource(j_decompress_ptr) {}
 
 struct Progress {
     jpeg_progress_mgr pub;
-    uint64_t blocksPerScan;
+    int lastScan;           // the scan whose blocks were counted last
+    uint64_t walkedBlocks;  // blocks of every scan begun so far, its own components only
 };
 
 void ProgressMonitor(j_common_ptr cinfo) {
     const j_decompress_ptr d = reinterpret_cast<j_decompress_ptr>(cinfo);
-    const Progress* progress = reinterpret_cast<const Progress*>(cinfo->progress);
-    const uint64_t scans =
-        d->input_scan_number > 0 ? static_cast<uint64_t>(d->input_scan_number) : 0;
-    if (d->input_scan_number > kMaxScans || scans * progress->blocksPerScan > kMaxScanBlocks) {
-        QRB_LOGW("scan %d of a %llu-block picture: decode abandoned", d->input_scan_number,
-                 static_cast<unsigned long long>(progress->blocksPerScan));
+    Progress* progress = reinterpret_cast<Progress*>(cinfo->progress);
+    if (d->input_scan_number != progress->lastScan) {
+        progress->lastScan = d->input_scan_number;
+        for (int i = 0; i < d->comps_in_scan && i < MAX_COMPS_IN_SCAN; ++i) {
+            const jpeg_component_info* comp = d->cur_comp_info[i];
+            if (comp == nullptr) continue;
+            progress->walkedBlocks +=
+                static_cast<uint64_t>(comp->width_in_blocks) * comp->height_in_blocks;
+        }
+    }
+    if (d->input_scan_number > kMaxScans || progress->walkedBlocks > kMaxScanBlocks) {
+        QRB_LOGW("scan %d, %llu blocks walked: decode abandoned", d->input_scan_number,
+                 static_cast<unsigned long long>(progress->walkedBlocks));
         JumpBack(cinfo);
     }
 }
@@ -172,24 +212,11 @@ struct DecodeJob {
     JSAMPARRAY row;
 };
 
-// m_WriteRGBData: one output pixel (blue, green, red, 255) from one decoded sample. Grey gives
-// R = G = B; CMYK and YCCK (decoded to CMYK) use their first three bytes unconverted.
-inline void WriteRGBData(const JSAMPLE* sample, int components, unsigned char* dst) {
-    if (components == 1) {
-        dst[0] = dst[1] = dst[2] = sample[0];
-    } else {
-        dst[0] = sample[2];
-        dst[1] = sample[1];
-        dst[2] = sample[0];
-    }
-    dst[3] = 255;
-}
-
 int GuardedReadHeader(DecodeJob* job) {
     jpeg_decompress_struct* cinfo = job->cinfo;
     if (setjmp(job->err->jump)) return -1;
     jpeg_create_decompress(cinfo);
-    cinfo->mem->max_memory_to_use = kMaxMemory;
+    cinfo->mem->max_memory_to_use = kRowMemory;
     FileSource* src = static_cast<FileSource*>((*cinfo->mem->alloc_small)(
         reinterpret_cast<j_common_ptr>(cinfo), JPOOL_PERMANENT, sizeof(FileSource)));
     src->buffer = static_cast<JOCTET*>((*cinfo->mem->alloc_small)(
@@ -241,7 +268,7 @@ int GuardedReadAll(DecodeJob* job, unsigned char* raster) {
         if (jpeg_read_scanlines(cinfo, job->row, 1) != 1) return -1;
         const JSAMPLE* sample = job->row[0];
         for (JDIMENSION x = 0; x < cinfo->output_width; ++x) {
-            WriteRGBData(sample, components, dst);
+            CQRBImageDecoder::m_WriteRGBData(sample, components, dst);
             sample += components;
             dst += 4;
         }
@@ -268,33 +295,33 @@ int GuardedSample(DecodeJob* job, unsigned char* out, int outW, int outH) {
         const JSAMPLE* row = job->row[0];
         for (int x = 0; x < outW; ++x) {
             const int sx = std::min(static_cast<int>(x * ratioX), scaledW - 1);
-            WriteRGBData(row + static_cast<size_t>(sx) * components, components, dst);
+            CQRBImageDecoder::m_WriteRGBData(row + static_cast<size_t>(sx) * components, components,
+                                             dst);
             dst += 4;
         }
     }
     return 0;
 }
 
-// Bytes of the whole-picture coefficient buffer a multi-scan decode allocates (rounded up to
-// whole MCUs per component, as libjpeg does), and the blocks one pass over them visits.
-void CoefficientBuffer(const jpeg_decompress_struct* cinfo, uint64_t* bytes, uint64_t* blocks) {
-    *bytes = 0;
-    *blocks = 0;
+// Bytes of the whole-picture coefficient buffer a multi-scan decode allocates: every
+// component's blocks rounded up to whole MCUs, as libjpeg's coefficient controller asks its
+// memory manager for them, whatever the DCT scale.
+uint64_t CoefficientBytes(const jpeg_decompress_struct* cinfo) {
+    uint64_t blocks = 0;
     for (int c = 0; c < cinfo->num_components; ++c) {
         const jpeg_component_info* comp = &cinfo->comp_info[c];
         const uint64_t h = static_cast<uint64_t>(comp->h_samp_factor > 0 ? comp->h_samp_factor : 1);
         const uint64_t v = static_cast<uint64_t>(comp->v_samp_factor > 0 ? comp->v_samp_factor : 1);
         const uint64_t wide = (comp->width_in_blocks + h - 1) / h * h;
         const uint64_t high = (comp->height_in_blocks + v - 1) / v * v;
-        *blocks += wide * high;
+        blocks += wide * high;
     }
-    *bytes = *blocks * sizeof(JBLOCK);
+    return blocks * sizeof(JBLOCK);
 }
 
 }  // namespace
 
-int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, uint64_t size,
-                                       int scale) {
+int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, int scale) {
     const int outW = static_cast<int>(m_uOutputWidth);
     const int outH = static_cast<int>(m_uOutputHeight);
     if (out == nullptr || outW <= 0 || outH <= 0 || m_pPath == nullptr) return -1;
@@ -320,10 +347,13 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, uint
     Progress progress;
     std::memset(&progress, 0, sizeof(progress));
     progress.pub.progress_monitor = ProgressMonitor;
+    progress.lastScan = -1;
+    // Declared before the decompressor, so that its bytes go back only once libjpeg has freed
+    // them.
+    CQRBJpegMemoryBudget::Grant coefficients;
     ScopedDecompress cinfo(&storage);
 
-    DecodeJob job{cinfo.get(), &err,   &progress, fp.get(), size != 0 ? size : UINT64_MAX,
-                  scale,       nullptr};
+    DecodeJob job{cinfo.get(), &err, &progress, fp.get(), m_SourceLength(offset), scale, nullptr};
     if (GuardedReadHeader(&job) != 0) return -1;
 
     const uint64_t sourcePixels = static_cast<uint64_t>(storage.image_width) * storage.image_height;
@@ -332,9 +362,9 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, uint
                  static_cast<unsigned long long>(kMaxSourcePixels));
         return -1;
     }
-    uint64_t coefficientBytes = 0;
-    CoefficientBuffer(&storage, &coefficientBytes, &progress.blocksPerScan);
-    if (jpeg_has_multiple_scans(&storage) && coefficientBytes > kMaxCoefficientBytes) {
+    const uint64_t coefficientBytes =
+        jpeg_has_multiple_scans(&storage) ? CoefficientBytes(&storage) : 0;
+    if (coefficientBytes > kMaxCoefficientBytes) {
         QRB_LOGW("multi-scan picture %u x %u needs %llu bytes of coefficients", storage.image_width,
                  storage.image_height, static_cast<unsigned long long>(coefficientBytes));
         return -1;
@@ -355,6 +385,12 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, uint
         return -1;
     }
 
+    if (coefficientBytes != 0) {
+        QRB_LOGD("multi-scan picture %u x %u: %llu bytes of coefficients", storage.image_width,
+                 storage.image_height, static_cast<unsigned long long>(coefficientBytes));
+        coefficients = CoefficientBudget().Acquire(coefficientBytes);
+        storage.mem->max_memory_to_use = kRowMemory + static_cast<long>(coefficientBytes);
+    }
     if (GuardedStart(&job) != 0) return -1;
     const int scaledW = static_cast<int>(storage.output_width);
     const int scaledH = static_cast<int>(storage.output_height);
