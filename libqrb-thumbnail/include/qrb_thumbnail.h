@@ -167,8 +167,9 @@ int thumbnail_finalize(void);
  * "permission denied", "not a format it reads", "damaged file", "no cover art",
  * "download failed (HTTP 404)", "timed out", "protected video", "media plug-ins missing" and
  * the like; NULL when the library cannot tell. It is the one library function a callback may
- * call: only from inside a callback with status -1, on the callback's thread. The text stays
- * valid until the callback returns. */
+ * call: only from inside a callback with status -1, or with status 0 and no image (a video
+ * that opens but gives no frame: "no frame could be decoded"), on the callback's thread. The
+ * text stays valid until the callback returns. */
 const char* thumbnail_failure_reason(void);
 
 /* Writes a textual UUID (36 characters and a NUL: out must hold 37 bytes). Return 0. */

@@ -160,7 +160,13 @@ size_t CQRBRAThumbnailGetter::receive(const char* data, size_t size, size_t nmem
 
 size_t CQRBRAThumbnailGetter::m_CurlWrite(char* data, size_t size, size_t nmemb, void* userp) {
     try {
-        return receive(data, size, nmemb, static_cast<std::string*>(userp));
+        std::string* buffer = static_cast<std::string*>(userp);
+        const size_t taken = receive(data, size, nmemb, buffer);
+        // The transfer runs on the requesting worker: the reason lands on its request.
+        if (taken == 0 && buffer != nullptr && buffer->size() > kMaxBodyBytes) {
+            QRBNoteFailure(QRBFailure::kTooLarge);
+        }
+        return taken;
     } catch (...) {
         return 0;  // out of memory: abort this transfer rather than let libcurl unwind
     }
@@ -192,9 +198,13 @@ bool CQRBRAThumbnailGetter::m_DownLoadThumbnail(const std::string& url, std::str
     // speak other protocols on its behalf, redirects included.
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A declared length above the cap is refused before the body comes.
+    curl_easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaxBodyBytes));
     const CURLcode res = curl_easy_perform(h);
     if (res != CURLE_OK) {
-        if (res == CURLE_OPERATION_TIMEDOUT) {
+        if (res == CURLE_FILESIZE_EXCEEDED) {
+            QRBNoteFailure(QRBFailure::kTooLarge);
+        } else if (res == CURLE_OPERATION_TIMEDOUT) {
             QRBNoteFailure(QRBFailure::kTimedOut);
         } else {
             QRBNoteFailure(QRBFailure::kDownloadFailed, curl_easy_strerror(res));

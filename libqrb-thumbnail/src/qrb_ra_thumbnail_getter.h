@@ -7,9 +7,11 @@
 // The transfer: connecting may take 20 s and the whole transfer 40 s, so a worker is blocked
 // for 40 s at most. Any transfer that completes counts, whatever its HTTP status (an error
 // page is handed to the decoder, which refuses it); server certificates and host names are not
-// verified. A body is cut once it has passed 5 MiB (the write callback refuses the next chunk,
-// libcurl then fails the transfer with a write error): far above any thumbnail source, and it
-// keeps a hostile server from filling memory.
+// verified. A remote-access source is a whole photo, so the body may be as large as a photo
+// gets: the safety cap, 64 MiB, is several times what any camera writes, and only keeps a
+// hostile server from filling memory. A body declared larger is refused before it arrives;
+// one that grows past the cap is cut (the write callback refuses the next chunk, libcurl then
+// fails the transfer with a write error). Either fails with the reason "too large".
 //
 // Temporary files are named "<data folder>ra<pid><counter %05d>.jpg". They are created
 // exclusively and without following links (mode 0600), so a file or link planted at a
@@ -33,8 +35,10 @@
 
 class CQRBRAThumbnailGetter : public CQRBThumbnailGetter {
 public:
-    // A body that already holds more than this many bytes takes no further chunk.
-    static constexpr size_t kMaxBodyBytes = 5242880;
+    // A body that already holds more than this many bytes takes no further chunk, and a body
+    // declared larger is not fetched. The 5 MiB cap of the HTTP variant's transfers is not
+    // this one: those are thumbnails, these are whole photos.
+    static constexpr size_t kMaxBodyBytes = 64u << 20;
     static constexpr long kConnectTimeoutSec = 20;
     static constexpr long kTotalTimeoutSec = 40;
     // Names taken in a row (planted or left behind) before a request gives up.

@@ -4,6 +4,7 @@
 // picture on an RA device, kind 12), served by a worker of the single variant.
 #include "qrb_ra_thumbnail_getter.h"
 
+#include "qrb_failure.h"
 #include "qrb_thumb_flyweight_factory.h"
 #include "qrb_thumbnail.h"
 #include "qrb_web_picture_test_support.h"
@@ -137,9 +138,13 @@ TEST_F(QRBRaThumbnailGetterTest, ReceiveAppendsWholeChunksAndRefusesNullArgument
     EXPECT_EQ(buffer.size(), 10u);
 }
 
-TEST_F(QRBRaThumbnailGetterTest, ReceiveRefusesChunksOnceTheBodyIsPastFiveMiB) {
+TEST_F(QRBRaThumbnailGetterTest, ReceiveRefusesChunksOnceTheBodyIsPastTheSafetyCap) {
+    // Far above the HTTP variant's 5 MiB: a remote-access source is a whole photo.
+    EXPECT_EQ(CQRBRAThumbnailGetter::kMaxBodyBytes, 64u * 1024 * 1024);
     const std::string chunk(16384, 'z');
-    std::string atCap(CQRBRAThumbnailGetter::kMaxBodyBytes, 'a');
+    std::string atCap;
+    atCap.reserve(CQRBRAThumbnailGetter::kMaxBodyBytes + chunk.size());  // no second copy
+    atCap.assign(CQRBRAThumbnailGetter::kMaxBodyBytes, 'a');
     EXPECT_EQ(CQRBRAThumbnailGetter::receive(chunk.data(), 1, chunk.size(), &atCap), chunk.size());
     EXPECT_EQ(CQRBRAThumbnailGetter::receive(chunk.data(), 1, chunk.size(), &atCap), 0u);
     EXPECT_EQ(atCap.size(), CQRBRAThumbnailGetter::kMaxBodyBytes + chunk.size());
@@ -281,18 +286,18 @@ TEST_F(QRBRaThumbnailGetterTest, EmptyBodyFailsWithoutAFile) {
     EXPECT_EQ(Used(), 0);
 }
 
-TEST_F(QRBRaThumbnailGetterTest, BodyBeyondTheCapEndsTheTransfer) {
-    const std::string url = m_Server.Url("/bytes/6291456");  // 6 MiB
+TEST_F(QRBRaThumbnailGetterTest, BodyDeclaredBeyondTheSafetyCapIsNotFetched) {
+    // One byte over the cap, declared: refused when the headers come, before the body.
+    const std::string url =
+        m_Server.Url("/bytes/" + std::to_string(CQRBRAThumbnailGetter::kMaxBodyBytes + 1));
+    QRBClearFailure();
     EXPECT_FALSE(Extract(url, 32, 32));
+    EXPECT_STREQ(QRBFailureText(), "too large");
     EXPECT_TRUE(m_Log.Contains("curl_easy_perform() failed: " +
-                               std::string(curl_easy_strerror(CURLE_WRITE_ERROR))));
+                               std::string(curl_easy_strerror(CURLE_FILESIZE_EXCEEDED))));
     EXPECT_TRUE(m_Log.Contains("download error, url=" + url));
     EXPECT_FALSE(m_Log.Contains("Writing the data to flash"));
-
-    // Exactly at the cap is still a download (and, being no picture, a decode failure).
-    std::string buffer;
-    EXPECT_TRUE(m_Getter.m_DownLoadThumbnail(m_Server.Url("/bytes/5242880"), &buffer));
-    EXPECT_EQ(buffer.size(), 5242880u);
+    EXPECT_EQ(Used(), 0);
 }
 
 TEST_F(QRBRaThumbnailGetterTest, FailedTransfersAreDownloadErrors) {
@@ -425,6 +430,37 @@ TEST_F(QRBRaThroughSingleVariantTest, PictureArrivesAtTheRequestedSizeCroppedAro
         m_Log.Contains("RequestedItem.szURI=" + r.url + ", RequestedItem.eThumbnailType=12"));
     EXPECT_EQ(m_Hits.load(), 1);
     EXPECT_TRUE(DataFiles(m_Root).empty()) << "temporary file left behind";
+}
+
+// A photo as a camera writes it, larger than the HTTP variant's 5 MiB cap: about 7 MB of colour
+// noise at 2400 x 1800, made by ImageMagick.
+TEST_F(QRBRaThroughSingleVariantTest, SevenMegabytePhotoComesBack) {
+    const std::string path = m_Root.Path() + "/photo.jpg";
+    const std::string convert =
+        "convert -seed 17 -size 2400x1800 xc: -channel RGB +noise Random +channel -quality 90 '" +
+        path + "'";
+    ASSERT_EQ(std::system(convert.c_str()), 0);
+    const std::string photo = ReadAll(path);
+    ASSERT_GT(photo.size(), 7000000u);
+    ASSERT_LT(photo.size(), CQRBRAThumbnailGetter::kMaxBodyBytes);
+    LoopbackHttpServer server;
+    server.Http().Get("/photo.jpg", [photo](const httplib::Request&, httplib::Response& res) {
+        res.set_content(photo, "image/jpeg");
+    });
+    ASSERT_TRUE(server.Start());
+
+    const size_t before = m_Recorder.Count();
+    thumbnail_request_async(server.Url("/photo.jpg").c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_RA, 0,
+                            320, 240, 0, 1, &CallbackRecorder::Callback, m_Recorder.Tag(0));
+    ASSERT_TRUE(m_Recorder.WaitForCount(before + 1, kWait));
+    const RecordedResult r = m_Recorder.Results().back();
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.width, 320);
+    EXPECT_EQ(r.height, 240);
+    EXPECT_TRUE(r.buffers[0] == Expected(m_Root, photo, 320, 240).pixels);
+    EXPECT_TRUE(m_Log.Contains("ImageBuff.size()=" + std::to_string(photo.size())));
+    EXPECT_FALSE(m_Log.Contains("download error"));
+    EXPECT_TRUE(DataFiles(m_Root).empty());
 }
 
 TEST_F(QRBRaThroughSingleVariantTest, ZeroRequestGetsThePictureAndLargerOnesAreCovered) {

@@ -184,9 +184,12 @@ void CQRBThumbHttpHandle::m_OnTransferDone(CURL* easy, CURLcode result) {
             QRB_LOGW("*********Not Fully Downloaded download size = %d**********\n",
                      static_cast<int>(received));
         }
+        // The peer closed the connection before the length it declared: what came is handed
+        // on like any body (a cut picture then fails in the decoder, a whole one decodes).
+        const bool endedShort = result == CURLE_PARTIAL_FILE;
 
         boost::intrusive_ptr<CQRBThumbnailItem> item;
-        if (result == CURLE_OK) {
+        if (result == CURLE_OK || endedShort) {
             item = new CQRBThumbnailItem;
             item->SetURL(req.strURL);
             item->SetRID(req.RID);

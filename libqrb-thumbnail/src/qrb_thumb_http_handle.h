@@ -2,8 +2,10 @@
 // from the variant's list and runs up to ten transfers at once on one libcurl multi handle.
 // A finished transfer is answered through the list: a buffer request (bRequestBuffer) gets the
 // body through SendEventWithBuffer; any other request gets its body parked with the variant
-// and moves to ITEM_DOWNLOADED for the decode thread. A transfer that libcurl ends with an error
-// (time-out, refused or dropped connection, the 5 MiB cap) is answered with status -1. HTTP
+// and moves to ITEM_DOWNLOADED for the decode thread. A transfer that ends short of its
+// declared length (the peer closed the connection early) is logged and still delivered: a cut
+// picture then fails in the decoder. A transfer that libcurl ends with any other error
+// (time-out, refused or reset connection, the 5 MiB cap) is answered with status -1. HTTP
 // status codes are not judged: any completed transfer counts.
 //
 // Threads: Create and Destroy run on the controlling thread; everything else, including the

@@ -20,6 +20,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -464,28 +465,99 @@ TEST_F(QRBThumbHttpVariantTest, HttpStatusCodesAreNotJudged) {
 }
 
 TEST_F(QRBThumbHttpVariantTest, BrokenTransfersFailExactlyOnce) {
-    RawTcpPeer dropper(RawTcpPeer::Behaviour::DropMidBody);
-    const std::string dropped = dropper.Url("http", "/pic.jpg");
     const std::string refused =
         "http://127.0.0.1:" + std::to_string(qrbtest::UnusedLoopbackPort()) + "/pic.jpg";
 
-    RequestBuffer(dropped, m_Recorder.Tag(0));
-    RequestBuffer(refused, m_Recorder.Tag(1));
-    RequestThumb(refused, m_Recorder.Tag(2));  // a thumbnail request fails in the same way
-    ASSERT_TRUE(m_Recorder.WaitForCount(3, kWait));
+    RequestBuffer(refused, m_Recorder.Tag(0));
+    RequestThumb(refused, m_Recorder.Tag(1));  // a thumbnail request fails in the same way
+    ASSERT_TRUE(m_Recorder.WaitForCount(2, kWait));
     thumbnail_finalize();
 
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 2; ++i) {
         const auto results = ResultsFor(m_Recorder.Tag(i));
         ASSERT_EQ(results.size(), 1u) << "case " << i;
         EXPECT_EQ(results[0].status, -1) << "case " << i;
         EXPECT_EQ(results[0].count, 0) << "case " << i;
     }
-    EXPECT_EQ(dropper.BodyBytesSent(), 1000);
-    EXPECT_TRUE(m_Log.Contains("*********Not Fully Downloaded download size = 1000**********"));
-    EXPECT_EQ(m_Log.Count("pThumbItem is NULL"), 3);
+    EXPECT_EQ(m_Log.Count("pThumbItem is NULL"), 2);
     // A failed download never reaches the decode thread.
     EXPECT_FALSE(m_Log.Contains("downloaded buffer of"));
+}
+
+// A peer that closes the connection before the length it declared: what came is logged and
+// still delivered. A whole picture under a length 100 bytes too long decodes; a picture cut
+// before its frame header fails in the decoder; a buffer request gets the bytes that came.
+TEST_F(QRBThumbHttpVariantTest, ShortTransfersAreLoggedAndStillDelivered) {
+    qrbtest::JpegSpec spec;
+    spec.width = 120;
+    spec.height = 60;
+    const std::string whole = qrbtest::MakeJpeg(spec);
+    ASSERT_FALSE(whole.empty());
+    const std::string cut = whole.substr(0, 60);
+    LoopbackHttpServer& server = NewServer();
+    // Copies of their own in the handler: the server thread may outlive this scope.
+    server.Http().Get(R"(/short/(whole|cut)\.jpg)", [whole, cut](const httplib::Request& req,
+                                                                 httplib::Response& res) {
+        const std::string body = req.matches[1] == "whole" ? whole : cut;
+        // Declared as the whole picture and 100 bytes more; once the body is out, the provider
+        // gives up and the server closes the connection.
+        res.set_content_provider(whole.size() + 100, "image/jpeg",
+                                 [body](size_t offset, size_t length, httplib::DataSink& sink) {
+                                     return offset < body.size() &&
+                                            sink.write(body.data() + offset,
+                                                       std::min(length, body.size() - offset));
+                                 });
+    });
+    ASSERT_TRUE(server.Start());
+    RawTcpPeer dropper(RawTcpPeer::Behaviour::DropMidBody);  // 1000 of 100000 bytes
+
+    RequestThumb(server.Url("/short/whole.jpg"), m_Recorder.Tag(0), 40, 30);
+    RequestBuffer(server.Url("/short/whole.jpg"), m_Recorder.Tag(1));
+    RequestThumb(server.Url("/short/cut.jpg"), m_Recorder.Tag(2), 40, 30);
+    RequestBuffer(dropper.Url("http", "/pic.jpg"), m_Recorder.Tag(3));
+    ASSERT_TRUE(m_Recorder.WaitForCount(4, kWait));
+    thumbnail_finalize();
+
+    const auto decoded = ResultsFor(m_Recorder.Tag(0));
+    ASSERT_EQ(decoded.size(), 1u);
+    EXPECT_EQ(decoded[0].status, 0);
+    EXPECT_EQ(decoded[0].count, 1);
+    EXPECT_EQ(decoded[0].width, 40);
+    EXPECT_EQ(decoded[0].height, 30);
+    ASSERT_EQ(decoded[0].buffers[0].size(), 40u * 30u * 4u);
+    const auto* p = reinterpret_cast<const unsigned char*>(decoded[0].buffers[0].data());
+    EXPECT_NEAR(p[2], spec.color.r, 12);
+    EXPECT_NEAR(p[1], spec.color.g, 12);
+    EXPECT_NEAR(p[0], spec.color.b, 12);
+
+    const auto bytes = ResultsFor(m_Recorder.Tag(1));
+    ASSERT_EQ(bytes.size(), 1u);
+    EXPECT_EQ(bytes[0].status, 0);
+    EXPECT_EQ(bytes[0].bBuffer, 1);
+    EXPECT_TRUE(bytes[0].buffers[0] == whole) << "not the bytes that came";
+
+    const auto cutResult = ResultsFor(m_Recorder.Tag(2));
+    ASSERT_EQ(cutResult.size(), 1u);
+    EXPECT_EQ(cutResult[0].status, -1);
+    EXPECT_EQ(cutResult[0].count, 0);
+    EXPECT_TRUE(
+        m_Log.Contains("downloaded buffer of 60 bytes, url=" + server.Url("/short/cut.jpg")));
+
+    const auto dropped = ResultsFor(m_Recorder.Tag(3));
+    ASSERT_EQ(dropped.size(), 1u);
+    EXPECT_EQ(dropped[0].status, 0);
+    EXPECT_EQ(dropped[0].buffers[0], std::string(1000, 'x'));
+    EXPECT_EQ(dropper.BodyBytesSent(), 1000);
+
+    const std::string shortOf = "*********Not Fully Downloaded download size = ";
+    EXPECT_EQ(m_Log.Count(shortOf + std::to_string(whole.size()) + "**********"), 2);
+    EXPECT_EQ(m_Log.Count(shortOf + "60**********"), 1);
+    EXPECT_EQ(m_Log.Count(shortOf + "1000**********"), 1);
+    EXPECT_EQ(m_Log.Count("*********DownloadFileLenth " + std::to_string(whole.size() + 100) +
+                          "**********"),
+              3);
+    EXPECT_FALSE(m_Log.Contains("pThumbItem is NULL"));
+    EXPECT_FALSE(m_Log.Contains("transfer failed"));
 }
 
 TEST_F(QRBThumbHttpVariantTest, DownloadedBytesReachTheDecodeThread) {

@@ -41,8 +41,10 @@ int RequestBatch::Callback(int status, _thumb_result* result, void* user_data) {
 
 void RequestBatch::m_Deliver(Slot* slot, int status, _thumb_result* result,
                              LibraryBuffer* buffers) {
-    // Read here, on the library's thread, inside the callback: the only place it is valid.
-    const char* reason = status != 0 ? thumbnail_failure_reason() : nullptr;
+    // Read here, on the library's thread, inside the callback: the only place it is valid. A
+    // success without images (a video that gave no frame) has a reason too.
+    const bool empty = status == 0 && result->count == 0;
+    const char* reason = status != 0 || empty ? thumbnail_failure_reason() : nullptr;
     std::lock_guard<std::mutex> lock(m_Mutex);
     if (m_Closed || !slot->posted || slot->givenUp || slot->answer.answered) return;
     Answer& answer = slot->answer;

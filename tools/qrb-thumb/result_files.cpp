@@ -163,7 +163,10 @@ void WriteAnswerFiles(const Answer& answer, ImageFormat format, const std::strin
         outcome->height = answer.height;
     }
     if (problems.empty() && outcome->frames == 0) {
-        problems.push_back("no image in the library's answer");
+        // The library answered, but with nothing: its reason, when it gave one, says why.
+        outcome->reason = answer.reason;
+        problems.push_back(!answer.reason.empty() ? answer.reason
+                                                  : "no image in the library's answer");
     }
     outcome->ok = problems.empty();
     outcome->note.clear();

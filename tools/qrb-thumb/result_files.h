@@ -26,9 +26,9 @@ std::vector<std::string> UniqueStems(const std::vector<std::string>& inputs);
 const char* EncodedExtension(const unsigned char* bytes, size_t size);
 
 // Writes the answer's images into dir (rasters in the given format) and fills ok, width,
-// height, frames, milliseconds, outputs and note of *outcome; a failure's note is the library's
-// reason for it. An input counts as done only when at least one file was written and none
-// failed.
+// height, frames, milliseconds, outputs and note of *outcome; a failure's note, and that of an
+// answer without images, is the library's reason for it. An input counts as done only when at
+// least one file was written and none failed.
 void WriteAnswerFiles(const Answer& answer, ImageFormat format, const std::string& dir,
                       const std::string& stem, Outcome* outcome);
 

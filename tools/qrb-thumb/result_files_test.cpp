@@ -159,7 +159,7 @@ TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
     EXPECT_EQ(ReadFile(Path("item-2.png")), png);
 }
 
-TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothing) {
+TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothingAndSayWhy) {
     Answer failed;
     failed.answered = true;
     failed.status = -1;
@@ -183,6 +183,14 @@ TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothing) {
     EXPECT_FALSE(o.ok);
     EXPECT_EQ(o.frames, 0);
     EXPECT_NE(o.note.find("no image"), std::string::npos) << o.note;
+    EXPECT_EQ(o.reason, "");
+
+    // The library said why it had nothing (a video that gave no frame): its words are the note.
+    empty.reason = "no frame could be decoded";
+    o = Write(empty);
+    EXPECT_FALSE(o.ok);
+    EXPECT_EQ(o.note, "no frame could be decoded");
+    EXPECT_EQ(o.reason, "no frame could be decoded");
 
     EXPECT_EQ(root.CountEntries(""), 0);
 }

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -111,6 +112,35 @@ TEST_F(ToolBinary, JsonOutputIsOneWellFormedArray) {
         EXPECT_EQ(parsed[i]["reason"], reason);
         EXPECT_EQ(parsed[i]["note"], reason);
     }
+}
+
+// A video that opens but never gives a picture is answered without images; the tool counts it
+// as failed and says why in the library's words. A good video beside it comes out.
+TEST_F(ToolBinary, AVideoThatGivesNoFrameFailsWithTheLibrarysReason) {
+    // The media plug-ins the build made, where the library looks for them under the root.
+    const std::filesystem::path plugins = root.Resolve("/usr/lib/gstreamer-1.0/");
+    std::filesystem::create_directories(plugins);
+    for (const char* name : {"libgstffmpeg.so", "libgstffmpegscale.so"}) {
+        std::filesystem::copy_file(std::filesystem::path(QRB_MEDIA_PLUGIN_DIR) / name,
+                                   plugins / name);
+    }
+    const std::string fixtures = QRB_VIDEO_FIXTURE_DIR;
+    const std::string blank = fixtures + "/no_pictures_h264_64x64_2s.mp4";
+    const std::string good = fixtures + "/fade_h264_320x240_3s.mp4";
+    const ToolRun run = Run({"--json", "--timeout", "60", "-o", OutDir(), blank, good});
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    const nlohmann::json parsed = nlohmann::json::parse(run.out);
+    ASSERT_EQ(parsed.size(), 2u) << run.out;
+    EXPECT_EQ(parsed[0]["kind"], "video");
+    EXPECT_EQ(parsed[0]["status"], "fail");
+    EXPECT_EQ(parsed[0]["frames"], 0);
+    EXPECT_EQ(parsed[0]["outputs"], nlohmann::json::array());
+    EXPECT_EQ(parsed[0]["reason"], "no frame could be decoded");
+    EXPECT_EQ(parsed[0]["note"], "no frame could be decoded");
+    EXPECT_EQ(parsed[1]["status"], "ok") << parsed[1].dump();
+    EXPECT_EQ(parsed[1]["frames"], 1);
+    EXPECT_FALSE(parsed[1].contains("reason"));
+    EXPECT_NE(run.err.find("2 inputs: 1 ok, 1 failed"), std::string::npos) << run.err;
 }
 
 TEST_F(ToolBinary, SignatureAndKindOverrideReachTheRequest) {

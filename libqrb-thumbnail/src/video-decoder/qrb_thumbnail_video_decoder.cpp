@@ -252,7 +252,8 @@ bool CQRBThumbnailVideoDecoder::m_Serve(const _stRequestedItem& request,
         ok = m_pExtractor && m_pExtractor->ExtractThumb(request, item);
     }
 
-    if (cacheable && ok && item) {
+    // An answer without images is not kept: the next request tries the file again.
+    if (cacheable && ok && item && item->GetImageCount() > 0) {
         QRB_LOGD("Cache Insert");
         m_pCache->Insert(item);
     }
@@ -316,12 +317,11 @@ bool CQRBThumbnailVideoDecoder::m_ServeVideo(const _stRequestedItem& request,
         ok = false;
     }
 
-    // The grabber has tried every position even when none gave a frame; a request for frames
-    // that got none has failed all the same.
+    // The grabber has tried every position: the request succeeds however many of them gave a
+    // frame. One that opens but gives none is answered without images, and says why.
     if (ok && request.FrameCount > 0 && item->GetImageCount() == 0) {
         QRBNoteFailure(QRBFailure::kNoFrame);
         QRB_LOGW("no frame could be grabbed from %s", path.c_str());
-        ok = false;
     }
 
     if (request.FrameCount == 5 && AbandonRequested()) {
@@ -454,9 +454,10 @@ bool CQRBThumbnailVideoDecoder::m_GrabFrames(const QRBFFmpegApi& api, QRBFFmpegI
         QRB_LOGW("ffmpeg_avcodec_alloc_packet fail!");
         return false;
     }
-    // An unknown length (-1) has no positions to spread over, nor has an empty one.
+    // An unknown length (-1) has no positions to spread over. A container that says 0 still
+    // has its pictures: every position is then the start.
     const long long duration = input->duration;
-    if (duration <= 0) {
+    if (duration < 0) {
         QRB_LOGW("duration [%lld] error", duration);
         return false;
     }

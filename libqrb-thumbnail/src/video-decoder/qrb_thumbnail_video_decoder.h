@@ -3,7 +3,8 @@
 // duration through the media decoding table, keeps five-frame results in a video MTA file, and
 // hands recordings, PTP and RA requests to the extractor. Every request it takes gets exactly
 // one event; kinds it does not serve (the serial picture, music and video kinds among them) get
-// status -1.
+// status -1. A video that opens but gives no frame at any position is answered with status 0
+// and no images (the failure reason says why); one that cannot be opened, with status -1.
 //
 // Threads: the constructor binds the process-wide media decoding table on the constructing
 // thread; everything else but Stop and Destroy runs on the worker thread. Stop only waits for

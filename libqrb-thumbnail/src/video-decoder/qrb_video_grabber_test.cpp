@@ -329,70 +329,92 @@ TEST_F(VideoGrabberTest, ProtectedVideoIsRefusedAndDrmFailuresCountAsUnprotected
     EXPECT_TRUE(log.Contains("get drm manager return no error, but is null!!"));
 }
 
-// Files that are not videos to grab from: each fails, and soon.
-TEST_F(VideoGrabberTest, BrokenAndForeignInputsFailWithinSeconds) {
+// Files that are not videos to grab from, and videos that give no picture: each is answered,
+// and soon. A file that cannot be opened or has no length fails; one that opens, is tried at
+// every position and gives no frame succeeds without images; a container that says it lasts
+// nothing still gives its frames, all from the start.
+TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     const std::string media = root.Path() + "/media/";
     fs::create_directories(media);
     const std::string good = VideoFixture("fade_h264_320x240_3s.mp4");
     const std::string goodBytes = qrbtest::ReadWholeFile(good);
     fs::copy_file(good, media + "clip.mp4");
 
-    std::vector<std::string> inputs;
+    struct Input {
+        std::string path;
+        int status;
+        int count;
+    };
+    std::vector<Input> inputs;
     // Cut before its index (the index of an ffmpeg MP4 is at the end).
-    inputs.push_back(media + "truncated.mp4");
-    qrbtest::WriteWholeFile(inputs.back(), goodBytes.substr(0, goodBytes.size() * 2 / 5));
+    inputs.push_back({media + "truncated.mp4", -1, 0});
+    qrbtest::WriteWholeFile(inputs.back().path, goodBytes.substr(0, goodBytes.size() * 2 / 5));
     // Well-formed containers whose pictures are all zero bytes: no picture ever comes out. In
     // Matroska the demuxer's parser finds no key frame among them, so nothing is decoded; NUT
     // keeps the key frame's flag, so each position decodes until its attempts run out.
     const std::string oneKey = VideoFixture("fade_h264_64x64_10s_one_key.mkv");
-    inputs.push_back(media + "blank-pictures.mkv");
-    qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back());
-    inputs.push_back(media + "blank-pictures.nut");
-    qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back());
+    inputs.push_back({media + "blank-pictures.mkv", 0, 0});
+    qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back().path);
+    inputs.push_back({media + "blank-pictures.nut", 0, 0});
+    qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back().path);
     // No container, so no duration (FFmpeg reports none, a negative value).
-    inputs.push_back(VideoFixture("fade_h264_320x240_3s.h264"));
-    // A header saying the video lasts nothing.
-    inputs.push_back(media + "zero-duration.mp4");
-    qrbtest::WriteWholeFile(inputs.back(), qrbtest::ZeroMp4Durations(goodBytes));
+    inputs.push_back({VideoFixture("fade_h264_320x240_3s.h264"), -1, 0});
+    // A header saying the video lasts nothing: every position is the start.
+    const std::string zero = media + "zero-duration.mp4";
+    inputs.push_back({zero, 0, 5});
+    qrbtest::WriteWholeFile(zero, qrbtest::ZeroMp4Durations(goodBytes));
     // Sound only, text, a pipe and a device.
-    inputs.push_back(VideoFixture("tone_aac_2s.m4a"));
-    inputs.push_back(media + "notes.mp4");
-    qrbtest::WriteWholeFile(inputs.back(), "these are words, not pictures\n");
-    inputs.push_back(media + "pipe.ts");
-    ASSERT_EQ(mkfifo(inputs.back().c_str(), 0600), 0);
-    inputs.push_back("/dev/zero");
+    inputs.push_back({VideoFixture("tone_aac_2s.m4a"), -1, 0});
+    inputs.push_back({media + "notes.mp4", -1, 0});
+    qrbtest::WriteWholeFile(inputs.back().path, "these are words, not pictures\n");
+    inputs.push_back({media + "pipe.ts", -1, 0});
+    ASSERT_EQ(mkfifo(inputs.back().path.c_str(), 0600), 0);
+    inputs.push_back({"/dev/zero", -1, 0});
     // Playlists whose entries are a good local video: following them would succeed.
-    inputs.push_back(media + "list.m3u8");
-    qrbtest::WriteWholeFile(inputs.back(),
+    inputs.push_back({media + "list.m3u8", -1, 0});
+    qrbtest::WriteWholeFile(inputs.back().path,
                             "#EXTM3U\n#EXT-X-TARGETDURATION:3\n#EXTINF:3.0,\nclip.mp4\n"
                             "#EXT-X-ENDLIST\n");
-    inputs.push_back(media + "list.ffconcat");
-    qrbtest::WriteWholeFile(inputs.back(), "ffconcat version 1.0\nfile clip.mp4\n");
-    inputs.push_back(media + "list.mp4");  // the same text under a video's name
-    qrbtest::WriteWholeFile(inputs.back(), "ffconcat version 1.0\nfile clip.mp4\n");
+    inputs.push_back({media + "list.ffconcat", -1, 0});
+    qrbtest::WriteWholeFile(inputs.back().path, "ffconcat version 1.0\nfile clip.mp4\n");
+    inputs.push_back({media + "list.mp4", -1, 0});  // the same text under a video's name
+    qrbtest::WriteWholeFile(inputs.back().path, "ffconcat version 1.0\nfile clip.mp4\n");
     // A picture wider than the limit (8192), as raw frames: refused before any decoding.
-    inputs.push_back(media + "wide.y4m");
-    qrbtest::WriteWholeFile(inputs.back(), "YUV4MPEG2 W8200 H16 F5:1 Ip A1:1 C420jpeg\nFRAME\n" +
-                                               std::string(8200 * 16 * 3 / 2, '\x80'));
+    inputs.push_back({media + "wide.y4m", -1, 0});
+    qrbtest::WriteWholeFile(inputs.back().path,
+                            "YUV4MPEG2 W8200 H16 F5:1 Ip A1:1 C420jpeg\nFRAME\n" +
+                                std::string(8200 * 16 * 3 / 2, '\x80'));
 
     const int fds = qrbtest::OpenFileDescriptors();
     const auto start = std::chrono::steady_clock::now();
     for (size_t i = 0; i < inputs.size(); ++i) {
-        RequestVideo(inputs[i], static_cast<int>(i), 5, 80, 60);
+        RequestVideo(inputs[i].path, static_cast<int>(i), 5, 80, 60);
     }
     auto results = WaitForResults(inputs.size());
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     for (size_t i = 0; i < inputs.size(); ++i) {
-        EXPECT_EQ(results[rec.Tag(static_cast<int>(i))].status, -1) << inputs[i];
-        EXPECT_EQ(results[rec.Tag(static_cast<int>(i))].count, 0) << inputs[i];
+        const RecordedResult& r = results[rec.Tag(static_cast<int>(i))];
+        EXPECT_EQ(r.status, inputs[i].status) << inputs[i].path;
+        EXPECT_EQ(r.count, inputs[i].count) << inputs[i].path;
     }
     EXPECT_EQ(log.Count("ic_ptr pointer is NULL,file:"), 9);
     EXPECT_EQ(log.Count("duration [-1] error"), 1);
-    EXPECT_EQ(log.Count("duration [0] error"), 1);
-    // The blank pictures: in NUT every position gives up after its 201 attempts.
+    EXPECT_FALSE(log.Contains("duration [0] error"));
+    // The blank pictures: in NUT every position gives up after its 201 attempts; each blank
+    // file is answered without a frame, and the log says so.
     EXPECT_EQ(log.Count("Decode Falied: len < 0") + log.Count("decode not finished."), 5 * 201);
-    EXPECT_TRUE(log.Contains("no frame could be grabbed from " + inputs[1]));
-    EXPECT_TRUE(log.Contains("no frame could be grabbed from " + inputs[2]));
+    EXPECT_TRUE(log.Contains("no frame could be grabbed from " + inputs[1].path));
+    EXPECT_TRUE(log.Contains("no frame could be grabbed from " + inputs[2].path));
+    EXPECT_EQ(log.Count("no frame could be grabbed from "), 2);
+    // The zero-length file's frames all come from the start, the black of the fade.
+    const RecordedResult& fromStart = results[rec.Tag(4)];
+    const long long firstKeyMs =
+        static_cast<long long>(qrbtest::ReadMediaFacts(good).keyTimesMs.front());
+    for (int f = 0; f < fromStart.count; ++f) {
+        EXPECT_EQ(fromStart.timestamps[f], firstKeyMs) << f;
+        EXPECT_LT(MeanOf(fromStart.buffers[f], 80, 0, 0, 80, 60).Grey(), 16) << f;
+    }
+    EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "no media id, so no MTA file";
     EXPECT_EQ(qrbtest::OpenFileDescriptors(), fds) << "a file was left open";
 }
 

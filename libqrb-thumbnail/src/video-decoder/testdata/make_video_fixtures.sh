@@ -47,6 +47,10 @@ $FF -f lavfi -i "$(fade 3840x2000 5 2)" -c:v libx264 -preset ultrafast -g 3 -pix
 # that never gives one.
 $FF -f lavfi -i "$(fade 64x64 25 10)" -c:v libx264 -preset ultrafast -g 1000 \
     -pix_fmt yuv420p "$OUT/fade_h264_64x64_10s_one_key.mkv"
+# Two seconds of access-unit delimiters with the pictures taken out: it opens, has a duration
+# and packets, and never gives a picture.
+$FF -f lavfi -i "$(fade 64x64 25 2)" -c:v libx264 -preset ultrafast -g 5 -x264-params aud=1 \
+    -pix_fmt yuv420p -bsf:v "filter_units=remove_types=1|5" "$OUT/no_pictures_h264_64x64_2s.mp4"
 # An elementary stream without a container: no duration.
 $FF -i "$OUT/fade_h264_320x240_3s.mp4" -c copy -bsf:v h264_mp4toannexb -f h264 \
     "$OUT/fade_h264_320x240_3s.h264"
