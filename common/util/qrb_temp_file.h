@@ -16,7 +16,7 @@
 class QRBTempFile {
 public:
     // How many names Create tries before it gives up on taken names.
-    static constexpr int kNameAttempts = 16;
+    static constexpr int kNameAttempts = 8;
 
     QRBTempFile() = default;
     ~QRBTempFile();

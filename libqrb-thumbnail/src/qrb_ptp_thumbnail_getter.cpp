@@ -6,6 +6,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 
 #include <fcntl.h>
@@ -30,33 +31,6 @@ void FreeRaster(unsigned char* p) { std::free(p); }
 using ScopedRaster = QRBScoped<unsigned char, FreeRaster>;
 void FreeExif(ExifData* data) { exif_data_unref(data); }
 using ScopedExif = QRBScoped<ExifData, FreeExif>;
-
-// Removes the temporary file once armed, that is once this request has created it; a name
-// that was taken by someone else is never armed and so never removed.
-class TempFileGuard {
-public:
-    ~TempFileGuard() {
-        if (m_bArmed && unlink(m_Path.c_str()) != 0) {
-            QRB_LOGW("remove %s failed, errno=%d", m_Path.c_str(), errno);
-        }
-    }
-    // Creates a new empty file at path, exclusively and without following a link there.
-    // false (errno set) when the name is taken or cannot be made.
-    bool Claim(const std::string& path) {
-        const int fd =
-            open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd < 0) return false;
-        close(fd);
-        m_Path = path;
-        m_bArmed = true;
-        return true;
-    }
-    const std::string& Path() const { return m_Path; }
-
-private:
-    std::string m_Path;
-    bool m_bArmed = false;
-};
 
 }  // namespace
 
@@ -161,24 +135,17 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBPTPThumbnailGetter::ExtractThumbnail
     }
 
     if (!m_CreateDir(QRBSystemPath(QRB_DATA_DIR).c_str())) return nullptr;
-    TempFileGuard temp;  // removes the file on every way out once it is ours
-    bool claimed = false;
-    for (int attempt = 0; attempt < kMaxNameAttempts && !claimed; ++attempt) {
-        int32_t counter = 0;
-        {
-            CQRBAutoLock lock(m_FileIDMutex);
-            m_lPTPFileID = m_lPTPFileID == INT32_MAX ? 1 : m_lPTPFileID + 1;
-            counter = m_lPTPFileID;
-        }
-        const std::string path = m_TempName(static_cast<int>(getpid()), counter);
-        claimed = temp.Claim(path);
-        // Only a taken name is worth another try; any other failure would repeat.
-        if (!claimed && errno != EEXIST) {
-            QRB_LOGW("Failed to create %s, errno=%d", path.c_str(), errno);
-            break;
-        }
+    // An empty file of ours, removed on every way out, for the camera to write into.
+    QRBTempFile temp;
+    const bool claimed = temp.Create([] {
+        CQRBAutoLock lock(m_FileIDMutex);
+        m_lPTPFileID = m_lPTPFileID == INT32_MAX ? 1 : m_lPTPFileID + 1;
+        return m_TempName(static_cast<int>(getpid()), m_lPTPFileID);
+    });
+    if (!claimed || !temp.Close()) {
+        QRB_LOGW("Failed to create %s, errno=%d", temp.Path().c_str(), temp.Error());
+        return nullptr;
     }
-    if (!claimed) return nullptr;
 
     if (!m_PtpManage.DownloadExif(bus, device, objectText, temp.Path())) {
         QRB_LOGW("download normal file fail");

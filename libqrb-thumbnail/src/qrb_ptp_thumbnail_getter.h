@@ -24,8 +24,6 @@
 
 class CQRBPTPThumbnailGetter : public CQRBThumbnailGetter {
 public:
-    // Names taken in a row (planted or left behind) before a request gives up.
-    static constexpr int kMaxNameAttempts = 8;
 
     CQRBPTPThumbnailGetter() = default;
     ~CQRBPTPThumbnailGetter() override = default;

@@ -9,6 +9,7 @@
 #include "qrb_thumbnail.h"
 #include "qrb_web_picture_test_support.h"
 
+#include "qrb_temp_file.h"
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
 #include "qrb_test_jpeg_writer.h"
@@ -211,31 +212,6 @@ TEST_F(QRBRaThumbnailGetterTest, RequestLargerThanThePictureIsCoveredThenCropped
                 Expected(m_Root, qrbtest::MakeJpeg(GradientSpec(64, 48)), 96, 96).pixels);
 }
 
-TEST_F(QRBRaThumbnailGetterTest, CropOnlyWhenTheRequestFitsInsideTheRaster) {
-    auto makeImage = [] {
-        const size_t bytes = 5 * 3 * 4;
-        unsigned char* buffer =
-            static_cast<unsigned char*>(std::malloc(bytes));  // the image frees it
-        for (size_t i = 0; i < bytes; ++i) buffer[i] = static_cast<unsigned char>(i);
-        boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-        image->Create(5, 3, 32, 20, buffer, 0);
-        return image;
-    };
-    for (auto [w, h] : {std::pair{6, 1}, {1, 4}, {0, 1}, {1, 0}}) {
-        auto image = makeImage();
-        CQRBRAThumbnailGetter::m_CropToRequest(*image, w, h);
-        EXPECT_EQ(image->GetWidth(), 5) << w << " x " << h;
-        EXPECT_EQ(image->GetHeight(), 3) << w << " x " << h;
-    }
-    auto image = makeImage();
-    CQRBRAThumbnailGetter::m_CropToRequest(*image, 2, 1);
-    ASSERT_EQ(image->GetWidth(), 2);
-    ASSERT_EQ(image->GetHeight(), 1);
-    // Origin ((5 - 2) / 2, (3 - 1) / 2) = (1, 1): source pixels 6 and 7.
-    EXPECT_EQ(image->GetBuffer()[0], 6 * 4);
-    EXPECT_EQ(image->GetBuffer()[4], 7 * 4);
-}
-
 TEST_F(QRBRaThumbnailGetterTest, HttpStatusIsNotJudged) {
     // An error page is written and handed to the decoder, which refuses it.
     EXPECT_FALSE(Extract(m_Server.Url("/missing.jpg"), 32, 32));
@@ -315,35 +291,6 @@ TEST_F(QRBRaThumbnailGetterTest, FailedTransfersAreDownloadErrors) {
                                std::string(curl_easy_strerror(CURLE_COULDNT_CONNECT))));
     EXPECT_EQ(dropper.BodyBytesSent(), 1000);
     EXPECT_EQ(Used(), 0);
-}
-
-TEST_F(QRBRaThumbnailGetterTest, LinkPlantedAtTheNextNameIsNotFollowed) {
-    const PlantedLink planted = Plant(m_Root, Name(1), "target");
-    const Raster got = FromItem(Extract(m_Server.Url("/pic/64x48.jpg"), 16, 16));
-    EXPECT_EQ(got.width, 16);
-    EXPECT_EQ(got.height, 16);
-    EXPECT_EQ(ReadAll(planted.target), "precious target") << "written through the link";
-    EXPECT_TRUE(IsLinkTo(planted.link, planted.target)) << "the planted link was touched";
-    EXPECT_TRUE(m_Log.Contains("Failed to create " + planted.link + "  file."));
-    EXPECT_TRUE(m_Log.Contains("error no=17 desc: File exists"));
-    EXPECT_TRUE(m_Log.Contains("Writing the data to flash ,path is " + Name(2) + "."));
-    EXPECT_EQ(Used(), 2);
-    EXPECT_EQ(DataFiles(m_Root), std::set<std::string>{BaseName(planted.link)});
-}
-
-TEST_F(QRBRaThumbnailGetterTest, EveryCandidateNameTakenFailsCleanly) {
-    std::vector<PlantedLink> planted;
-    for (int i = 1; i <= CQRBRAThumbnailGetter::kMaxNameAttempts; ++i)
-        planted.push_back(Plant(m_Root, Name(i), "t" + std::to_string(i)));
-    EXPECT_FALSE(Extract(m_Server.Url("/pic/64x48.jpg"), 16, 16));
-    EXPECT_TRUE(m_Log.Contains("Write JPG Buffer fail"));
-    EXPECT_EQ(m_Log.Count("error no=17 desc: File exists"),
-              CQRBRAThumbnailGetter::kMaxNameAttempts);
-    for (const auto& p : planted) {
-        EXPECT_EQ(ReadAll(p.target), "precious " + BaseName(p.target));
-        EXPECT_TRUE(IsLinkTo(p.link, p.target));
-    }
-    EXPECT_EQ(DataFiles(m_Root).size(), planted.size());
 }
 
 TEST_F(QRBRaThumbnailGetterTest, ConcurrentWorkersNeverShareANameOrABuffer) {

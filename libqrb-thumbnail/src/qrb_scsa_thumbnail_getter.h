@@ -22,11 +22,10 @@
 #include <cstdint>
 #include <string>
 
+class QRBTempFile;
+
 class CQRBSCSAThumbnailGetter : public CQRBThumbnailGetter {
 public:
-    // Names taken in a row before a request gives up.
-    static constexpr int kMaxNameAttempts = 8;
-
     CQRBSCSAThumbnailGetter() = default;
     ~CQRBSCSAThumbnailGetter() override = default;
     CQRBSCSAThumbnailGetter(const CQRBSCSAThumbnailGetter&) = delete;
@@ -36,11 +35,9 @@ public:
     // Returns uri itself: the request names the package's path.
     const char* T_CONVERTURITOPATH(const char* uri) override { return uri; }
 
-    // Writes size bytes to a new file at path, which must not exist yet (a link there is not
-    // followed). On failure nothing this call made is left at path; *taken (when given) tells
-    // whether the failure was a name already in use.
-    static bool m_WriteFlashFile(const char* path, const char* buffer, int size,
-                                 bool* taken = nullptr);
+    // Writes the package's picture into a new temporary file under the next free name (the
+    // shared counter advances for each name tried); the file goes when `file` does.
+    static bool m_WriteFlashFile(QRBTempFile& file, const char* buffer, size_t size);
     // The temporary file's path for a process id and counter value.
     static std::string m_TempName(int pid, int counter);
     // The counter value handed out last (0 before the first).

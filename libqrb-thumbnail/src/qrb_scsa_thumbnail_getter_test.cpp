@@ -165,10 +165,6 @@ TEST_F(ScsaGetterTest, TemporaryFilesAreExclusiveAndAlwaysRemoved) {
     EXPECT_FALSE(Extract(broken, 8, 8));
     EXPECT_TRUE(log.Contains("Write JPG Buffer Succeed"));
     EXPECT_TRUE(TempFiles(root).empty());
-
-    bool taken = false;
-    EXPECT_FALSE(CQRBSCSAThumbnailGetter::m_WriteFlashFile(victim.c_str(), "x", 1, &taken));
-    EXPECT_TRUE(taken);
 }
 
 TEST_F(ScsaGetterTest, FailuresGiveNoItem) {

@@ -5,6 +5,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 
 #include <fcntl.h>
@@ -17,64 +18,6 @@
 #include <cstring>
 
 std::atomic<int32_t> CQRBSNSThumbnailGetter::m_lSNSFileID{0};
-
-namespace {
-
-void CloseFile(FILE* f) { std::fclose(f); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
-void FreeRaster(unsigned char* p) { std::free(p); }
-using ScopedRaster = QRBScoped<unsigned char, FreeRaster>;
-
-// Removes the temporary file once armed, that is once this getter has created it; a name that
-// was taken by someone else is never armed and so never removed.
-class TempFileGuard {
-public:
-    // path is read when the guard ends: it must outlive the guard.
-    explicit TempFileGuard(const std::string& path) noexcept : m_Path(path) {}
-    ~TempFileGuard() {
-        if (m_bArmed && unlink(m_Path.c_str()) != 0) {
-            QRB_LOGW("remove %s failed, errno=%d", m_Path.c_str(), errno);
-        }
-    }
-    TempFileGuard(const TempFileGuard&) = delete;
-    TempFileGuard& operator=(const TempFileGuard&) = delete;
-    void Arm() noexcept { m_bArmed = true; }
-
-private:
-    const std::string& m_Path;
-    bool m_bArmed = false;
-};
-
-// The picture in the temporary file at path, decoded to cover width x height and cropped to
-// it; null when the decoder refuses the file.
-boost::intrusive_ptr<CQRBThumbImage> DecodeTempFile(const std::string& path, int width,
-                                                    int height) {
-    const std::string url = "file://" + path;
-    qrb_picture_thumb_param param;  // everything else zero
-    param.path = url.c_str();
-    param.width = width;
-    param.height = height;
-    param.bModeFlag = 1;
-    param.bDecoderFlag = 1;
-    int decodedW = 0;
-    int decodedH = 0;
-    // malloc'ed by the decoder; owned here until the image takes it.
-    ScopedRaster raster(
-        CQRBImageProcessor::GetThumbnailBuffer(url.c_str(), param, &decodedW, &decodedH, nullptr));
-    QRB_LOGD("MediaManager.GetThumbnailBuffer Succeed, pucThumbBuffer=%p",
-             static_cast<void*>(raster.get()));
-    if (!raster) return nullptr;
-
-    boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-    const bool created =
-        image->Create(decodedW, decodedH, 32, static_cast<long>(decodedW) * 4, raster.get(), 0);
-    if (image->GetBuffer() == raster.get()) raster.release();  // the image frees it now
-    if (!created) return nullptr;
-    CQRBSNSThumbnailGetter::m_CropToRequest(*image, width, height);
-    return image;
-}
-
-}  // namespace
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBSNSThumbnailGetter::ExtractThumbnail(_stExtractInfo) {
     return nullptr;
@@ -98,47 +41,10 @@ bool CQRBSNSThumbnailGetter::m_CreateDir(const char* path) {
     return true;
 }
 
-bool CQRBSNSThumbnailGetter::m_WriteFlashFile(const char* path, const char* data, int size,
-                                              int* createErrno) {
-    if (createErrno != nullptr) *createErrno = 0;
-    if (path == nullptr || (data == nullptr && size > 0) || size < 0) return false;
-    QRB_LOGD("Writing the data to flash ,path is %s.............\n", path);
-    // Exclusive and without following links: whatever is planted at the name stays untouched.
-    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        const int error = errno;
-        if (createErrno != nullptr) *createErrno = error;
-        QRB_LOGW("Failed to create %s  file.\n", path);
-        QRB_LOGW("error no=%d desc: %s", error, std::strerror(error));
-        return false;
-    }
-    ScopedFile file(fdopen(fd, "wb"));
-    if (!file) {
-        const int error = errno;
-        close(fd);
-        unlink(path);
-        QRB_LOGW("Failed to create %s  file.\n", path);
-        QRB_LOGW("error no=%d desc: %s", error, std::strerror(error));
-        return false;
-    }
-    bool ok = size == 0 || std::fwrite(data, 1, static_cast<size_t>(size), file.get()) ==
-                               static_cast<size_t>(size);
-    // fclose flushes: its result is part of the write's.
-    ok = std::fclose(file.release()) == 0 && ok;
-    if (!ok) {
-        QRB_LOGW("writing %s failed, errno=%d", path, errno);
-        unlink(path);
-        return false;
-    }
-    QRB_LOGD("Writing Done .............\n");
-    return true;
-}
-
-void CQRBSNSThumbnailGetter::m_CropToRequest(CQRBThumbImage& image, int width, int height) {
-    const int w = image.GetWidth();
-    const int h = image.GetHeight();
-    if (width <= 0 || height <= 0 || width > w || height > h) return;
-    image.CropARGB((w - width) / 2, (h - height) / 2, width, height);
+bool CQRBSNSThumbnailGetter::m_WriteFlashFile(QRBTempFile& file, const std::string& data) {
+    return t_WriteFlashFile(
+        file, [] { return m_TempName(static_cast<int>(getpid()), ++m_lSNSFileID & INT32_MAX); },
+        data.data(), data.size());
 }
 
 boost::intrusive_ptr<CQRBThumbImage> CQRBSNSThumbnailGetter::m_DecodeBytes(
@@ -149,25 +55,13 @@ boost::intrusive_ptr<CQRBThumbImage> CQRBSNSThumbnailGetter::m_DecodeBytes(
         return nullptr;
     }
 
-    std::string path;
-    TempFileGuard guard(path);  // armed once the file is ours; removes it on every way out
-    bool written = false;
-    for (int attempt = 0; attempt < kMaxNameAttempts && !written; ++attempt) {
-        const int counter = static_cast<int>(++m_lSNSFileID & INT32_MAX);
-        path = m_TempName(static_cast<int>(getpid()), counter);
-        int createErrno = 0;
-        written = m_WriteFlashFile(path.c_str(), buffer.data(), static_cast<int>(buffer.size()),
-                                   &createErrno);
-        // Only a taken name is worth another try; any other failure would repeat.
-        if (!written && createErrno != EEXIST) break;
-    }
-    if (!written) {
+    QRBTempFile file;  // removed on every way out
+    if (!m_WriteFlashFile(file, buffer)) {
         QRB_LOGW("Write JPG Buffer fail");
         return nullptr;
     }
-    guard.Arm();
     QRB_LOGD("Write JPG Buffer Succeed");
-    return DecodeTempFile(path, width, height);
+    return t_DecodePictureFile(file.Path(), width, height, true);
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBSNSThumbnailGetter::ExtractThumbnail(

@@ -22,11 +22,10 @@
 #include <cstdint>
 #include <string>
 
+class QRBTempFile;
+
 class CQRBSNSThumbnailGetter : public CQRBThumbnailGetter {
 public:
-    // Names taken in a row (planted or left behind) before a request gives up.
-    static constexpr int kMaxNameAttempts = 8;
-
     CQRBSNSThumbnailGetter() = default;
     ~CQRBSNSThumbnailGetter() override = default;
     CQRBSNSThumbnailGetter(const CQRBSNSThumbnailGetter&) = delete;
@@ -43,15 +42,9 @@ public:
 
     // Makes every missing folder of path (0755). True when the folder exists afterwards.
     static bool m_CreateDir(const char* path);
-    // Writes size bytes to a new file at path, which must not exist yet (a link there is not
-    // followed). On failure nothing is left at path that this call made, and *createErrno (when
-    // given) holds the errno of the failed creation, or 0 when creation succeeded but writing
-    // did not.
-    static bool m_WriteFlashFile(const char* path, const char* data, int size,
-                                 int* createErrno = nullptr);
-    // Crops image to width x height around its centre when both are non-zero and neither is
-    // above the image's own size; otherwise leaves it as it is.
-    static void m_CropToRequest(CQRBThumbImage& image, int width, int height);
+    // Writes the downloaded bytes into a new temporary file under the next free name (the
+    // shared counter advances for each name tried); the file goes when `file` does.
+    static bool m_WriteFlashFile(QRBTempFile& file, const std::string& data);
 
     // The temporary file's path for a process id and counter value.
     static std::string m_TempName(int pid, int counter);

@@ -8,6 +8,7 @@
 #include "qrb_thumbnail.h"
 #include "qrb_web_picture_test_support.h"
 
+#include "qrb_temp_file.h"
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
 #include "qrb_test_jpeg_writer.h"
@@ -157,39 +158,6 @@ TEST_F(QRBSnsThumbnailGetterTest, RequestLargerThanThePictureIsCoveredThenCroppe
     EXPECT_TRUE(DataFiles(m_Root).empty());
 }
 
-TEST_F(QRBSnsThumbnailGetterTest, CropOnlyWhenTheRequestFitsInsideTheRaster) {
-    auto makeImage = [] {
-        // 6 x 4, every byte distinct, so any displaced row or column shows.
-        const size_t bytes = 6 * 4 * 4;
-        unsigned char* buffer =
-            static_cast<unsigned char*>(std::malloc(bytes));  // the image frees it
-        for (size_t i = 0; i < bytes; ++i) buffer[i] = static_cast<unsigned char>(i);
-        boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-        image->Create(6, 4, 32, 24, buffer, 0);
-        return image;
-    };
-    const std::string original(reinterpret_cast<const char*>(makeImage()->GetBuffer()), 96);
-    for (auto [w, h] : {std::pair{7, 2}, {2, 5}, {0, 2}, {2, 0}, {0, 0}, {-2, 2}, {6, 4}}) {
-        auto image = makeImage();
-        CQRBSNSThumbnailGetter::m_CropToRequest(*image, w, h);
-        EXPECT_EQ(image->GetWidth(), 6) << w << " x " << h;
-        EXPECT_EQ(image->GetHeight(), 4) << w << " x " << h;
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(image->GetBuffer()), 96), original)
-            << w << " x " << h;
-    }
-    auto image = makeImage();
-    CQRBSNSThumbnailGetter::m_CropToRequest(*image, 3, 2);
-    ASSERT_EQ(image->GetWidth(), 3);
-    ASSERT_EQ(image->GetHeight(), 2);
-    // Origin ((6 - 3) / 2, (4 - 2) / 2) = (1, 1).
-    const unsigned char* p = image->GetBuffer();
-    for (int y = 0; y < 2; ++y) {
-        for (int x = 0; x < 3; ++x) {
-            EXPECT_EQ(p[(y * 3 + x) * 4], ((1 + y) * 6 + 1 + x) * 4) << x << "," << y;
-        }
-    }
-}
-
 TEST_F(QRBSnsThumbnailGetterTest, BytesThatAreNoPictureAreWrittenRefusedAndRemoved) {
     EXPECT_FALSE(Extract("<html><body>404 Not Found</body></html>", 32, 32));
     EXPECT_TRUE(m_Log.Contains("Write JPG Buffer Succeed"));
@@ -247,7 +215,7 @@ TEST_F(QRBSnsThumbnailGetterTest, LinkPlantedAtTheNextNameIsNotFollowed) {
 
 TEST_F(QRBSnsThumbnailGetterTest, EveryCandidateNameTakenFailsCleanly) {
     std::vector<PlantedLink> planted;
-    for (int i = 1; i <= CQRBSNSThumbnailGetter::kMaxNameAttempts; ++i) {
+    for (int i = 1; i <= QRBTempFile::kNameAttempts; ++i) {
         planted.push_back(Plant(m_Root, Name(i), "t" + std::to_string(i)));
     }
     const std::string bytes = qrbtest::MakeJpeg(GradientSpec(64, 48));
@@ -255,7 +223,7 @@ TEST_F(QRBSnsThumbnailGetterTest, EveryCandidateNameTakenFailsCleanly) {
     EXPECT_TRUE(m_Log.Contains("Write JPG Buffer fail"));
     EXPECT_FALSE(m_Log.Contains("Write JPG Buffer Succeed"));
     EXPECT_EQ(m_Log.Count("error no=17 desc: File exists"),
-              CQRBSNSThumbnailGetter::kMaxNameAttempts);
+              QRBTempFile::kNameAttempts);
     for (const auto& p : planted) {
         EXPECT_EQ(ReadAll(p.target), "precious " + BaseName(p.target));
         EXPECT_TRUE(IsLinkTo(p.link, p.target));

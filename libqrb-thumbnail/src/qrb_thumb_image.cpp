@@ -103,6 +103,11 @@ bool CQRBThumbImage::CropARGB(int startX, int startY, int width, int height) {
     return true;
 }
 
+bool CQRBThumbImage::CropCentre(int width, int height) {
+    if (width == 0 || height == 0 || m_nWidth < width || m_nHeight < height) return false;
+    return CropARGB((m_nWidth - width) / 2, (m_nHeight - height) / 2, width, height);
+}
+
 namespace {
 
 // Quarter turns clockwise, then whether left and right are swapped, per EXIF orientation.

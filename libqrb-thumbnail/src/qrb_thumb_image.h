@@ -41,6 +41,10 @@ public:
     // Keeps width x height pixels from (startX, startY). A full-size crop is a no-op whatever
     // the origin. A crop whose far edge lies outside the source is refused rather than read.
     bool CropARGB(int startX, int startY, int width, int height);
+    // The centre crop every kind uses: to width x height at ((w - width) / 2, (h - height) / 2)
+    // when both are non-zero and the image is at least that large both ways; otherwise the image
+    // stays as it is (false).
+    bool CropCentre(int width, int height);
     // Turns the raster upright for an EXIF orientation (1 to 8); 1 is a no-op, anything else
     // outside 1..8 is refused. 5 to 8 swap width and height.
     bool RotateARGB(int orient);

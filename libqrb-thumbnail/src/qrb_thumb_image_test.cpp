@@ -41,6 +41,24 @@ TEST(ThumbImageTest, CentreCropKeepsTheMiddlePixels) {
     EXPECT_TRUE(log.Contains("cropStartX=0, cropStartY=6, destWidth=200, destHeight=100"));
 }
 
+// The one centre crop every kind uses: only a request that fits inside the raster both ways
+// and has no zero side crops, around ((w - width) / 2, (h - height) / 2).
+TEST(ThumbImageTest, CentreCropOnlyWhenTheRequestFitsInside) {
+    for (auto [w, h] : {std::pair{7, 2}, {2, 5}, {0, 2}, {2, 0}, {0, 0}, {-2, 2}}) {
+        auto image = Gradient(6, 4);
+        EXPECT_FALSE(image->CropCentre(w, h)) << w << " x " << h;
+        EXPECT_EQ(image->GetWidth() * 10 + image->GetHeight(), 64) << w << " x " << h;
+    }
+    auto image = Gradient(6, 4);
+    ASSERT_TRUE(image->CropCentre(3, 2));
+    ASSERT_EQ(image->GetWidth() * 10 + image->GetHeight(), 32);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 3; ++x) {
+            EXPECT_EQ(image->GetBuffer()[(y * 3 + x) * 4 + 0], 1 + x);
+            EXPECT_EQ(image->GetBuffer()[(y * 3 + x) * 4 + 1], 1 + y);
+        }
+}
+
 TEST(ThumbImageTest, FullSizeCropIsANoOpWhateverTheOrigin) {
     auto image = Gradient(8, 8);
     const unsigned char* before = image->GetBuffer();

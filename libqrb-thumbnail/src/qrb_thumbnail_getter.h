@@ -10,7 +10,10 @@
 
 #include <boost/intrusive_ptr.hpp>
 
+#include <functional>
 #include <string>
+
+class QRBTempFile;
 
 class CQRBThumbnailGetter {
 public:
@@ -22,6 +25,20 @@ public:
     // The form for bytes already fetched (web pictures): null unless the kind supports it.
     virtual boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(std::string& buffer,
                                                                      int width, int height);
+
+    // Writes size bytes into a new temporary file for the picture decoder: created exclusively
+    // under the first name from nextName that is not taken (a planted link or FIFO included;
+    // at most QRBTempFile::kNameAttempts names), mode 0600, with the getters' log lines. On
+    // failure nothing this call made is left; on success the file goes when `file` does.
+    static bool t_WriteFlashFile(QRBTempFile& file, const std::function<std::string()>& nextName,
+                                 const void* data, size_t size);
+    // The picture in the file at path, decoded by the picture decoder to cover width x height
+    // and centre-cropped to it (when both are non-zero and the picture is at least that large);
+    // null when the decoder refuses it. fastDecode asks the decoder for its quick mode and
+    // flag, as the web kinds do.
+    static boost::intrusive_ptr<CQRBThumbImage> t_DecodePictureFile(const std::string& path,
+                                                                    int width, int height,
+                                                                    bool fastDecode = false);
 
 protected:
     // Wraps an image (already at the requested size) into a new item with RID 0.
