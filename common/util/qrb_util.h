@@ -27,6 +27,9 @@ public:
     // *data is allocated with new[]; the caller deletes it.
     static bool ReadFile(const std::string& path, char** data, long long& size);
     static bool ReadFile(const std::string& path, std::string& content);
+    // Moves a blob (a 32-bit length, then that many bytes) from the shared-memory object
+    // shmName to a new file at path, and unlinks the object. A blob shorter than its length
+    // stops the process: nothing is written that was not read.
     static bool WriteFile(const char* shmName, const char* path);
 
     static bool GetVConfigValueInt(const char* key, int* value);
