@@ -2,7 +2,8 @@
 # The project as a new user meets it: installed into a fresh prefix and run as an ordinary
 # user with an empty environment (no QRB_* variable, no HOME). The installed qrb-thumb must make
 # a thumbnail of every local kind, the README's app.c built with pkg-config against the prefix
-# must get a video frame, the desktop thumbnailer entry must work as a file manager calls it,
+# must get a video frame, a C program calling the identifier functions must link against it
+# alone, the desktop thumbnailer entry must work as a file manager calls it,
 # and nothing may be left behind in the temporary folder.
 #
 #   scripts/test-installed.sh BUILD_DIR
@@ -67,6 +68,28 @@ as_user LD_LIBRARY_PATH="$PREFIX/lib" "$SCRATCH/app" "$M/clip.mp4" video > "$SCR
 grep -q "clip.mp4: 320x240, 1 image(s)" "$SCRATCH/app.out" || fail "app.c: $(cat "$SCRATCH/app.out")"
 as_user LD_LIBRARY_PATH="$PREFIX/lib" "$SCRATCH/app" "$M/gone.mp4" video > "$SCRATCH/app.out"
 grep -q "gone.mp4: no thumbnail (no such file)" "$SCRATCH/app.out" || fail "app.c: $(cat "$SCRATCH/app.out")"
+
+# The identifier functions of the public header, linked the same way: from the library that
+# pkg-config names, with nothing else on the command line.
+cat > "$SCRATCH/uuid.c" <<'EOF'
+#include <qrb_thumbnail.h>
+#include <stdio.h>
+
+int main(void) {
+    char by_time[37], random[37];
+    if (qrb_uuid_time(by_time) != 0 || qrb_uuid_random(random) != 0) return 1;
+    printf("%s %s\n", by_time, random);
+    return 0;
+}
+EOF
+cc -o "$SCRATCH/uuid" "$SCRATCH/uuid.c" \
+    $(PKG_CONFIG_PATH=$PREFIX/lib/pkgconfig pkg-config --cflags --libs qrb-thumbnail) \
+    || fail "uuid.c does not link against the installed library"
+chmod a+rx "$SCRATCH/uuid"
+as_user LD_LIBRARY_PATH="$PREFIX/lib" "$SCRATCH/uuid" > "$SCRATCH/uuid.out" || fail "uuid.c failed"
+hex='[0-9a-f]'
+grep -Eq "^$hex{8}-$hex{4}-1$hex{3}-[89ab]$hex{3}-$hex{12} $hex{8}-$hex{4}-4$hex{3}-[89ab]$hex{3}-$hex{12}\$" \
+    "$SCRATCH/uuid.out" || fail "uuid.c: $(cat "$SCRATCH/uuid.out")"
 
 # The thumbnailer entry, its placeholders filled in as a file manager fills them: the longest
 # side, the item's URI (percent-escaped), the file to write.

@@ -15,20 +15,20 @@ void CQRBThread::Semaphore::Wait() {
     --count;
 }
 
-CQRBThread::CQRBThread() : m_pThread(nullptr), m_bCreated(false) {}
+CQRBThread::CQRBThread() : m_pThread(NoThread()), m_bCreated(false) {}
 
 CQRBThread::~CQRBThread() {
     // A thread still running here would call into a destroyed object; the owner must have
     // stopped it. Joining is the last safe thing to do if it did not.
-    if (m_pThread != nullptr) {
+    if (m_pThread != NoThread()) {
         g_thread_join(m_pThread);
-        m_pThread = nullptr;
+        m_pThread = NoThread();
     }
 }
 
 bool CQRBThread::Create(const char* name) {
     if (name == nullptr) return false;
-    if (m_pThread != nullptr) return false;
+    if (m_pThread != NoThread()) return false;
     GError* error = nullptr;
     GThread* thread = g_thread_try_new(name, &CQRBThread::_Process, this, &error);
     if (thread == nullptr) {
@@ -45,20 +45,20 @@ bool CQRBThread::Create(const char* name) {
 }
 
 void CQRBThread::Destroy() {
-    if (m_pThread == nullptr) return;
+    if (m_pThread == NoThread()) return;
     m_End.Wait();
     // Joined rather than only unreferenced, so that no thread outlives Destroy.
     g_thread_join(m_pThread);
-    m_pThread = nullptr;
+    m_pThread = NoThread();
     m_bCreated = false;
 }
 
 GThread* CQRBThread::Thread_id() { return m_pThread; }
 
 void* CQRBThread::Thread_join() {
-    if (m_pThread == nullptr) return nullptr;
+    if (m_pThread == NoThread()) return nullptr;
     void* result = g_thread_join(m_pThread);
-    m_pThread = nullptr;
+    m_pThread = NoThread();
     return result;
 }
 

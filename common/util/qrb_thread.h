@@ -1,7 +1,7 @@
 // The base of every worker thread: a GLib thread whose start and end are both synchronous.
 // Create returns once the new thread runs; Destroy returns once t_Process has returned and the
 // thread has been joined. Destroy does not make t_Process leave its loop: a derived class sets
-// its own stop flag first.
+// its own stop flag first. Thread_id() is -1 (all bits set) while there is no thread.
 #ifndef QRB_COMMON_THREAD_H
 #define QRB_COMMON_THREAD_H
 
@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include <atomic>
+#include <cstdint>
 
 class CQRBThread {
 public:
@@ -34,6 +35,8 @@ private:
     };
 
     static gpointer _Process(gpointer arg);
+    // The handle while there is no thread: -1, all bits set.
+    static GThread* NoThread() { return reinterpret_cast<GThread*>(~static_cast<uintptr_t>(0)); }
 
     GThread* m_pThread;
     std::atomic<bool> m_bCreated;

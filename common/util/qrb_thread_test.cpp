@@ -27,24 +27,33 @@ public:
 
 class IdleThread : public CQRBThread {};
 
+// The handle of a thread base without a thread.
+GThread* const kNoThread = reinterpret_cast<GThread*>(-1);
+
 TEST(QRBThreadTest, CreateWithNullNameStartsNothing) {
     LoopingThread thread;
+    EXPECT_EQ(thread.Thread_id(), kNoThread) << "no thread yet: the handle is -1";
     EXPECT_FALSE(thread.Create(nullptr));
     EXPECT_FALSE(thread.FlagCreate());
-    EXPECT_EQ(thread.Thread_id(), nullptr);
+    EXPECT_EQ(thread.Thread_id(), kNoThread);
+    EXPECT_EQ(thread.Thread_join(), nullptr) << "nothing to join";
     thread.Destroy();  // nothing to wait for
+    EXPECT_EQ(thread.Thread_id(), kNoThread) << "still none";
 }
 
 TEST(QRBThreadTest, CreateReturnsOnlyOnceTheThreadRuns) {
     LoopingThread thread;
     ASSERT_TRUE(thread.Create("looping"));
     EXPECT_TRUE(thread.FlagCreate());
+    EXPECT_NE(thread.Thread_id(), kNoThread);
+    EXPECT_NE(thread.Thread_id(), nullptr);
     // The start semaphore is posted just before t_Process; give it the moment to enter.
     for (int i = 0; i < 1000 && !thread.started; ++i) usleep(1000);
     EXPECT_TRUE(thread.started);
     thread.stop = true;
     thread.Destroy();
     EXPECT_FALSE(thread.FlagCreate());
+    EXPECT_EQ(thread.Thread_id(), kNoThread) << "the thread is gone: the handle is -1 again";
     int loops = thread.loops;
     usleep(5000);
     EXPECT_EQ(loops, thread.loops) << "the work function ran on after Destroy";

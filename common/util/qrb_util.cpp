@@ -1,6 +1,7 @@
 #define QRB_LOG_TAG "QRB-COMMON"
 #include "qrb_util.h"
 
+#include "qrb_assert.h"
 #include "qrb_log.h"
 #include "system_info.h"
 #include "vconf.h"
@@ -14,7 +15,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cassert>
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -30,7 +32,7 @@ long long CQRBUtil::GetCurrentSystemTime() {
 }
 
 bool CQRBUtil::IsFileExist(const char* path) {
-    assert(path != nullptr);
+    QRB_ASSERT(path != nullptr);
     return access(path, R_OK) == 0;
 }
 
@@ -51,7 +53,7 @@ const char* CQRBUtil::MakeDirs(const std::string& dir, unsigned mode, bool exact
 }
 
 bool CQRBUtil::RemoveFile(const char* path) {
-    assert(path != nullptr);
+    QRB_ASSERT(path != nullptr);
     if (remove(path) != 0) {
         QRB_LOGW("CQRBUtil: remove [%s] failed.", path);
         return false;
@@ -161,28 +163,37 @@ bool CQRBUtil::ReadFile(const std::string& path, std::string& content) {
 }
 
 bool CQRBUtil::WriteFile(const char* shmName, const char* path) {
-    assert(shmName != nullptr && path != nullptr);
+    QRB_ASSERT(shmName != nullptr && path != nullptr);
     int fd = shm_open(shmName, O_RDONLY, 0766);
     if (fd < 0) {
         QRB_LOGW("CQRBUtil: shm_open [%s] failed.", shmName);
         return false;
     }
+    struct stat st;
+    const bool measured = fstat(fd, &st) == 0;
     FILE* stream = fdopen(fd, "r");
     if (stream == nullptr) {
         QRB_LOGW("CQRBUtil: fdopen [%d] failed.", fd);
         close(fd);
         return false;
     }
+    // A blob shorter than its length word says is a broken contract with the writer: the
+    // process stops rather than write bytes that were never read.
     uint32_t length = 0;
-    size_t got = fread(&length, sizeof(length), 1, stream);
-    assert(got == 1);
+    const size_t gotLength = fread(&length, sizeof(length), 1, stream);
+    QRB_ASSERT(gotLength == 1);
+    // A length beyond the object's own size can only end in a short read: it stops here, before
+    // that much memory is asked for.
+    QRB_ASSERT(!measured ||
+               static_cast<long long>(length) <=
+                   static_cast<long long>(st.st_size) - static_cast<long long>(sizeof(length)));
     std::unique_ptr<char[]> content;
     if (length > 0) {
-        content.reset(new char[length]);
-        got = fread(content.get(), 1, length, stream);
-        assert(got == length);
+        content.reset(new (std::nothrow) char[length]);
+        QRB_ASSERT(content != nullptr);
+        const size_t got = fread(content.get(), 1, length, stream);
+        QRB_ASSERT(got == length);
     }
-    (void)got;
     if (fclose(stream) != 0) QRB_LOGW("CQRBUtil: fclose [%s] failed.", shmName);
     if (shm_unlink(shmName) != 0) QRB_LOGW("CQRBUtil: shm_unlink [%s] failed.", shmName);
     if (length == 0) return false;
@@ -269,7 +280,7 @@ std::string CQRBUtil::GetFileNameWithoutExt(const char* path) {
 }
 
 void CQRBUtil::AssignValue(char** dst, const char* src) {
-    assert(dst != nullptr);
+    QRB_ASSERT(dst != nullptr);
     delete[] *dst;
     *dst = nullptr;
     if (src == nullptr) return;
@@ -279,7 +290,7 @@ void CQRBUtil::AssignValue(char** dst, const char* src) {
 }
 
 void CQRBUtil::AssignValueByCStyle(char** dst, const char* src) {
-    assert(dst != nullptr);
+    QRB_ASSERT(dst != nullptr);
     free(*dst);
     *dst = nullptr;
     if (src == nullptr) return;
@@ -309,6 +320,12 @@ std::string CQRBUtil::double2str(double value) {
     char buf[64];
     std::snprintf(buf, sizeof(buf), "%g", value);
     return buf;
+}
+
+std::string CQRBUtil::ToLower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
 }
 
 std::string CQRBUtil::CharToString(const char* text) { return text ? std::string(text) : std::string(); }

@@ -1,7 +1,8 @@
 // CQRBUtil: stateless helpers shared by the service — whole-file reading and writing under
 // POSIX record locks, moving a shared-memory blob to a file, path and string helpers, the
 // wall clock in milliseconds, and the platform's settings store and system information.
-// Argument errors on paths are assertions; I/O errors are logged and answered false.
+// Argument errors on paths are assertions that stop the process in every build type
+// (qrb_assert.h); I/O errors are logged and answered false.
 #ifndef QRB_COMMON_UTIL_H
 #define QRB_COMMON_UTIL_H
 
@@ -26,6 +27,9 @@ public:
     // *data is allocated with new[]; the caller deletes it.
     static bool ReadFile(const std::string& path, char** data, long long& size);
     static bool ReadFile(const std::string& path, std::string& content);
+    // Moves a blob (a 32-bit length, then that many bytes) from the shared-memory object
+    // shmName to a new file at path, and unlinks the object. A blob shorter than its length
+    // stops the process: nothing is written that was not read.
     static bool WriteFile(const char* shmName, const char* path);
 
     static bool GetVConfigValueInt(const char* key, int* value);
@@ -49,6 +53,8 @@ public:
     static std::string long2str(long value);
     static std::string double2str(double value);
     static std::string CharToString(const char* text);
+    // ASCII letters in lower case; other bytes (UTF-8 included) as they are.
+    static std::string ToLower(std::string text);
 
     static std::string GetUUID();
 };

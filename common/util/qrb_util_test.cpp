@@ -1,5 +1,6 @@
 #include "qrb_util.h"
 
+#include "qrb_intrusive_ptr_base.h"
 #include "qrb_test_log.h"
 #include "qrb_test_root.h"
 #include "qrb_thumbnail.h"
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <set>
 
@@ -88,6 +90,71 @@ TEST_F(QRBUtilTest, WriteFileMovesASharedMemoryBlobIntoAFile) {
     EXPECT_TRUE(log.Contains("shm_open"));
 }
 
+// Writes a blob into a new shared-memory object: the length word, then the bytes that follow
+// it (which may be fewer than the word says).
+void WriteBlob(const std::string& name, const std::string& lengthWord, const std::string& bytes) {
+    int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
+    ASSERT_GE(fd, 0) << name;
+    const std::string blob = lengthWord + bytes;
+    ASSERT_EQ(write(fd, blob.data(), blob.size()), static_cast<ssize_t>(blob.size()));
+    close(fd);
+}
+
+std::string LengthWord(uint32_t length) { return std::string(reinterpret_cast<char*>(&length), 4); }
+
+// A blob shorter than its length word says is a broken contract with its writer: the process
+// stops, in every build type, before anything reaches the file.
+TEST_F(QRBUtilTest, CutShortSharedMemoryBlobStopsTheProcessBeforeAnythingIsWritten) {
+    const struct {
+        const char* what;
+        std::string lengthWord;
+        std::string bytes;
+    } cases[] = {
+        {"seven bytes short", LengthWord(100), std::string(93, 'b')},
+        {"length word cut", std::string("\x05\x00", 2), ""},
+        {"length far beyond the object", LengthWord(0xFFFFFFFFu), "only these"},
+    };
+    const std::string name = "/qrb-util-short-" + std::to_string(getpid());
+    const std::string path = root.Path() + "/from-shm";
+    for (const auto& c : cases) {
+        shm_unlink(name.c_str());
+        WriteBlob(name, c.lengthWord, c.bytes);
+        EXPECT_DEATH(CQRBUtil::WriteFile(name.c_str(), path.c_str()), "Assertion .* failed")
+            << c.what;
+        struct stat st;
+        EXPECT_NE(stat(path.c_str(), &st), 0) << c.what << ": no file, not even part of one";
+        shm_unlink(name.c_str());
+    }
+}
+
+struct Counted : QRB_IntrusivePtr_Base<Counted> {};
+
+// The argument errors the utilities and the reference count name are assertions that stop the
+// process whatever the build type.
+TEST(QRBAssertionTest, ArgumentErrorsStopTheProcessInEveryBuildType) {
+    const struct {
+        const char* what;
+        std::function<void()> call;
+    } cases[] = {
+        {"IsFileExist(null)", [] { CQRBUtil::IsFileExist(nullptr); }},
+        {"RemoveFile(null)", [] { CQRBUtil::RemoveFile(nullptr); }},
+        {"WriteFile(null, path)", [] { CQRBUtil::WriteFile(nullptr, "/tmp/x"); }},
+        {"WriteFile(name, null)", [] { CQRBUtil::WriteFile("/qrb-none", nullptr); }},
+        {"AssignValue(null)", [] { CQRBUtil::AssignValue(nullptr, "x"); }},
+        {"AssignValueByCStyle(null)", [] { CQRBUtil::AssignValueByCStyle(nullptr, "x"); }},
+        {"release of null", [] { intrusive_ptr_release(static_cast<Counted*>(nullptr)); }},
+        {"release past zero",
+         [] {
+             Counted* object = new Counted;  // never deleted: the count never reaches zero
+             intrusive_ptr_release(object);  // 0 -> -1, without the reference it gives back
+             intrusive_ptr_add_ref(object);
+         }},
+    };
+    for (const auto& c : cases) {
+        EXPECT_DEATH(c.call(), "Assertion .* failed") << c.what;
+    }
+}
+
 TEST_F(QRBUtilTest, PathHelpers) {
     EXPECT_EQ(CQRBUtil::GetFileExtension("/a/b.c/song.mp3"), "mp3");
     EXPECT_EQ(CQRBUtil::GetFileExtension("/a/noext"), "");
@@ -96,6 +163,9 @@ TEST_F(QRBUtilTest, PathHelpers) {
     EXPECT_EQ(CQRBUtil::GetFileNameWithoutExt("/a/b/song.tar.gz"), "song.tar");
     EXPECT_EQ(CQRBUtil::GetFileName(nullptr), "");
     EXPECT_TRUE(log.Contains("szPath == NULL"));
+    EXPECT_EQ(CQRBUtil::ToLower("Feature.UVU"), "feature.uvu");
+    EXPECT_EQ(CQRBUtil::ToLower("\xC3\x89t\xC3\xA9 SCSA"), "\xC3\x89t\xC3\xA9 scsa")
+        << "only ASCII";
 }
 
 TEST_F(QRBUtilTest, MakeDirsMakesEveryMissingFolderWithItsMode) {

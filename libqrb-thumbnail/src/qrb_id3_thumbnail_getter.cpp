@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +23,8 @@ std::atomic<uint32_t> CQRBID3ThumbnailGetter::m_lID3FileID{0};
 
 namespace {
 
+// m_CreateDir looks at no more of a path than this.
+constexpr size_t kMaxCreateDirPath = 256;
 
 // A name already taken (left behind by a crashed process with the same id, or planted) is
 // skipped for the next counter value, a few times at most.
@@ -33,8 +34,10 @@ constexpr int kMaxNameAttempts = 8;
 // created are handed to it.
 class TempFileGuard {
 public:
+    // Nothing is removed for an empty path (a file this getter did not create).
     explicit TempFileGuard(std::string path) : m_Path(std::move(path)) {}
     ~TempFileGuard() {
+        if (m_Path.empty()) return;
         if (std::remove(m_Path.c_str()) != 0) QRB_LOGW("remove %s failed", m_Path.c_str());
     }
     TempFileGuard(const TempFileGuard&) = delete;
@@ -79,7 +82,10 @@ std::string CQRBID3ThumbnailGetter::m_WMATempName(int pid, int counter) {
 int CQRBID3ThumbnailGetter::m_CreateDir(const char* path) {
     if (path == nullptr) return -1;
     if (std::strlen(path) < 2) return 0;
-    if (CQRBUtil::MakeDirs(std::string(path, strnlen(path, PATH_MAX)), 0755, false) != nullptr) {
+    // At most the first 256 characters are made, the last of them as a folder too (as with a
+    // trailing "/").
+    const std::string dir(path, strnlen(path, kMaxCreateDirPath));
+    if (CQRBUtil::MakeDirs(dir, 0755, false) != nullptr) {
         QRB_LOGW("mkdir   error");
         return -1;
     }
@@ -179,16 +185,18 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_DecodeCover(
         struct stat st;
         if (!written && lstat(temp.c_str(), &st) != 0) break;  // not a taken name: give up
     }
-    if (!written) {
+    if (written) {
+        QRB_LOGD("Write JPG Buffer Succeed");
+    } else {
+        // The decode is still tried, at the last name tried: whatever lies there is decoded (a
+        // missing file fails in the decoder), but only a file this getter wrote is removed.
         QRBNoteFailure(QRBFailure::kScratch);
         QRB_LOGW("Write JPG Buffer fail");
-        return nullptr;
     }
-    QRB_LOGD("Write JPG Buffer Succeed");
 
     boost::intrusive_ptr<CQRBThumbImage> image;
     {
-        TempFileGuard guard(temp);
+        TempFileGuard guard(written ? temp : std::string());
         const std::string url = "file://" + temp;
         qrb_picture_thumb_param param;  // reserved words and flags zero
         param.path = url.c_str();

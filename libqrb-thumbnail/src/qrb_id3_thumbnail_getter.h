@@ -1,8 +1,9 @@
 // Songs: the cover art inside the file (the picture of an ID3v2.3 APIC or ID3v2.2 PIC frame, or
 // the "WM/Picture" attribute of a WMA file) is written to a temporary file in the data folder,
 // decoded there by the picture decoder, centre-cropped to the requested size and packed. The
-// temporary file is created exclusively (a name planted in advance is never followed or
-// reused) and removed on every path.
+// temporary file is created exclusively (a name planted in advance is never written through
+// or reused: the next counter value is tried) and removed on every path. When no name could be
+// written, the decode is still tried at the last one, and what it finds there is not removed.
 //
 // A file goes to the WMA extractor when its extension contains "wma" (lower case only: "SONG.WMA"
 // is read for ID3 tags), to the ID3 extractor otherwise. Covers longer than 524287 bytes are
@@ -37,7 +38,8 @@ public:
     // The text after the last "." of the final path component; empty when the component has
     // no ".", ends with one, or the path ends with "/" or "\".
     static std::string m_ExtractExtension(const std::string& path);
-    // Makes every missing folder of path (mode 0755). 0, or -1 when a mkdir fails.
+    // Makes every missing folder of the first 256 characters of path (mode 0755), the last one
+    // too. 0, or -1 when a mkdir fails.
     static int m_CreateDir(const char* path);
     // Writes length bytes to a new file at path, which must not exist yet. 1 written, 0 failed
     // (a partial file is removed again).

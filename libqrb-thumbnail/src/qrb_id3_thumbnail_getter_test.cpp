@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -40,9 +41,6 @@ std::string QuadrantJpeg(int width = 200, int height = 100) {
     spec.pattern = qrbtest::JpegPattern::kQuadrants;
     return qrbtest::MakeJpeg(spec);
 }
-
-// Stands in for the audio after the tag; its content does not matter to the getter.
-const std::string kAudio(600, '\x55');
 
 std::string Mp3WithApic(const std::string& picture) {
     return Id3Tag(3, V23Frame("TIT2", std::string("\0Song", 5)) +
@@ -161,6 +159,18 @@ TEST_F(MusicGetterTest, CreateDirMakesEveryMissingFolder) {
     const std::string file = root.WriteFile("plain", "x");
     EXPECT_EQ(CQRBID3ThumbnailGetter::m_CreateDir((file + "/sub").c_str()), -1);
     EXPECT_TRUE(log.Contains("mkdir   error"));
+
+    // Only the first 256 characters are looked at: the folder they end in is made, cut where
+    // the cut falls, and nothing after it.
+    const std::string base = root.Path() + "/long/";
+    ASSERT_LT(base.size(), 200u);
+    const std::string name(300 - base.size(), 'n');
+    EXPECT_EQ(CQRBID3ThumbnailGetter::m_CreateDir((base + name + "/tail").c_str()), 0);
+    const std::string cut = (base + name).substr(0, 256);
+    ASSERT_EQ(stat(cut.c_str(), &st), 0) << "the first 256 characters";
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(root.CountEntries("/long"), 1);
+    EXPECT_EQ(root.CountEntries(cut.substr(root.Path().size())), 0);
 }
 
 TEST_F(MusicGetterTest, WriteFlashFileCreatesAPrivateFile) {
@@ -300,6 +310,37 @@ TEST_F(MusicGetterTest, PlantedLinkAtTheNextNameIsNeitherFollowedNorRemoved) {
     struct stat st;
     EXPECT_EQ(lstat(next.c_str(), &st), 0);  // not ours to remove
     EXPECT_EQ(TemporaryFiles(), 1);
+}
+
+TEST_F(MusicGetterTest, FailedWriteStillGoesOnToTheDecode) {
+    const std::string song = root.WriteFile("song.mp3", Mp3WithApic(QuadrantJpeg()));
+    ASSERT_TRUE(Extract(song, 20, 20));
+    const std::string prefix = root.Resolve(kDataDir) + "mus" + Padded5(getpid());
+    const int counter = std::stoi(LastTemporaryName().substr(prefix.size(), 5));
+
+    // Every name the getter may try next is taken (by folders: even root cannot write them).
+    std::vector<std::string> taken;
+    for (int i = 1; i <= 8; ++i) {
+        taken.push_back(CQRBID3ThumbnailGetter::m_ID3TempName(getpid(), counter + i));
+        ASSERT_EQ(mkdir(taken.back().c_str(), 0700), 0);
+    }
+    log.Clear();
+    EXPECT_FALSE(Extract(song, 20, 20));
+    const std::vector<std::string> lines = log.Lines();
+    const auto failed = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("Write JPG Buffer fail") != std::string::npos;
+    });
+    ASSERT_NE(failed, lines.end());
+    // The decoder was asked, after the failed write, for the last name tried.
+    EXPECT_NE(std::find_if(failed, lines.end(),
+                           [](const std::string& line) {
+                               return line.find("INVALID WIDTH AND HEIGHT") != std::string::npos;
+                           }),
+              lines.end());
+    for (const std::string& name : taken) {
+        struct stat st;
+        EXPECT_EQ(stat(name.c_str(), &st), 0) << name << " is not the getter's to remove";
+    }
 }
 
 TEST_F(MusicGetterTest, FrameLargerThanTheFileGivesNoItem) {

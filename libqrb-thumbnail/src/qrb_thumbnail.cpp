@@ -15,20 +15,13 @@
 #include <cstdio>
 
 std::atomic<CQRBThumbnail*> CQRBThumbnail::m_pInstance{nullptr};
-
-namespace {
-
-CQRBMutex& CreationMutex() {
-    static CQRBMutex* mutex = new CQRBMutex;  // never destroyed: guards creation at any time
-    return *mutex;
-}
-
-}  // namespace
+// Never destroyed: creation may be asked for at any time, even while the process exits.
+CQRBMutex& CQRBThumbnail::m_Mutex = *new CQRBMutex;
 
 CQRBThumbnail* CQRBThumbnail::GetInstance() {
     CQRBThumbnail* instance = m_pInstance.load(std::memory_order_acquire);
     if (instance != nullptr) return instance;
-    CQRBAutoLock lock(CreationMutex());
+    CQRBAutoLock lock(m_Mutex);
     instance = m_pInstance.load(std::memory_order_acquire);
     if (instance == nullptr) {
         instance = new CQRBThumbnail;

@@ -6,6 +6,7 @@
 #ifndef QRB_THUMBNAIL_SERVICE_H
 #define QRB_THUMBNAIL_SERVICE_H
 
+#include "qrb_mutex.h"
 #include "qrb_request_item_info.h"
 #include "qrb_requested_item.h"
 #include "qrb_thumb_cache.h"
@@ -25,6 +26,9 @@ public:
 
     static CQRBThumbnail* GetInstance();
     static void ReleaseInstance();
+
+    // Guards the creation of the service (GetInstance's slow path); nothing else takes it.
+    static CQRBMutex& m_Mutex;
 
     static qrb_media_thumbnail_type GetThumbnailType(qrb_item_media_type media, qrb_extend_dev_type dev);
     static int m_GetThumbImpType(qrb_media_thumbnail_type type);

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -275,14 +276,14 @@ TEST_F(ServiceTest, CachedResultIsServedWithoutExtractingAgain) {
     EXPECT_EQ(hit->GetImageCount(), 1);
 }
 
-TEST_F(ServiceTest, CachedEntryWithoutImagesIsAFailure) {
-    boost::intrusive_ptr<CQRBThumbnailItem> empty(new CQRBThumbnailItem);
-    empty->SetURL("h/ok:1x1");
-    empty->SetRID(-1);
+TEST_F(ServiceTest, CachedEntryWhoseImageHasNoPixelsIsStillAHit) {
+    boost::intrusive_ptr<CQRBThumbnailItem> cached(new CQRBThumbnailItem);
+    cached->SetURL("h/ok:1x1");
+    cached->SetRID(-1);
     boost::intrusive_ptr<CQRBThumbImage> blank(new CQRBThumbImage);
     blank->Create(2, 2, 4, 8, nullptr, 0);
-    empty->AddImage(blank);
-    service->Cache()->Insert(empty);
+    cached->AddImage(blank);
+    service->Cache()->Insert(cached);
     Scripted("h/ok:1x1", recorder.Tag(1), true, 2, 2);
     ASSERT_TRUE(recorder.WaitForCount(1, 5s));
     EXPECT_EQ(recorder.Results()[0].status, 0) << "an entry with a first image counts as a hit";
@@ -335,7 +336,20 @@ TEST_F(ServiceTest, FinalizeAndInitAgainServeNewRequests) {
     thumbnail_finalize();
     EXPECT_TRUE(log.Contains("m_Destroy end"));
     EXPECT_EQ(qrbtest::ThreadCount(), threadsBefore - 8) << "two multi, four video, two HTTP threads";
-    ASSERT_EQ(thumbnail_init(), 0);
+    // Creating it again waits for the creation mutex.
+    std::atomic<bool> created{false};
+    std::thread init;
+    {
+        CQRBAutoLock hold(CQRBThumbnail::m_Mutex);
+        init = std::thread([&] {
+            EXPECT_EQ(thumbnail_init(), 0);
+            created = true;
+        });
+        std::this_thread::sleep_for(100ms);
+        EXPECT_FALSE(created) << "the service was made without its creation mutex";
+    }
+    init.join();
+    EXPECT_TRUE(created);
     service = CQRBThumbnail::GetInstance();
     Scripted("i/ok:1x1", recorder.Tag(1));
     ASSERT_TRUE(recorder.WaitForCount(1, 5s));

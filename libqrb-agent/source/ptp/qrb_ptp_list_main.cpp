@@ -1,11 +1,12 @@
 // qrb-ptp-list: lists the folders and pictures of a camera through the PTP manager, one line
-// per item: type, URI (what a thumbnail request takes; "-" for a folder), size in bytes and
-// name, separated by tabs, in the listing's order.
+// per item: type, URI (what a thumbnail request takes; "-" for a folder), object handle (what
+// --folder takes), size in bytes and name, separated by tabs, in the listing's order.
 //
 //   qrb-ptp-list [--folder HANDLE] BUS DEVICE
 //
-// Without --folder the whole camera is listed, every storage at every depth. Exits 0 when
-// the listing worked, 1 when it did not (the library's log says why), 2 on a bad command line.
+// Without --folder the storage in use is listed at every depth; with it, what lies directly in
+// that folder. Exits 0 when the listing worked, 1 when it did not (the library's log says why),
+// 2 on a bad command line.
 #include "qrb_ptp_manage.h"
 
 #include <cstdio>
@@ -23,8 +24,8 @@ bool ParseNumber(const char* text, int* out) {
 }
 
 bool Print(_ptp_data_item& item, void*) {
-    std::printf("%s\t%s\t%llu\t%s\n", item.strType.c_str(),
-                item.strURI.empty() ? "-" : item.strURI.c_str(), item.ullSize,
+    std::printf("%s\t%s\t%d\t%llu\t%s\n", item.strType.c_str(),
+                item.strURI.empty() ? "-" : item.strURI.c_str(), item.nObjectHandle, item.ullSize,
                 item.strName.c_str());
     return true;
 }

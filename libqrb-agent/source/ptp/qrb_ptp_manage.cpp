@@ -334,17 +334,8 @@ bool CQRBPTPManage::GetDataItem(int nBusID, int nDeviceID, DataItemCallback call
             QRB_LOGW("can not find camera");
             return false;
         }
-        int* raw = nullptr;
-        int count = 0;
-        const int ret = mtp_get_storage_ids(handle, &raw, &count);
-        ScopedInts storages(raw);
-        if (ret != MTP_ERROR_NONE) {
-            QRB_LOGW("mtp_get_storage_ids %d", ret);
-            return false;
-        }
-        for (int s = 0; s < count; ++s) {
-            if (!m_CollectFolder(storages.get()[s], 0, 0, true, &items)) return false;
-        }
+        // The storage in use, at every depth; a camera's other storages are not listed.
+        if (!m_CollectFolder(m_nStorageID, 0, 0, true, &items)) return false;
         QRB_LOGD("[ptp performance]after insert into data item");
     }
     return m_Deliver(items, callback, user);
@@ -362,18 +353,9 @@ bool CQRBPTPManage::GetDataItem(int nBusID, int nDeviceID, int nParent, DataItem
             QRB_LOGW("can not find camera");
             return false;
         }
-        int storage = m_nStorageID;
-        if (nParent != 0) {
-            // A folder lies in one storage, not necessarily the one in use.
-            mtp_object_info info{};
-            const int ret = mtp_objectinfo_get_object_info(handle, nParent, &info);
-            if (ret != MTP_ERROR_NONE) {
-                QRB_LOGW("mtp_objectinfo_get_object_info failed : %d", ret);
-                return false;
-            }
-            storage = info.storage_id;
-        }
-        if (!m_CollectFolder(storage, nParent, 0, false, &items)) return false;
+        // Asked of the storage in use: a parent that is no folder of it (unknown, a file, or a
+        // folder of another storage) fails at mtp_get_object_handles, with its message.
+        if (!m_CollectFolder(m_nStorageID, nParent, 0, false, &items)) return false;
         QRB_LOGD("[ptp performance]after insert into data item");
     }
     return m_Deliver(items, callback, user);

@@ -1,7 +1,7 @@
 // Access to a digital camera attached over USB and spoken to with PTP, through the platform's
-// MTP client (mtp.h): the camera is found by its USB bus and device numbers, a storage's or a
-// folder's objects are listed as data items, and a picture's own thumbnail or a whole file is
-// downloaded.
+// MTP client (mtp.h): the camera is found by its USB bus and device numbers, the objects of the
+// storage in use (its first) or of one of its folders are listed as data items, and a picture's
+// own thumbnail or a whole file is downloaded.
 //
 // Only one camera is open at a time: asking for another closes the first. Every entry point
 // takes the manager's lock, so one thread at a time talks to the camera. The listings hand
@@ -41,9 +41,10 @@ public:
     // it with free().
     bool DownloadFileToBuffer(int nBusID, int nDeviceID, std::string strFilePath, char** ppBuffer,
                               unsigned long* pSize);
-    // Every folder and picture of every storage of the camera, at every depth.
+    // Every folder and picture of the storage in use, at every depth.
     bool GetDataItem(int nBusID, int nDeviceID, DataItemCallback callback, void* user);
-    // The folders and pictures directly in folder nParent (0: the root of the storage in use).
+    // The folders and pictures directly in folder nParent of the storage in use (0: its root).
+    // A parent that is not one of its folders fails at mtp_get_object_handles.
     bool GetDataItem(int nBusID, int nDeviceID, int nParent, DataItemCallback callback, void* user);
 
 private:

@@ -29,8 +29,9 @@ ScopedReader OpenReader(std::string& xml) {
     xmlCheckVersion(20902);
     while (!xml.empty() && xml.back() == '\0') xml.pop_back();
     ScopedReader reader;
-    // The reader takes an int length; nothing near that size is a metadata document.
-    if (!xml.empty() && xml.size() <= CQRBDmpParseXml::kMaxXmlBytes) {
+    // The reader takes an int length; nothing near that size is a metadata document. An empty
+    // text gets its reader too: its first read fails, as for any text that is no document.
+    if (xml.size() <= CQRBDmpParseXml::kMaxXmlBytes) {
         reader.reset(xmlReaderForMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr,
                                         kReaderOptions));
     }
@@ -51,13 +52,14 @@ const char* LocalName(xmlTextReaderPtr reader) {
     return local ? reinterpret_cast<const char*>(local) : "";
 }
 
-// On an element start: reads the next node and gives its value (the element's text). An empty
-// element (<X/>) has no text node, and the node after it belongs to someone else: nothing is
-// read then. *hasValue tells a missing value from an empty one.
+// On an element start: reads one more node and gives its value, the element's text. An empty
+// element (<X/>) has no text of its own, so the node read is whatever follows it (the
+// whitespace before the next element, or the next element itself, which has no value and is
+// then not seen as an element start by the walk): the reader loop as the format's readers
+// have always run it. *hasValue tells a node without a value from an empty text.
 int ReadText(xmlTextReaderPtr reader, std::string* text, bool* hasValue) {
     text->clear();
     *hasValue = false;
-    if (xmlTextReaderIsEmptyElement(reader) == 1) return 1;
     const int ret = xmlTextReaderRead(reader);
     if (ret != 1) return ret;
     const xmlChar* value = xmlTextReaderConstValue(reader);
@@ -144,8 +146,7 @@ int CQRBDmpParseXml::ParseDMPTableOfContents(std::string xml, std::vector<std::s
     if (m_ParseTableOfContents(xml, path) != 1) return 0;
     if (!path.empty() && path[0] == '/') path.erase(0, 1);
     QRB_LOGD("DescriptiveMetadata = [%s]", path.c_str());
-    // An empty path would be found inside every name.
-    if (path.empty()) return 1;
+    // An empty path (a table without the element) is found inside the first name.
     for (size_t i = 0; i < files.size(); ++i) {
         if (files[i].find(path) != std::string::npos) {
             index = static_cast<int>(i);
@@ -196,7 +197,6 @@ int CQRBDmpParseXml::m_processMateDataNode(_xmlTextReader* reader, _stDMPMETADAT
 
 int CQRBDmpParseXml::m_processCommonMetaData(_xmlTextReader* reader,
                                              _stDMPMetadata_common& common) {
-    if (xmlTextReaderIsEmptyElement(reader) == 1) return 1;
     int ret;
     while ((ret = xmlTextReaderRead(reader)) == 1) {
         if (Named(reader, kElementEnd, "ContentMetadata")) break;
@@ -214,7 +214,6 @@ int CQRBDmpParseXml::m_processCommonMetaData(_xmlTextReader* reader,
 
 int CQRBDmpParseXml::m_ReadImage(_xmlTextReader* reader, const char* end,
                                  _stDMPMetadata_image& image) {
-    if (xmlTextReaderIsEmptyElement(reader) == 1) return 1;
     int ret;
     while ((ret = xmlTextReaderRead(reader)) == 1) {
         if (Named(reader, kElementEnd, end)) break;
@@ -256,7 +255,6 @@ int CQRBDmpParseXml::m_processRequiredImageData(_xmlTextReader* reader,
 
 int CQRBDmpParseXml::m_processChapterImageData(_xmlTextReader* reader,
                                                std::vector<_stDMPMetadata_image>& images) {
-    if (xmlTextReaderIsEmptyElement(reader) == 1) return 1;
     int ret;
     while ((ret = xmlTextReaderRead(reader)) == 1) {
         if (Named(reader, kElementEnd, "Chapters")) break;
@@ -271,24 +269,21 @@ int CQRBDmpParseXml::m_processChapterImageData(_xmlTextReader* reader,
 
 int CQRBDmpParseXml::m_processRatingData(_xmlTextReader* reader,
                                          std::vector<_stDMPMetadata_rating>& ratings) {
-    if (xmlTextReaderIsEmptyElement(reader) == 1) return 1;
     int ret;
     while ((ret = xmlTextReaderRead(reader)) == 1) {
         if (Named(reader, kElementEnd, "Ratings")) break;
         if (!Named(reader, kElementStart, "Rating")) continue;
         _stDMPMetadata_rating rating;
-        if (xmlTextReaderIsEmptyElement(reader) != 1) {
-            while ((ret = xmlTextReaderRead(reader)) == 1) {
-                if (Named(reader, kElementEnd, "Rating")) break;
-                if (xmlTextReaderNodeType(reader) != kElementStart) continue;
-                std::string* field = RatingField(rating, LocalName(reader));
-                if (field == nullptr) continue;
-                bool hasValue = false;
-                ret = ReadText(reader, field, &hasValue);
-                if (ret != 1) break;
-            }
+        while ((ret = xmlTextReaderRead(reader)) == 1) {
+            if (Named(reader, kElementEnd, "Rating")) break;
+            if (xmlTextReaderNodeType(reader) != kElementStart) continue;
+            std::string* field = RatingField(rating, LocalName(reader));
+            if (field == nullptr) continue;
+            bool hasValue = false;
+            ret = ReadText(reader, field, &hasValue);
             if (ret != 1) break;
         }
+        if (ret != 1) break;
         ratings.push_back(rating);
     }
     return ret;

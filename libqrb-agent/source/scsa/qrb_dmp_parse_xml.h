@@ -3,7 +3,10 @@
 // that document, which describes the package's contents.
 //
 // Elements are matched by local name, whatever their namespace prefix. Trailing NUL bytes (the
-// extractor's terminators) are dropped before parsing. The reader never touches the network,
+// extractor's terminators) are dropped before parsing. The walk is the format's reader loop as
+// written: on an element start whose text is wanted it reads one more node and takes that
+// node's value, so an empty element (<X/>) takes whatever follows it, and a block that is an
+// empty element reads on to the next end element of its name. The reader never touches the network,
 // loads no external DTD or entity and expands no entity: a reference stays a reference, its
 // text is not read. Texts above kMaxXmlBytes are not parsed.
 //
@@ -27,19 +30,20 @@ public:
 
     // The descriptive-metadata path that the table of contents names, with every ":" written
     // as "%3A". 1 on success (a document without that element succeeds with an empty path), 0
-    // when the text is not XML or the reader fails before the element.
+    // when the reader fails before the element (an empty text included) or cannot be made.
     int ParseDMPTableOfContents(std::string xml, std::string& descriptive);
 
     // As above, then, without a leading "/", looks for the path inside the names of files (a
-    // substring match, from the first name on) and sets index to the first name that holds it.
-    // When none does (or the path is empty), index keeps its value and the result is still 1.
+    // substring match, from the first name on) and sets index to the first name that holds it:
+    // an empty path (a table without the element) is held by the first name. When none holds
+    // it, index keeps its value and the result is still 1.
     int ParseDMPTableOfContents(std::string xml, std::vector<std::string> files, int& index);
 
     // Fills meta from a descriptive-metadata document: the common texts of "ContentMetadata",
     // one picture per "RequiredImages" block and per "Chapter", one rating per "Rating".
-    // 0 when the document was read to its end, and also when the text is not XML at all (the
-    // record is then untouched); 1 when the reader stopped on an error, keeping what was filled
-    // before it.
+    // 0 when the document was read to its end, and also when no reader could be made (a text
+    // above kMaxXmlBytes; the record is then untouched); 1 when the reader stopped on an error
+    // (an empty text included), keeping what was filled before it.
     int ParseDMPMetaData(std::string xml, _stDMPMETADATA& meta);
 
 private:

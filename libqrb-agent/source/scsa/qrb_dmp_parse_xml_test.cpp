@@ -46,7 +46,12 @@ TEST(DmpParseXmlTest, TableOfContentsGivesTheDescriptivePathWithColonsEscaped) {
         {"broken before the element", "<T><Other></T><DescriptiveMetadata>x</DescriptiveMetadata>",
          0, "", "CQRBDmpParseXml: Fail to Parse XML = [-1]"},
         {"not XML", "plain words", 0, "", "CQRBDmpParseXml: Fail to Parse XML = [-1]"},
-        {"empty text", std::string(3, '\0'), 0, "",
+        {"empty text", std::string(3, '\0'), 0, "", "CQRBDmpParseXml: Fail to Parse XML = [-1]"},
+        // The node after an empty element gives the path: here the text that follows it.
+        {"empty element", "<T><DescriptiveMetadata/>after.xml<Other/></T>", 1, "after.xml",
+         "CQRBDmpParseXml: DescriptiveMetadata = [after.xml]"},
+        {"text above the size limit",
+         Toc("m.xml") + std::string(CQRBDmpParseXml::kMaxXmlBytes, ' '), 0, "",
          "CQRBDmpParseXml: XML String from DMP is not xml !!!"},
     };
     CQRBDmpParseXml parser;
@@ -75,7 +80,10 @@ TEST(DmpParseXmlTest, SecondFormFindsTheFirstFileNameHoldingThePath) {
         {"a longer path", Toc("other/meta.xml"), 1, 2},
         {"escaped colons match escaped names", Toc("urn:a:b/d.xml"), 1, 3},
         {"no holder: index kept, still a success", Toc("/absent.xml"), 1, 7},
-        {"empty path matches nothing", Toc(""), 1, 7},
+        // An empty path is found inside every name: the first one holds it.
+        {"empty path: the first name", Toc(""), 1, 0},
+        {"no such element: the first name", "<TableOfContents><Other>a</Other></TableOfContents>",
+         1, 0},
         {"not XML", "{}", 0, 7},
     };
     CQRBDmpParseXml parser;
@@ -84,6 +92,9 @@ TEST(DmpParseXmlTest, SecondFormFindsTheFirstFileNameHoldingThePath) {
         EXPECT_EQ(parser.ParseDMPTableOfContents(c.xml, files, index), c.result) << c.what;
         EXPECT_EQ(index, c.index) << c.what;
     }
+    int index = 7;
+    EXPECT_EQ(parser.ParseDMPTableOfContents(Toc(""), {}, index), 1);
+    EXPECT_EQ(index, 7) << "no names: nothing holds even an empty path";
 }
 
 const char kDocument[] = R"(<?xml version="1.0" encoding="UTF-8"?>
@@ -95,7 +106,7 @@ const char kDocument[] = R"(<?xml version="1.0" encoding="UTF-8"?>
     <RunLength>PT1H30M</RunLength>
     <md:Publisher>Studio &amp; Co</md:Publisher>
     <md:TitleDisplay19>Short</md:TitleDisplay19>
-    <md:TitleDisplay60/>
+    <md:TitleDisplay60></md:TitleDisplay60>
     <md:TitleDisplayUnlimited>The Long Title</md:TitleDisplayUnlimited>
     <md:TitleDisplaySort>Long Title, The</md:TitleDisplaySort>
     <md:Summary190>s190</md:Summary190>
@@ -116,7 +127,6 @@ const char kDocument[] = R"(<?xml version="1.0" encoding="UTF-8"?>
   <md:Chapters>
     <md:Chapter><md:Width>10</md:Width><md:Location>c1.jpg</md:Location></md:Chapter>
     <md:Chapter><md:Image><md:Height>20</md:Height></md:Image><md:Location>c2.jpg</md:Location></md:Chapter>
-    <md:Chapter/>
   </md:Chapters>
   <md:Ratings>
     <md:Rating><md:country>US</md:country><md:System>MPAA</md:System><md:Value>PG</md:Value>
@@ -148,7 +158,7 @@ TEST(DmpParseXmlTest, MetadataWalkFillsEveryFieldWhateverThePrefix) {
     }
     EXPECT_EQ(images, (std::vector<std::string>{
                           "1280|360|image/jpeg|urn:dece:container:imageindex:3|poster.jpg",
-                          "0|0|||second.jpg", "10|0|||c1.jpg", "0|20|||c2.jpg", "0|0|||"}));
+                          "0|0|||second.jpg", "10|0|||c1.jpg", "0|20|||c2.jpg"}));
     std::vector<std::string> ratings;
     for (const auto& r : meta.ratings) {
         ratings.push_back(
@@ -171,19 +181,18 @@ TEST(DmpParseXmlTest, BrokenAndHostileTexts) {
         size_t images;
         const char* log;
     } cases[] = {
-        {"trailing NULs are dropped", withNuls, 0, "urn:id:1", 5, nullptr},
+        {"trailing NULs are dropped", withNuls, 0, "urn:id:1", 4, nullptr},
         {"chapters alone: one image each",
-         "<Chapters><Chapter><Location>1</Location></Chapter><Chapter/><Chapter>"
-         "<Location>3</Location></Chapter></Chapters>",
+         "<Chapters><Chapter><Location>1</Location></Chapter><Chapter><Location>2</Location>"
+         "</Chapter><Chapter><Location>3</Location></Chapter></Chapters>",
          0, "", 3, nullptr},
         {"text above the size limit",
          "<M><ContentMetadata><ContentID>x</ContentID></ContentMetadata>" +
              std::string(CQRBDmpParseXml::kMaxXmlBytes, ' ') + "</M>",
          0, "", 0, "CQRBDmpParseXml: XML String from DMP is not xml !!!"},
-        {"not XML at all: nothing to read", "", 0, "", 0,
-         "CQRBDmpParseXml: XML String from DMP is not xml !!!"},
-        {"only NULs", std::string(8, '\0'), 0, "", 0,
-         "CQRBDmpParseXml: XML String from DMP is not xml !!!"},
+        {"an empty text fails to parse", "", 1, "", 0, "CQRBDmpParseXml: Fail to Parse XML"},
+        {"only NULs: an empty text", std::string(8, '\0'), 1, "", 0,
+         "CQRBDmpParseXml: Fail to Parse XML"},
         {"text that is no document", "ContentID=1", 1, "", 0, "CQRBDmpParseXml: Fail to Parse XML"},
         // The reader parses ahead in chunks: the error lies some kilobytes on, so that the
         // nodes before it have been handed out when it is met.
@@ -199,9 +208,6 @@ TEST(DmpParseXmlTest, BrokenAndHostileTexts) {
          "<M><ContentMetadata><ContentID>&big;</ContentID><Publisher>&ext;</Publisher>"
          "</ContentMetadata></M>",
          0, "", 0, nullptr},
-        {"an empty element does not swallow the next",
-         "<M><ContentMetadata><Summary190/><ContentID>next</ContentID></ContentMetadata></M>", 0,
-         "next", 0, nullptr},
     };
     CQRBDmpParseXml parser;
     for (const auto& c : cases) {
@@ -218,6 +224,83 @@ TEST(DmpParseXmlTest, BrokenAndHostileTexts) {
         if (std::string(c.what) == "entities are neither expanded nor fetched") {
             EXPECT_EQ(meta.common.strPublisher, "");
         }
+    }
+}
+
+// An empty element has no text and no end element, so the walk takes the node after it: a
+// text field takes whatever follows, a block reads on to the next end element of its name.
+TEST(DmpParseXmlTest, EmptyElementsTakeWhatFollowsThem) {
+    const struct {
+        const char* what;
+        std::string xml;
+        std::string common;  // ContentID|Summary190
+        std::vector<std::string> images;
+        std::vector<std::string> ratings;  // countries
+    } cases[] = {
+        {"a text field takes the next element, which the walk then passes over",
+         "<M><ContentMetadata><Summary190/><ContentID>next</ContentID></ContentMetadata></M>",
+         "|",
+         {},
+         {}},
+        {"a text field takes the whitespace after it",
+         "<M><ContentMetadata><Summary190/>\n  <ContentID>next</ContentID></ContentMetadata></M>",
+         "next|\n  ",
+         {},
+         {}},
+        {"a text field takes the text after it",
+         "<M><ContentMetadata><Summary190/>loose<ContentID>id</ContentID></ContentMetadata></M>",
+         "id|loose",
+         {},
+         {}},
+        {"a number takes the next element's missing value, and that element is passed over",
+         "<RequiredImages><Width>7</Width><Width/><Height>9</Height></RequiredImages>",
+         "|",
+         {"0|0|"},
+         {}},
+        {"a chapter reads on into the next one",
+         "<Chapters><Chapter><Location>1</Location></Chapter><Chapter/>"
+         "<Chapter><Width>3</Width><Location>3</Location></Chapter></Chapters>",
+         "|",
+         {"0|0|1", "3|0|3"},
+         {}},
+        {"a poster block reads on to the next block's end",
+         "<M><RequiredImages/><Chapters><Chapter><Location>c</Location></Chapter></Chapters>"
+         "<RequiredImages><Width>5</Width></RequiredImages></M>",
+         "|",
+         {"5|0|c"},
+         {}},
+        {"a poster block without a later end counts for none",
+         "<M><RequiredImages/><Chapters><Chapter><Location>c</Location></Chapter></Chapters></M>",
+         "|",
+         {},
+         {}},
+        {"the common block reads on to the end, past every other block",
+         "<M><ContentMetadata/><RequiredImages><Location>p</Location></RequiredImages>"
+         "<ContentID>late</ContentID></M>",
+         "late|",
+         {},
+         {}},
+        {"a rating reads on into the next one",
+         "<Ratings><Rating/><Rating><country>DE</country></Rating><Rating><country>US</country>"
+         "</Rating></Ratings>",
+         "|",
+         {},
+         {"DE", "US"}},
+    };
+    CQRBDmpParseXml parser;
+    for (const auto& c : cases) {
+        _stDMPMETADATA meta;
+        EXPECT_EQ(parser.ParseDMPMetaData(c.xml, meta), 0) << c.what;
+        EXPECT_EQ(meta.common.strContentID + "|" + meta.common.strSummary190, c.common) << c.what;
+        std::vector<std::string> images;
+        for (const auto& i : meta.images) {
+            images.push_back(
+                Join({std::to_string(i.nWidth), std::to_string(i.nHeight), i.strLocation}));
+        }
+        EXPECT_EQ(images, c.images) << c.what;
+        std::vector<std::string> ratings;
+        for (const auto& r : meta.ratings) ratings.push_back(r.strCountry);
+        EXPECT_EQ(ratings, c.ratings) << c.what;
     }
 }
 

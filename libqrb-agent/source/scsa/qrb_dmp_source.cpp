@@ -6,20 +6,14 @@
 #include "qrb_dmp_parse_xml.h"
 #include "qrb_log.h"
 #include "qrb_singleton.h"
+#include "qrb_util.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 
 namespace {
 
 const char kTableOfContents[] = "tableofcontents.xml";
-
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 // A document that parsed into nothing at all: not a content.
 bool IsEmpty(const _stDMPMETADATA& m) {
@@ -53,7 +47,7 @@ bool CQRBDmpSource::m_IsStandAloneMeta() {
     const std::string extension =
         dot == std::string::npos ? std::string() : m_strCurFilePath.substr(dot + 1);
     QRB_LOGD("File Extension is [%s]", extension.c_str());
-    const std::string lower = Lower(extension);
+    const std::string lower = CQRBUtil::ToLower(extension);
     QRB_LOGD("File Extension after CQRBUtil::ToLower [%s]", lower.c_str());
     return lower == "uvu" || lower == "uva" || lower == "uvt" || lower == "scsa";
 }
@@ -61,7 +55,7 @@ bool CQRBDmpSource::m_IsStandAloneMeta() {
 bool CQRBDmpSource::m_HasTableOfContentsXML(const std::vector<std::string>& files, int& index) {
     const size_t suffix = sizeof(kTableOfContents) - 1;
     for (size_t i = 0; i < files.size(); ++i) {
-        const std::string name = Lower(files[i]);
+        const std::string name = CQRBUtil::ToLower(files[i]);
         if (name.size() >= suffix &&
             name.compare(name.size() - suffix, suffix, kTableOfContents) == 0 &&
             (name.size() == suffix || name[name.size() - suffix - 1] == '/')) {

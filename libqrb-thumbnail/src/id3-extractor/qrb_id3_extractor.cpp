@@ -92,11 +92,10 @@ int QRBID3Extractor::m_ExtractFromFilename(const char* path, QRBID3* result) {
         QRB_LOGD("ID3v2 tag consumed %u bytes", consumed);
     }
 
+    // The result's version is the ID3v2 header's alone: an ID3v1 tag is looked for, and its
+    // absence reported, but it does not set the version of the result.
     int ret = 0;
-    if (!v23.HasImage() && !v22.HasImage()) {
-        ret = m_ReadV1Tags(file.get(), &v1);
-        if (result->nVersion == 0) result->nVersion = v1.nVersion;
-    }
+    if (!v23.HasImage() && !v22.HasImage()) ret = m_ReadV1Tags(file.get(), &v1);
     m_SetID3ValidValue(result, &v23, &v22, &v1);
     return ret;
 }
@@ -117,6 +116,10 @@ int QRBID3Extractor::m_ReadV1Tags(FILE* file, QRBID3* v1) {
     MSTId3v1Tag tag;
     static_assert(sizeof(MSTId3v1Tag) == kV1TagSize, "the ID3v1 tag is 128 bytes");
     if (std::fread(&tag, 1, sizeof(tag), file) != sizeof(tag)) return QRB_ID3_ERR_V1_READ;
+    return m_GetID3v1Tag(tag, v1);
+}
+
+int QRBID3Extractor::m_GetID3v1Tag(const MSTId3v1Tag& tag, QRBID3* v1) {
     if (std::memcmp(tag.identifier, "TAG", 3) != 0) return QRB_ID3_ERR_NO_V1_TAG;
     v1->nVersion = 1;
     return 0;
@@ -237,9 +240,9 @@ bool QRBID3Extractor::m_ReadPictureFrame(Reader& reader, uint32_t frameSize, boo
     if (start < 0) return false;
     unsigned char peek[kPicturePeekSize];
     const size_t got = std::fread(peek, 1, sizeof(peek), reader.file);
-    // Fewer bytes than asked are enough when the whole frame is among them (a small frame at
-    // the very end of a file).
-    if (got < sizeof(peek) && got < frameSize) {
+    // The peek is always the full 100 bytes: a picture frame with fewer left in the file (a
+    // small frame at its very end) is a read error and ends the walk, however small the frame.
+    if (got < sizeof(peek)) {
         QRB_LOGW("READ ERROR");
         return false;
     }
@@ -331,8 +334,8 @@ void QRBID3Extractor::m_SetID3ValidValue(QRBID3* result, QRBID3* v23, QRBID3* v2
         return;
     }
     // The working record is discarded right after: its buffer moves instead of being copied.
+    // The picture and its length only: the result's version came from the ID3v2 header.
     result->puImageBuf = std::move(source->puImageBuf);
     result->uImageLength = source->uImageLength;
-    result->nVersion = source->nVersion;
     source->uImageLength = 0;
 }

@@ -3,8 +3,11 @@
 //
 // Only a tag at the start of the file is read (major version 3 or 2; other versions give no
 // picture), frame by frame, as the tag's own sizes say. When several picture frames are present
-// the last one wins. Where no ID3v2 picture is found, the ID3v1 tag at the end of the file is
-// looked for; it carries no picture, but its absence is reported (the error codes below).
+// the last one wins. The first 100 bytes of a picture frame are read to find where its picture
+// begins; a frame with fewer left in the file is a read error ("READ ERROR") that ends the walk.
+// Where no ID3v2 picture is found, the ID3v1 tag at the end of the file is looked for; it
+// carries no picture, but its absence is reported (the error codes below). The result's version
+// is set from the ID3v2 header only (23 or 22), never from an ID3v1 tag.
 //
 // Hostile files: every size is checked against what is left of the tag and of the file before
 // anything is allocated, so no allocation exceeds the file size (nor the picture limit given to
@@ -30,7 +33,8 @@ enum {
 
 // The result of one extraction, or one tag version's share of it.
 struct QRBID3 {
-    // 1 = ID3v1, 22 = ID3v2.2, 23 = ID3v2.3, 0 = none.
+    // 1 = ID3v1, 22 = ID3v2.2, 23 = ID3v2.3, 0 = none. The result of an extraction carries the
+    // ID3v2 header's version, 0 without one; the per-version records carry their own.
     int nVersion = 0;
     // The picture's bytes (allocated with new[], released by the record), null when none.
     std::unique_ptr<unsigned char[]> puImageBuf;
@@ -102,6 +106,9 @@ public:
     // -1 when the frame does not hold an image ("image..." MIME type in ID3v2.3, "JPG" format in
     // ID3v2.2). Never more than peekLength.
     static long m_PictureHeaderLength(const unsigned char* peek, size_t peekLength, bool v22);
+    // The ID3v1 tag read from the last 128 bytes: 0 with v1's version set to 1 when it begins
+    // with "TAG", else QRB_ID3_ERR_NO_V1_TAG.
+    static int m_GetID3v1Tag(const MSTId3v1Tag& tag, QRBID3* v1);
 
 private:
     struct Reader;

@@ -56,6 +56,11 @@ inline std::string Synchsafe(uint32_t value) {
     return out;
 }
 
+// Stands in for the audio after a tag; its content does not matter to a tag reader. A song is
+// longer than the 100 bytes a picture frame's header is looked for in, and than an ID3v1 tag,
+// and does not end in "TAG".
+inline const std::string kAudio(600, '\x55');
+
 // ID3v2 tag (header and body) of major version `major`, its size counted from `body`.
 inline std::string Id3Tag(int major, const std::string& body) {
     return std::string("ID3", 3) + static_cast<char>(major) + std::string(2, '\0') +

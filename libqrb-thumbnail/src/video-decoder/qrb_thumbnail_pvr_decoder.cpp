@@ -26,6 +26,8 @@ extern "C" {
 namespace {
 
 constexpr size_t kHeaderBytes = 6 + 6 + 6 + 6 + 8;  // header, FW, FH, FD, FC
+// The elementary-stream file's path is cut to this many characters.
+constexpr size_t kMaxEsPath = 128;
 const unsigned char kMagic[6] = {'F', 'S', 'm', 't', 'a', 0};
 
 void CloseStdioFile(FILE* file) { std::fclose(file); }
@@ -127,10 +129,14 @@ int CQRBThumbanailPVRDecoder::SetPvrKeyFrame(_key_frame* frames, int frame_count
             QRB_LOGW("frame[%d]: buffer=%p, buffer_size=%d refused", i,
                      static_cast<const void*>(key.buffer), key.buffer_size);
         } else if (key.encode_type == 2) {
-            // The name follows the recording's and the frame's, not cut to any length: a cut
-            // name could lose its frame number.
+            // "<data folder><recording>-<frame>.es", cut to 128 characters. A long recording
+            // name loses the frame's number and the extension; the frames still never meet,
+            // since each file goes before the next frame is written, and the demuxer is named,
+            // not guessed from the extension.
+            std::string fixed = QRB_DATA_DIR + name + "-" + std::to_string(i) + ".es";
+            if (fixed.size() > kMaxEsPath) fixed.resize(kMaxEsPath);
             const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
-            const std::string esPath = dataDir + name + "-" + std::to_string(i) + ".es";
+            const std::string esPath = QRBSystemPath(fixed.c_str());
             m_CreateDir(dataDir.c_str());
             if (m_WriteFlashFile(esPath.c_str(), reinterpret_cast<const char*>(key.buffer),
                                  key.buffer_size)) {

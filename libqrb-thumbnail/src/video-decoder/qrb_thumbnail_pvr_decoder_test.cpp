@@ -181,6 +181,19 @@ TEST_F(PvrDecoderTest, H264KeyFramesGoThroughEsFilesThatNeverOutliveTheCall) {
                                                   facts.durationUs / 1000.0);
         EXPECT_NEAR(seen, facts.keyTimesMs[i], 80.0) << i;
     }
+
+    // The ".es" path is cut to 128 characters: a long recording name loses the frame's number
+    // and the extension, and both frames still decode, one after the other, under that name.
+    const std::string longName(150, 'n');
+    const std::string longSrf = root.Path() + "/rec/" + longName + ".srf";
+    log.Clear();
+    ASSERT_EQ(set_pvr_key_frame(frames.data(), 2, 96, 96, longSrf.c_str()), 0);
+    const std::string cut = std::string(kDataDir) + longName;
+    ASSERT_GT(cut.size(), 128u);
+    EXPECT_EQ(log.Count("write to " + root.Resolve(cut.substr(0, 128)) + " success"), 2);
+    EXPECT_FALSE(log.Contains("-0.es"));
+    EXPECT_EQ(root.CountEntries(kDataDir), 0) << "no elementary stream outlives the call";
+    EXPECT_EQ(Parse(longSrf).count, 2);
 }
 
 TEST_F(PvrDecoderTest, ProgressiveH264WithBFramesDecodesToo) {
