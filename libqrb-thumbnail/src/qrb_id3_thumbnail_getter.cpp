@@ -7,12 +7,14 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -25,27 +27,6 @@ namespace {
 
 // m_CreateDir looks at no more of a path than this.
 constexpr size_t kMaxCreateDirPath = 256;
-
-// A name already taken (left behind by a crashed process with the same id, or planted) is
-// skipped for the next counter value, a few times at most.
-constexpr int kMaxNameAttempts = 8;
-
-// Removes the temporary file it was given when it goes out of scope. Only files this getter
-// created are handed to it.
-class TempFileGuard {
-public:
-    // Nothing is removed for an empty path (a file this getter did not create).
-    explicit TempFileGuard(std::string path) : m_Path(std::move(path)) {}
-    ~TempFileGuard() {
-        if (m_Path.empty()) return;
-        if (std::remove(m_Path.c_str()) != 0) QRB_LOGW("remove %s failed", m_Path.c_str());
-    }
-    TempFileGuard(const TempFileGuard&) = delete;
-    TempFileGuard& operator=(const TempFileGuard&) = delete;
-
-private:
-    std::string m_Path;
-};
 
 std::string TempName(const char* pattern, int pid, int counter) {
     char name[64];  // the fixed path with both numbers fits with room to spare
@@ -92,33 +73,10 @@ int CQRBID3ThumbnailGetter::m_CreateDir(const char* path) {
     return 0;
 }
 
-int CQRBID3ThumbnailGetter::m_WriteFlashFile(const char* path, const char* data, int length) {
-    QRB_LOGD("Writing the data to flash ,path is %s.............", path);
-    // Created exclusively and without following links: nothing planted at the name is written
-    // through, and the file is this process's alone (0600).
-    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        QRB_LOGW("Failed to create %s  file.", path);
-        return 0;
-    }
-    QRBScopedFile file(fdopen(fd, "wb"));
-    if (!file) {
-        close(fd);
-        std::remove(path);
-        QRB_LOGW("Failed to create %s  file.", path);
-        return 0;
-    }
-    bool ok = length <= 0 || std::fwrite(data, 1, static_cast<size_t>(length), file.get()) ==
-                                 static_cast<size_t>(length);
-    ok = std::fflush(file.get()) == 0 && ok;
-    ok = std::fclose(file.release()) == 0 && ok;
-    if (!ok) {
-        std::remove(path);
-        QRB_LOGW("writing %s failed", path);
-        return 0;
-    }
-    QRB_LOGD("Writing Done .............");
-    return 1;
+int CQRBID3ThumbnailGetter::m_WriteFlashFile(QRBTempFile& file,
+                                             const std::function<std::string()>& nextName,
+                                             const char* data, int length) {
+    return t_WriteFlashFile(file, nextName, data, static_cast<size_t>(std::max(length, 0))) ? 1 : 0;
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::ExtractThumbnail(
@@ -175,45 +133,27 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_DecodeCover(
     const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
     if (m_CreateDir(dataDir.c_str()) != 0) return nullptr;
 
-    std::string temp;
-    bool written = false;
-    for (int attempt = 0; attempt < kMaxNameAttempts && !written; ++attempt) {
-        const int counter = static_cast<int>((++m_lID3FileID) & 0x7FFFFFFFu);
-        temp = wma ? m_WMATempName(getpid(), counter) : m_ID3TempName(getpid(), counter);
-        written = m_WriteFlashFile(temp.c_str(), reinterpret_cast<const char*>(data),
-                                   static_cast<int>(length)) == 1;
-        struct stat st;
-        if (!written && lstat(temp.c_str(), &st) != 0) break;  // not a taken name: give up
-    }
+    std::string tried;  // the last name tried
+    QRBTempFile file;   // removed on every way out; a name this getter did not make never is
+    const bool written =
+        m_WriteFlashFile(
+            file,
+            [&] {
+                const int counter = static_cast<int>((++m_lID3FileID) & 0x7FFFFFFFu);
+                tried = wma ? m_WMATempName(getpid(), counter) : m_ID3TempName(getpid(), counter);
+                return tried;
+            },
+            reinterpret_cast<const char*>(data), static_cast<int>(length)) == 1;
     if (written) {
         QRB_LOGD("Write JPG Buffer Succeed");
     } else {
         // The decode is still tried, at the last name tried: whatever lies there is decoded (a
-        // missing file fails in the decoder), but only a file this getter wrote is removed.
+        // missing file fails in the decoder).
         QRBNoteFailure(QRBFailure::kScratch);
         QRB_LOGW("Write JPG Buffer fail");
     }
-
-    boost::intrusive_ptr<CQRBThumbImage> image;
-    {
-        TempFileGuard guard(written ? temp : std::string());
-        const std::string url = "file://" + temp;
-        qrb_picture_thumb_param param;  // reserved words and flags zero
-        param.path = url.c_str();
-        param.width = width;
-        param.height = height;
-        int w = 0;
-        int h = 0;
-        // malloc'ed by the decoder; the image owns it once created.
-        unsigned char* buffer =
-            CQRBImageProcessor::GetThumbnailBuffer(url.c_str(), param, &w, &h, nullptr);
-        if (buffer == nullptr) return nullptr;
-        QRB_LOGD("MediaManager.GetThumbnailBuffer Succeed");
-        image = new CQRBThumbImage;
-        image->Create(w, h, 32, static_cast<long>(w) * 4, buffer, 0);
-        if (width != 0 && height != 0 && w >= width && h >= height) {
-            image->CropARGB((w - width) / 2, (h - height) / 2, width, height);
-        }
-    }
+    const boost::intrusive_ptr<CQRBThumbImage> image =
+        t_DecodePictureFile(written ? file.Path() : tried, width, height);
+    if (!image) return nullptr;
     return t_PackImage(image);
 }

@@ -18,7 +18,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
+
+class QRBTempFile;
 
 class CQRBID3ThumbnailGetter : public CQRBThumbnailGetter {
 public:
@@ -41,9 +44,10 @@ public:
     // Makes every missing folder of the first 256 characters of path (mode 0755), the last one
     // too. 0, or -1 when a mkdir fails.
     static int m_CreateDir(const char* path);
-    // Writes length bytes to a new file at path, which must not exist yet. 1 written, 0 failed
-    // (a partial file is removed again).
-    static int m_WriteFlashFile(const char* path, const char* data, int length);
+    // Writes length bytes into a new temporary file under the first free name nextName gives.
+    // 1 written, 0 failed (nothing this call made is left); the file goes when `file` does.
+    static int m_WriteFlashFile(QRBTempFile& file, const std::function<std::string()>& nextName,
+                                const char* data, int length);
 
     // The temporary file names, under the data folder, for a process id and counter value.
     static std::string m_ID3TempName(int pid, int counter);

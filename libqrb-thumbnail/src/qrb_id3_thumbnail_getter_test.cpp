@@ -173,30 +173,6 @@ TEST_F(MusicGetterTest, CreateDirMakesEveryMissingFolder) {
     EXPECT_EQ(root.CountEntries(cut.substr(root.Path().size())), 0);
 }
 
-TEST_F(MusicGetterTest, WriteFlashFileCreatesAPrivateFile) {
-    const std::string path = root.Path() + "/cover.jpg";
-    EXPECT_EQ(CQRBID3ThumbnailGetter::m_WriteFlashFile(path.c_str(), "abc", 3), 1);
-    EXPECT_EQ(ReadFileBytes(path), "abc");
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_TRUE(log.Contains("Writing the data to flash ,path is " + path + "............."));
-    EXPECT_TRUE(log.Contains("Writing Done ............."));
-}
-
-TEST_F(MusicGetterTest, WriteFlashFileNeverFollowsOrReusesAName) {
-    const std::string existing = root.WriteFile("taken.jpg", "old");
-    EXPECT_EQ(CQRBID3ThumbnailGetter::m_WriteFlashFile(existing.c_str(), "new", 3), 0);
-    EXPECT_EQ(ReadFileBytes(existing), "old");
-    EXPECT_TRUE(log.Contains("Failed to create " + existing + "  file."));
-
-    const std::string victim = root.WriteFile("victim", "precious");
-    const std::string link = root.Path() + "/link.jpg";
-    ASSERT_EQ(symlink(victim.c_str(), link.c_str()), 0);
-    EXPECT_EQ(CQRBID3ThumbnailGetter::m_WriteFlashFile(link.c_str(), "evil", 4), 0);
-    EXPECT_EQ(ReadFileBytes(victim), "precious");
-}
-
 TEST_F(MusicGetterTest, Mp3CoverIsDecodedAndCentreCropped) {
     const std::string song = root.WriteFile("music/song.mp3", Mp3WithApic(QuadrantJpeg()));
     auto item = Extract(song, 50, 50);

@@ -20,8 +20,6 @@
 
 namespace {
 
-void CloseFile(FILE* f) { std::fclose(f); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 using ScopedXmlParser = QRBScoped<xmlParserCtxt, xmlFreeParserCtxt>;
 using ScopedXmlDoc = QRBScoped<xmlDoc, xmlFreeDoc>;
 void FreeXmlText(xmlChar* text) { xmlFree(text); }
@@ -74,7 +72,7 @@ bool ReadWholeFile(const char* path, std::string* text) {
         if (fd >= 0) close(fd);
         return false;
     }
-    ScopedFile file(fdopen(fd, "rb"));
+    QRBScopedFile file(fdopen(fd, "rb"));
     if (!file) {
         close(fd);
         QRB_LOGW("cannot open %s: %s", path, std::strerror(errno));

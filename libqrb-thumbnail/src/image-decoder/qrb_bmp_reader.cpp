@@ -24,8 +24,6 @@
 
 namespace {
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 
 constexpr uint64_t kFileHeaderSize = 14;
 constexpr size_t kMaxInfoHeaderSize = 124;
@@ -389,7 +387,7 @@ bool CQRBPictureParser::ParseBMPHeader(FILE* fp, uint64_t fileSize, BMPInfo* inf
 
 int CQRBImageDecoder::m_ParseBMPThumbInfo() {
     if (m_pPath == nullptr) return -1;
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRB_LOGW("%s:   OPEN ERROR", m_pPath);
         return -1;
@@ -415,7 +413,7 @@ int CQRBImageDecoder::m_ReadBMPThumbnail(unsigned char* out) {
         !m_pBMPPalette || m_BMPInfo.width == 0) {
         return -1;
     }
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRB_LOGW("%s:   OPEN ERROR", m_pPath);
         return -1;

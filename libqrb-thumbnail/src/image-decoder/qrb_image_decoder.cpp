@@ -11,8 +11,6 @@
 
 namespace {
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 
 bool HasPrefix(const char* text, const char* prefix) {
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
@@ -86,7 +84,7 @@ const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
         return uri;  // a plain path is taken as it stands, without sniffing
     }
 
-    ScopedFile fp(std::fopen(path, "rb"));
+    QRBScopedFile fp(std::fopen(path, "rb"));
     if (!fp) {
         QRBNoteFileFailure(errno);
         QRB_LOGW("%s:   OPEN ERROR", path);

@@ -23,12 +23,10 @@ namespace {
 using qrbpicturetest::Decode;
 using qrbpicturetest::Raster;
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 
 // The header walk on a whole file.
 bool Walk(const std::string& path, QRBJpegHeaderInfo* info) {
-    ScopedFile fp(std::fopen(path.c_str(), "rb"));
+    QRBScopedFile fp(std::fopen(path.c_str(), "rb"));
     if (!fp) return false;
     struct stat st;
     if (stat(path.c_str(), &st) != 0) return false;

@@ -13,8 +13,6 @@
 
 namespace {
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 
 constexpr int kMarkerSoi = 0xD8;
 constexpr int kMarkerEoi = 0xD9;
@@ -308,7 +306,7 @@ int CQRBImageDecoder::m_ParsePictureHeader(bool forceFull) {
         QRB_LOGW("ERROR FOR OPEN THE FILE, errno is: %d ", ENOENT);
         return -1;
     }
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRBNoteFileFailure(errno);
         QRB_LOGW("ERROR FOR OPEN THE FILE, errno is: %d ", errno);

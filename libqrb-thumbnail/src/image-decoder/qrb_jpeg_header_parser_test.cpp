@@ -14,8 +14,6 @@
 
 namespace {
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 
 std::string Bytes(std::initializer_list<int> values) {
     std::string s;
@@ -239,7 +237,7 @@ TEST_F(JpegExifParserTest, EveryTruncationOfABlockIsSafe) {
 // --- Marker walk -------------------------------------------------------------------------
 
 int Walk(const std::string& bytes, QRBJpegHeaderInfo* info) {
-    ScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
+    QRBScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
     if (!fp) return -2;
     return CQRBJpegHeaderParser::ParseMarkers(fp.get(), bytes.size(), info);
 }
@@ -394,7 +392,7 @@ TEST_F(JpegMarkerWalkTest, EveryTruncationOfAFileEnds) {
 // --- Size of an embedded JPEG ------------------------------------------------------------
 
 int PictureSize(const std::string& bytes, uint64_t offset, uint64_t end, uint32_t* w, uint32_t* h) {
-    ScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
+    QRBScopedFile fp(fmemopen(const_cast<char*>(bytes.data()), bytes.size(), "rb"));
     if (!fp) return -2;
     // As the decoder's callers do: seek to the embedded JPEG first.
     if (fseeko(fp.get(), static_cast<off_t>(offset), SEEK_SET) != 0) return -2;

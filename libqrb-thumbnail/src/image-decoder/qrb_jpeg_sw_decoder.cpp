@@ -87,8 +87,6 @@ CQRBJpegMemoryBudget& CoefficientBudget() {
     return budget;
 }
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 // Destroys the decompressor only: its storage lives in the caller's frame.
 void DestroyDecompress(jpeg_decompress_struct* cinfo) { jpeg_destroy_decompress(cinfo); }
 using ScopedDecompress = QRBScoped<jpeg_decompress_struct, DestroyDecompress>;
@@ -326,7 +324,7 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, int 
     const int outH = static_cast<int>(m_uOutputHeight);
     if (out == nullptr || outW <= 0 || outH <= 0 || m_pPath == nullptr) return -1;
 
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRB_LOGW("%s:   OPEN ERROR", m_pPath);
         return -1;

@@ -41,8 +41,6 @@ constexpr png_alloc_size_t kMaxChunkBytes = 1u << 20;
 constexpr int kMaxWarnings = 100;
 constexpr int kLoggedWarnings = 3;
 
-void CloseFile(FILE* fp) { std::fclose(fp); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 void DestroyPngRead(png_struct* png) { png_destroy_read_struct(&png, nullptr, nullptr); }
 using ScopedPngRead = QRBScoped<png_struct, DestroyPngRead>;
 // An info struct is freed through the read struct it belongs to, so its deleter holds that.
@@ -208,7 +206,7 @@ uint32_t CeilDiv(uint32_t a, uint32_t b) { return (a + b - 1) / b; }
 
 int CQRBImageDecoder::m_ParsePNGThumbInfo() {
     if (m_pPath == nullptr) return -1;
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRB_LOGW("%s:   OPEN ERROR", m_pPath);
         return -1;
@@ -241,7 +239,7 @@ int CQRBImageDecoder::m_ReadPNGThumbnail(unsigned char* out) {
     const uint32_t outW = m_uOutputWidth;
     const uint32_t outH = m_uOutputHeight;
     if (out == nullptr || outW == 0 || outH == 0 || m_pPath == nullptr) return -1;
-    ScopedFile fp(std::fopen(m_pPath, "rb"));
+    QRBScopedFile fp(std::fopen(m_pPath, "rb"));
     if (!fp) {
         QRB_LOGW("%s:   OPEN ERROR", m_pPath);
         return -1;

@@ -4,6 +4,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 #include "video-decoder/qrb_ffmpeg_api_impl.h"
 #include "video-decoder/qrb_ffmpeg_scoped.h"
@@ -19,6 +20,7 @@ extern "C" {
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -30,25 +32,8 @@ constexpr size_t kHeaderBytes = 6 + 6 + 6 + 6 + 8;  // header, FW, FH, FD, FC
 constexpr size_t kMaxEsPath = 128;
 const unsigned char kMagic[6] = {'F', 'S', 'm', 't', 'a', 0};
 
-void CloseStdioFile(FILE* file) { std::fclose(file); }
-using ScopedStdioFile = QRBScoped<FILE, CloseStdioFile>;
 
 using PixelBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
-
-// Removes a file when the scope ends, unless told it was moved into place.
-class FileRemover {
-public:
-    explicit FileRemover(std::string path) : m_Path(std::move(path)) {}
-    ~FileRemover() {
-        if (!m_Path.empty()) unlink(m_Path.c_str());
-    }
-    FileRemover(const FileRemover&) = delete;
-    FileRemover& operator=(const FileRemover&) = delete;
-    void Keep() { m_Path.clear(); }
-
-private:
-    std::string m_Path;
-};
 
 void PutU32(unsigned char* out, uint32_t value) {
     out[0] = static_cast<unsigned char>(value);
@@ -138,9 +123,9 @@ int CQRBThumbanailPVRDecoder::SetPvrKeyFrame(_key_frame* frames, int frame_count
             const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
             const std::string esPath = QRBSystemPath(fixed.c_str());
             m_CreateDir(dataDir.c_str());
-            if (m_WriteFlashFile(esPath.c_str(), reinterpret_cast<const char*>(key.buffer),
+            QRBTempFile es;  // removed whether or not decoding works
+            if (m_WriteFlashFile(es, esPath, reinterpret_cast<const char*>(key.buffer),
                                  key.buffer_size)) {
-                FileRemover remove(esPath);  // whether or not decoding works
                 ret = m_DecodeFrameForH264_1080i(key.buffer, key.buffer_size, key.encode_type,
                                                  request_width, request_height, &out, &outSize,
                                                  esPath.c_str());
@@ -391,20 +376,16 @@ int CQRBThumbanailPVRDecoder::m_SaveMtaFile(unsigned char** buffers, int width, 
     }
     // Written under a temporary name beside the final one and renamed when complete: a reader
     // never sees half a file, and a link planted at either name is never written through.
-    std::string temp = std::string(path) + ".XXXXXX";
-    const int fd = mkstemp(&temp[0]);
-    if (fd < 0) {
+    static std::atomic<unsigned> s_Counter{0};
+    QRBTempFile file;
+    if (!file.Create([path] {
+            return std::string(path) + "." + std::to_string(getpid()) + "-" +
+                   std::to_string(++s_Counter);
+        })) {
         QRB_LOGW("Failed to create %s  file.\n", path);
         return -1;
     }
-    FileRemover remove(temp);
-    fchmod(fd, 0644);
-    ScopedStdioFile file(fdopen(fd, "wb"));
-    if (!file) {
-        close(fd);
-        QRB_LOGW("Failed to create %s  file.\n", path);
-        return -1;
-    }
+    fchmod(file.Fd(), 0644);
 
     unsigned char head[kHeaderBytes] = {};
     std::memcpy(head, kMagic, sizeof(kMagic));
@@ -412,27 +393,23 @@ int CQRBThumbanailPVRDecoder::m_SaveMtaFile(unsigned char** buffers, int width, 
     PutRecord(head + 12, 'F', 'H', static_cast<uint32_t>(height));
     PutRecord(head + 18, 'F', 'D', static_cast<uint32_t>(depth));
     PutRecord(head + 24, 'F', 'C', static_cast<uint32_t>(count));  // two zero bytes follow
-    bool ok = std::fwrite(head, 1, sizeof(head), file.get()) == sizeof(head);
+    bool ok = file.Write(head, sizeof(head));
     const size_t frameBytes =
         static_cast<size_t>(width) * static_cast<size_t>(height) * static_cast<size_t>(depth);
     for (int i = 0; ok && i < count; ++i) {
         const unsigned char marker[2] = {'F', static_cast<unsigned char>('0' + i)};
-        ok = std::fwrite(marker, 1, 2, file.get()) == 2 &&
-             std::fwrite(buffers[i], 1, frameBytes, file.get()) == frameBytes;
+        ok = file.Write(marker, 2) && file.Write(buffers[i], frameBytes);
     }
     const unsigned char trailer[2] = {'F', 'E'};
-    ok = ok && std::fwrite(trailer, 1, 2, file.get()) == 2;
-    ok = std::fflush(file.get()) == 0 && ok;
-    ok = std::fclose(file.release()) == 0 && ok;
+    ok = ok && file.Write(trailer, 2) && file.Close();
     if (!ok) {
         QRB_LOGW("write %s fail", path);
         return -1;
     }
-    if (rename(temp.c_str(), path) != 0) {
+    if (!file.RenameTo(path)) {
         QRB_LOGW("Failed to create %s  file.\n", path);
         return -1;
     }
-    remove.Keep();
     QRB_LOGD("write to %s success", path);
     return 0;
 }
@@ -458,7 +435,7 @@ int CQRBThumbanailPVRDecoder::ParsePvrMtaFile(const char* srf_path, _thumb_resul
         QRB_LOGW("mta file not exist");
         return -1;
     }
-    ScopedStdioFile file(fdopen(fd, "rb"));
+    QRBScopedFile file(fdopen(fd, "rb"));
     if (!file) {
         close(fd);
         QRB_LOGW("mta file not exist");
@@ -533,29 +510,20 @@ bool CQRBThumbanailPVRDecoder::m_CreateDir(const char* path) {
     return true;
 }
 
-bool CQRBThumbanailPVRDecoder::m_WriteFlashFile(const char* path, const char* data, int size) {
-    if (path == nullptr || size < 0 || (data == nullptr && size > 0)) return false;
-    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    int fd = open(path, flags, 0600);
-    if (fd < 0 && errno == EEXIST) {
-        // Left by a call that did not end (the process died): the name is this recording's
-        // frame, and unlink removes a planted link itself, never its target.
-        unlink(path);
-        fd = open(path, flags, 0600);
+bool CQRBThumbanailPVRDecoder::m_WriteFlashFile(QRBTempFile& file, const std::string& path,
+                                                const char* data, int size) {
+    if (size < 0 || (data == nullptr && size > 0)) return false;
+    // A file at the name was left by a call that did not end (the process died): the name is
+    // this recording's frame, and unlink removes a planted link itself, never its target.
+    if (!file.CreateAt(path) && file.Error() == EEXIST) {
+        unlink(path.c_str());
+        file.CreateAt(path);
     }
-    ScopedStdioFile file(fd >= 0 ? fdopen(fd, "wb") : nullptr);
-    if (!file) {
-        if (fd >= 0) close(fd);
-        QRB_LOGW("Failed to create %s  file.\n", path);
+    if (file.Path().empty() || !file.Write(data, static_cast<size_t>(size)) || !file.Close()) {
+        file.Remove();
+        QRB_LOGW("Failed to create %s  file.\n", path.c_str());
         return false;
     }
-    const bool written = size == 0 || std::fwrite(data, 1, static_cast<size_t>(size), file.get()) ==
-                                          static_cast<size_t>(size);
-    if (std::fclose(file.release()) != 0 || !written) {
-        unlink(path);
-        QRB_LOGW("Failed to create %s  file.\n", path);
-        return false;
-    }
-    QRB_LOGD("write to %s success", path);
+    QRB_LOGD("write to %s success", path.c_str());
     return true;
 }

@@ -23,6 +23,8 @@
 
 #include <string>
 
+class QRBTempFile;
+
 extern "C" {
 struct AVCodecContext;
 struct AVFrame;
@@ -68,8 +70,10 @@ public:
                       const char* path);
     // Makes a folder and its missing parents (mode 0777) unless it exists.
     bool m_CreateDir(const char* path);
-    // Creates path exclusively (never through a link planted at the name) and writes the bytes.
-    bool m_WriteFlashFile(const char* path, const char* data, int size);
+    // Creates path exclusively (never through a link planted at the name; a file left there by
+    // an earlier call is replaced) and writes the bytes; the file goes when `file` does.
+    bool m_WriteFlashFile(QRBTempFile& file, const std::string& path, const char* data,
+                          int size);
 
     // Cuts the path at its last ".srf": "/x/y/rec.srf" gives base "/x/y/rec" and name "rec".
     // False, with its message, for a path without ".srf", or, when a name is asked for, without
