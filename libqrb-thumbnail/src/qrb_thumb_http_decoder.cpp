@@ -35,8 +35,7 @@ void CQRBThumbHttpDecoder::Destroy() {
 
 bool CQRBThumbHttpDecoder::m_SendDoneEvent(const _stRequestedItem* req,
                                            boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
-    if (req == nullptr || m_pList == nullptr) return false;
-    return m_pList->SendEvent(req->user_data, req->strURL, req->callback, item, ok);
+    return t_SendEvent(req, std::move(item), ok);
 }
 
 bool CQRBThumbHttpDecoder::m_AnswerFromCache(const _stRequestedItem& request) {
@@ -89,15 +88,8 @@ void CQRBThumbHttpDecoder::m_Serve(const _stRequestedItem& request) {
 void CQRBThumbHttpDecoder::t_Process() {
     _stRequestedItem request;
     while (m_NextRequest([&] { return m_pList->GetForHttpDecode(&request); })) {
-        // The worker boundary: whatever a getter throws, the request still gets its one event.
-        try {
-            m_Serve(request);
-        } catch (const std::exception& e) {
-            QRB_LOGW("Exception caught: %s, url=%s", e.what(), request.strURL.c_str());
-            m_pParking->Drop(request);
-            m_SendDoneEvent(&request, nullptr, false);
-        } catch (...) {
-            QRB_LOGW("Exception caught, url=%s", request.strURL.c_str());
+        // Whatever a getter throws, the request still gets its one event.
+        if (!t_ServeGuarded(request, [&] { m_Serve(request); })) {
             m_pParking->Drop(request);
             m_SendDoneEvent(&request, nullptr, false);
         }

@@ -58,8 +58,7 @@ void CQRBThumbHttpHandle::RequestStop() {
 
 bool CQRBThumbHttpHandle::m_SendDoneEvent(const _stRequestedItem* req,
                                           boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
-    if (req == nullptr || m_pList == nullptr) return false;
-    return m_pList->SendEvent(req->user_data, req->strURL, req->callback, item, ok);
+    return t_SendEvent(req, std::move(item), ok);
 }
 
 bool CQRBThumbHttpHandle::m_SendEventWithBuffer(const _stRequestedItem* req,

@@ -14,6 +14,7 @@
 #include <boost/intrusive_ptr.hpp>
 
 #include <atomic>
+#include <functional>
 
 class QRBThumbnailDecodeBsae : public CQRBThread {
 public:
@@ -49,6 +50,13 @@ protected:
     }
     // An idle worker's wait: until its list changes, a stop is asked, or the poll period ends.
     void m_WaitForWork(unsigned seen);
+    // The worker boundary: runs serve for request and returns true when it returned. Whatever
+    // it throws is logged and false comes back, so that the worker can still give the request
+    // its one (failed) event.
+    static bool t_ServeGuarded(const _stRequestedItem& request, const std::function<void()>& serve);
+    // The event every worker sends: SendEvent of its list for req (nothing for a null req).
+    bool t_SendEvent(const _stRequestedItem* req, boost::intrusive_ptr<CQRBThumbnailItem> item,
+                     bool ok);
 
     // Written by the controlling thread, read by the worker between requests.
     std::atomic<bool> m_bStop{false};

@@ -32,8 +32,7 @@ void CQRBThumbnailDecoder::Destroy() {
 
 bool CQRBThumbnailDecoder::m_SendDoneEvent(const _stRequestedItem* req,
                                            boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
-    if (req == nullptr || m_pList == nullptr) return false;
-    return m_pList->SendEvent(req->user_data, req->strURL, req->callback, item, ok);
+    return t_SendEvent(req, std::move(item), ok);
 }
 
 void CQRBThumbnailDecoder::m_Serve(const _stRequestedItem& request) {
@@ -42,7 +41,8 @@ void CQRBThumbnailDecoder::m_Serve(const _stRequestedItem& request) {
     boost::intrusive_ptr<CQRBThumbnailItem> item;
     bool result = false;
     if (request.bUsedCache) {
-        bool bResult = m_pCache->Get(request.RID, request.strURL, request.width, request.height, item);
+        bool bResult =
+            m_pCache->Get(request.RID, request.strURL, request.width, request.height, item);
         QRB_LOGD("bResult=%d", bResult ? 1 : 0);
         if (bResult) {
             // A hit counts only with a first image present; an empty entry is a failure and is
@@ -65,14 +65,8 @@ void CQRBThumbnailDecoder::m_Serve(const _stRequestedItem& request) {
 void CQRBThumbnailDecoder::t_Process() {
     _stRequestedItem request;
     while (m_NextRequest([&] { return m_pList->GetForMulti(&request); })) {
-        // The worker boundary: whatever a getter throws, the request still gets its one event.
-        try {
-            m_Serve(request);
-        } catch (const std::exception& e) {
-            QRB_LOGW("Exception caught: %s, url=%s", e.what(), request.strURL.c_str());
-            m_SendDoneEvent(&request, nullptr, false);
-        } catch (...) {
-            QRB_LOGW("Exception caught, url=%s", request.strURL.c_str());
+        // Whatever a getter throws, the request still gets its one event.
+        if (!t_ServeGuarded(request, [&] { m_Serve(request); })) {
             m_SendDoneEvent(&request, nullptr, false);
         }
     }
