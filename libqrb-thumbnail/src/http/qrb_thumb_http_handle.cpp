@@ -190,10 +190,7 @@ void CQRBThumbHttpHandle::m_OnTransferDone(CURL* easy, CURLcode result) {
         boost::intrusive_ptr<CQRBThumbnailItem> item;
         if (result == CURLE_OK || endedShort) {
             item = new CQRBThumbnailItem;
-            item->SetURL(req.strURL);
-            item->SetRID(req.RID);
-            item->SetThumbnailType(req.eThumbnailType);
-            item->SetUsedCache(req.bUsedCache);
+            item->StampRequest(req);
             item->SetData(request->TakeDownloadBuff());
         } else {
             if (result == CURLE_OPERATION_TIMEDOUT) {

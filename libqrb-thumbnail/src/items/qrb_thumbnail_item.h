@@ -5,6 +5,7 @@
 #define QRB_THUMBNAIL_ITEM_H
 
 #include "qrb_intrusive_ptr_base.h"
+#include "qrb_requested_item.h"
 #include "qrb_thumb_image.h"
 #include "qrb_thumbnail.h"
 
@@ -30,6 +31,14 @@ public:
     void SetSize(int size) { m_nSize = size; }
     const std::string& GetURL() const { return m_strURL; }
     void SetURL(const std::string& url) { m_strURL = url; }
+    // The one way a result is stamped with the request it answers: its id, kind, URL and
+    // whether the caller uses the cache.
+    void StampRequest(const _stRequestedItem& request) {
+        m_strURL = request.strURL;
+        SetRID(request.RID);
+        SetThumbnailType(request.eThumbnailType);
+        m_bUsedCache = request.bUsedCache;
+    }
     const std::string& GetData() const { return m_strData; }
     void SetData(const std::string& data) { m_strData = data; }
 
