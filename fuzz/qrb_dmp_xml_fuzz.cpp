@@ -1,6 +1,6 @@
 // The DMP XML parser on arbitrary text, through its three entry points: results stay within
 // their values, a failed table of contents gives no path, an escaped path holds no ":", and a
-// found index names an entry of the list.
+// found index names an entry of the list (the first when no descriptive metadata is named).
 #include "dlog_sink.h"
 #include "scsa/qrb_dmp_parse_xml.h"
 
@@ -28,10 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int index = -1;
     const int second = parser.ParseDMPTableOfContents(xml, files, index);
     if (second != toc || index < -1 || index >= static_cast<int>(files.size())) abort();
-    if (index >= 0 && (path.empty() || files[index].find(path[0] == '/' ? path.substr(1) : path) ==
-                                           std::string::npos)) {
+    // A table of contents that names no descriptive metadata gives the first entry.
+    if (index >= 0 && !path.empty() &&
+        files[index].find(path[0] == '/' ? path.substr(1) : path) == std::string::npos) {
         abort();
     }
+    if (index > 0 && path.empty()) abort();
 
     _stDMPMETADATA meta;
     const int result = parser.ParseDMPMetaData(xml, meta);
