@@ -1,11 +1,12 @@
 // The media-sharing download on a host: one libcurl easy transfer per request, on a thread of
 // its own (detached: the request owns everything it touches, and the final callback is its
 // last use of the caller's pointer). The body goes to a temporary file beside the destination,
-// created exclusively (mkstemp: O_EXCL, mode 0600, so a link planted at a guessed name is never
-// followed), and is renamed into place only once complete.
+// created exclusively (O_EXCL, mode 0600, so a link planted at a guessed name is never
+// followed), flushed to the disk and renamed into place only once complete.
 #include "asf_provider.h"
 
 #include "qrb_scoped.h"
+#include "qrb_temp_file.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -34,8 +35,6 @@ constexpr long kStallTimeSec = 30;
 constexpr long kMaxRedirects = 5;
 constexpr int kDefaultProgressIntervalMs = 1000;
 
-void CloseFile(FILE* f) { std::fclose(f); }
-using ScopedFile = QRBScoped<FILE, CloseFile>;
 using ScopedCurl = QRBScoped<CURL, curl_easy_cleanup>;
 using ScopedHeaders = QRBScoped<curl_slist, curl_slist_free_all>;
 
@@ -51,47 +50,12 @@ struct Job {
     void* user = nullptr;
 
     CURL* curl = nullptr;
-    FILE* file = nullptr;
+    QRBTempFile* file = nullptr;
     long received = 0;
     long total = 0;
     bool tooLarge = false;
     bool reported = false;
     std::chrono::steady_clock::time_point lastReport;
-};
-
-// The temporary file: removed unless it was renamed into place.
-class TempFile {
-public:
-    explicit TempFile(const std::string& dlpath) : m_Path(dlpath + ".XXXXXX") {
-        const int fd = mkostemp(&m_Path[0], O_CLOEXEC);
-        if (fd < 0) {
-            m_Path.clear();
-            return;
-        }
-        m_File.reset(fdopen(fd, "wb"));
-        if (!m_File) close(fd);
-    }
-    ~TempFile() {
-        m_File.reset();
-        if (!m_Path.empty()) unlink(m_Path.c_str());
-    }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-
-    FILE* Get() const { return m_File.get(); }
-    // Flushes the file to disk and renames it to dlpath; false leaves dlpath untouched.
-    bool Commit(const std::string& dlpath) {
-        FILE* f = m_File.release();
-        const bool flushed = std::fflush(f) == 0 && fsync(fileno(f)) == 0;
-        const bool closed = std::fclose(f) == 0;
-        if (!flushed || !closed || rename(m_Path.c_str(), dlpath.c_str()) != 0) return false;
-        m_Path.clear();
-        return true;
-    }
-
-private:
-    std::string m_Path;
-    ScopedFile m_File;
 };
 
 long TotalOf(CURL* curl) {
@@ -115,7 +79,7 @@ size_t WriteBody(char* data, size_t size, size_t count, void* userdata) {
         job.tooLarge = true;
         return 0;  // aborts the transfer
     }
-    if (bytes > 0 && std::fwrite(data, 1, bytes, job.file) != bytes) return 0;
+    if (bytes > 0 && !job.file->Write(data, bytes)) return 0;
     job.received += static_cast<long>(bytes);
     job.total = TotalOf(job.curl);
     const auto now = std::chrono::steady_clock::now();
@@ -142,12 +106,12 @@ bool IsHttpUri(const char* uri) {
 }
 
 bool Transfer(Job& job) {
-    TempFile temp(job.dlpath);
-    if (temp.Get() == nullptr) return false;
+    QRBTempFile temp;  // removed unless renamed into place
+    if (!temp.CreateBeside(job.dlpath)) return false;
     ScopedCurl curl(curl_easy_init());
     if (!curl) return false;
     job.curl = curl.get();
-    job.file = temp.Get();
+    job.file = &temp;
 
     ScopedHeaders headers;
     if (!job.mimetype.empty() && IsHeaderSafe(job.mimetype)) {
@@ -172,7 +136,7 @@ bool Transfer(Job& job) {
     const CURLcode code = curl_easy_perform(h);
     job.file = nullptr;
     if (code != CURLE_OK || job.tooLarge) return false;
-    return temp.Commit(job.dlpath);
+    return temp.Sync() && temp.RenameTo(job.dlpath);
 }
 
 void Run(std::unique_ptr<Job> job) {

@@ -16,6 +16,7 @@
 #include "mtp_camera.h"
 #include "mtp_object_table.h"
 #include "qrb_log.h"
+#include "qrb_temp_file.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -49,7 +50,6 @@ constexpr size_t kMaxObjectBytes = 64u << 20;
 // Camera folder trees are two or three levels deep.
 constexpr int kMaxFolderDepth = 32;
 // Attempts at a fresh temporary name beside a thumbnail's destination.
-constexpr int kMaxTempAttempts = 8;
 
 struct Device {
     int handle = 0;
@@ -331,52 +331,6 @@ int ErrorOf(int gpResult) {
             return MTP_ERROR_IO;
     }
 }
-
-// A temporary file beside a destination, removed unless it has been renamed into place.
-class TempFile {
-public:
-    ~TempFile() {
-        if (m_Fd >= 0) close(m_Fd);
-        if (!m_Path.empty()) unlink(m_Path.c_str());
-    }
-    // A new file, made exclusively and without following a link planted at the name.
-    bool Create(const std::string& dest) {
-        static int counter = 0;  // under the client's lock
-        for (int attempt = 0; attempt < kMaxTempAttempts; ++attempt) {
-            const std::string path =
-                dest + ".part" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-            m_Fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-            if (m_Fd >= 0) {
-                m_Path = path;
-                return true;
-            }
-            if (errno != EEXIST) return false;
-        }
-        return false;
-    }
-    bool Write(const std::string& bytes) {
-        size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = write(m_Fd, bytes.data() + done, bytes.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            done += static_cast<size_t>(n);
-        }
-        const int fd = m_Fd;
-        m_Fd = -1;
-        return close(fd) == 0;
-    }
-    // rename replaces whatever is at dest, a link included, without following it.
-    bool MoveTo(const std::string& dest) {
-        if (rename(m_Path.c_str(), dest.c_str()) != 0) return false;
-        m_Path.clear();
-        return true;
-    }
-
-private:
-    int m_Fd = -1;
-    std::string m_Path;
-};
 
 bool IsJpeg(const std::string& bytes) {
     return bytes.size() >= 4 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
@@ -674,8 +628,11 @@ extern "C" int mtp_get_thumbnail(int device_handle, int object_handle, const cha
                  bytes.empty() ? "empty" : "not a JPEG");
         return MTP_ERROR_NO_THUMBNAIL;
     }
-    TempFile temp;
-    if (!temp.Create(dest_path) || !temp.Write(bytes) || !temp.MoveTo(dest_path)) {
+    // Beside the destination, renamed into place once complete (rename replaces whatever is at
+    // dest, a link included, without following it).
+    QRBTempFile temp;
+    if (!temp.CreateBeside(dest_path) || !temp.Write(bytes.data(), bytes.size()) ||
+        !temp.RenameTo(dest_path)) {
         QRB_LOGW("writing %s failed, errno=%d", dest_path, errno);
         return MTP_ERROR_FILE;
     }

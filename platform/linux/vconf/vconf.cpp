@@ -4,6 +4,7 @@
 #include "vconf.h"
 
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,8 +26,10 @@ bool KeyToPath(const char* key, std::string* path) {
         char c = *p;
         bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                   c == '_' || c == '-' || c == '.';
-        if (c == '/') c = '#';
-        else if (!ok) return false;
+        if (c == '/')
+            c = '#';
+        else if (!ok)
+            return false;
         name.push_back(c);
     }
     if (name == "." || name == "..") return false;
@@ -69,16 +72,9 @@ extern "C" int vconf_set_int(const char* key, int value) {
     std::string path;
     if (!KeyToPath(key, &path)) return VCONF_ERROR;
     if (!MakeDirs(QRBRootedPath(QRB_VCONF_DIR))) return VCONF_ERROR;
-    std::string tmp = path + ".tmp." + std::to_string(getpid());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return VCONF_ERROR;
-    std::string text = std::to_string(value) + "\n";
-    bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ok = fsync(fd) == 0 && ok;
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-        unlink(tmp.c_str());
-        return VCONF_ERROR;
-    }
-    return VCONF_OK;
+    const std::string text = std::to_string(value) + "\n";
+    QRBTempFile file;
+    const bool ok = file.CreateBeside(path) && file.Write(text.data(), text.size()) &&
+                    file.Sync() && file.RenameTo(path);
+    return ok ? VCONF_OK : VCONF_ERROR;
 }
