@@ -23,59 +23,47 @@ void CQRBThumbRequestList::Insert(_stRequestedItem item) {
     m_Changed();
 }
 
-bool CQRBThumbRequestList::GetForSingle(bool all, _stRequestedItem* out, bool /*flag*/) {
+template <typename Next>
+bool CQRBThumbRequestList::m_TakeFirst(_stRequestedItem* out, Next next) {
     if (out == nullptr) return false;
     CQRBAutoLock lock(m_Mutex);
     for (auto& queued : m_Queue) {
-        if (queued.state != ITEM_WAITING) continue;
-        if (!all && (queued.eThumbnailType == THUMB_VIDEO || queued.eThumbnailType == THUMB_PVR))
-            continue;
-        queued.state = ITEM_DECODING_SINGLE;
+        const int state = next(queued);
+        if (state < 0) continue;
+        queued.state = static_cast<qrb_thumb_item_state>(state);
         *out = queued;
         return true;
     }
     return false;
+}
+
+bool CQRBThumbRequestList::GetForSingle(bool all, _stRequestedItem* out, bool /*flag*/) {
+    return m_TakeFirst(out, [all](const _stRequestedItem& queued) {
+        if (queued.state != ITEM_WAITING) return -1;
+        const bool video =
+            queued.eThumbnailType == THUMB_VIDEO || queued.eThumbnailType == THUMB_PVR;
+        return all || !video ? int{ITEM_DECODING_SINGLE} : -1;
+    });
 }
 
 bool CQRBThumbRequestList::GetForMulti(_stRequestedItem* out) {
-    if (out == nullptr) return false;
-    CQRBAutoLock lock(m_Mutex);
-    for (auto& queued : m_Queue) {
-        if (queued.state != ITEM_WAITING) continue;
-        queued.state = ITEM_DECODING;
-        *out = queued;
-        return true;
-    }
-    return false;
+    return m_TakeFirst(out, [](const _stRequestedItem& queued) {
+        return queued.state == ITEM_WAITING ? int{ITEM_DECODING} : -1;
+    });
 }
 
 bool CQRBThumbRequestList::GetForHttpDecode(_stRequestedItem* out) {
-    if (out == nullptr) return false;
-    CQRBAutoLock lock(m_Mutex);
-    for (auto& queued : m_Queue) {
-        if (queued.state == ITEM_WAITING) {
-            queued.state = ITEM_DECODING;
-        } else if (queued.state == ITEM_DOWNLOADED) {
-            queued.state = ITEM_DECODING_DOWNLOADED;
-        } else {
-            continue;
-        }
-        *out = queued;
-        return true;
-    }
-    return false;
+    return m_TakeFirst(out, [](const _stRequestedItem& queued) {
+        if (queued.state == ITEM_WAITING) return int{ITEM_DECODING};
+        if (queued.state == ITEM_DOWNLOADED) return int{ITEM_DECODING_DOWNLOADED};
+        return -1;
+    });
 }
 
 bool CQRBThumbRequestList::GetForHttpDownLoad(_stRequestedItem* out) {
-    if (out == nullptr) return false;
-    CQRBAutoLock lock(m_Mutex);
-    for (auto& queued : m_Queue) {
-        if (queued.state != ITEM_WAIT_DOWNLOAD) continue;
-        queued.state = ITEM_DOWNLOADING;
-        *out = queued;
-        return true;
-    }
-    return false;
+    return m_TakeFirst(out, [](const _stRequestedItem& queued) {
+        return queued.state == ITEM_WAIT_DOWNLOAD ? int{ITEM_DOWNLOADING} : -1;
+    });
 }
 
 void CQRBThumbRequestList::ChangeItemState(_stRequestedItem item, qrb_thumb_item_state state) {

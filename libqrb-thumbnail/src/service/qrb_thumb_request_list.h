@@ -56,6 +56,10 @@ public:
     int Size();
 
 private:
+    // Takes the first queued request to which next gives a new state (not -1): moves it to
+    // that state and copies it to out.
+    template <typename Next>
+    bool m_TakeFirst(_stRequestedItem* out, Next next);
     // Finds, removes and answers the request (url, user_data); false when it is gone.
     bool m_TakeForEvent(void* user_data, const std::string& url);
     static void m_CopyURL(_thumb_result& result, const std::string& url);
