@@ -50,15 +50,7 @@ int32_t CQRBPTPThumbnailGetter::m_LastFileID() {
     return m_lPTPFileID;
 }
 
-bool CQRBPTPThumbnailGetter::m_CreateDir(const char* path) {
-    if (path == nullptr || *path == '\0') return false;
-    // The folders get 0755 exactly, whatever the umask.
-    if (const char* failed = CQRBUtil::MakeDirs(path, 0755, true)) {
-        QRB_LOGW("%s   error", failed);
-        return false;
-    }
-    return true;
-}
+bool CQRBPTPThumbnailGetter::m_CreateDir(const char* path) { return t_CreateDir(path); }
 
 bool CQRBPTPThumbnailGetter::m_GetRotation(const char* path, int& rotation) {
     ScopedExif ed(path != nullptr ? exif_data_new_from_file(path) : nullptr);

@@ -36,15 +36,7 @@ std::string CQRBRAThumbnailGetter::m_TempName(int pid, int counter) {
     return QRBSystemPath(name);
 }
 
-bool CQRBRAThumbnailGetter::m_CreateDir(const char* path) {
-    if (path == nullptr || *path == '\0') return false;
-    // The folders get 0755 exactly, whatever the umask.
-    if (const char* failed = CQRBUtil::MakeDirs(path, 0755, true)) {
-        QRB_LOGW("%s   error", failed);
-        return false;
-    }
-    return true;
-}
+bool CQRBRAThumbnailGetter::m_CreateDir(const char* path) { return t_CreateDir(path); }
 
 bool CQRBRAThumbnailGetter::m_WriteFlashFile(QRBTempFile& file, const std::string& data) {
     return t_WriteFlashFile(

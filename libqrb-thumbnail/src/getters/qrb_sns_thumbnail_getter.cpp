@@ -31,15 +31,7 @@ std::string CQRBSNSThumbnailGetter::m_TempName(int pid, int counter) {
     return QRBSystemPath(name);
 }
 
-bool CQRBSNSThumbnailGetter::m_CreateDir(const char* path) {
-    if (path == nullptr || *path == '\0') return false;
-    // The folders get 0755 exactly, whatever the umask.
-    if (const char* failed = CQRBUtil::MakeDirs(path, 0755, true)) {
-        QRB_LOGW("%s   error", failed);
-        return false;
-    }
-    return true;
-}
+bool CQRBSNSThumbnailGetter::m_CreateDir(const char* path) { return t_CreateDir(path); }
 
 bool CQRBSNSThumbnailGetter::m_WriteFlashFile(QRBTempFile& file, const std::string& data) {
     return t_WriteFlashFile(

@@ -4,6 +4,7 @@
 #include "image-decoder/qrb_picture_thumb_param.h"
 #include "qrb_log.h"
 #include "qrb_temp_file.h"
+#include "qrb_util.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -75,4 +76,13 @@ boost::intrusive_ptr<CQRBThumbImage> CQRBThumbnailGetter::t_DecodePictureFile(
     // No scaling here: the decoder already covers the request.
     image->CropCentre(width, height);
     return image;
+}
+
+bool CQRBThumbnailGetter::t_CreateDir(const char* path) {
+    if (path == nullptr || *path == '\0') return false;
+    if (const char* failed = CQRBUtil::MakeDirs(path, 0755, true)) {
+        QRB_LOGW("%s   error", failed);
+        return false;
+    }
+    return true;
 }

@@ -26,6 +26,9 @@ public:
     virtual boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(std::string& buffer,
                                                                      int width, int height);
 
+    // Makes every missing folder of path with mode 0755 exactly, whatever the umask; logs the
+    // step that failed ("mkdir   error", "chmod   error"). True when the folder exists after.
+    static bool t_CreateDir(const char* path);
     // Writes size bytes into a new temporary file for the picture decoder: created exclusively
     // under the first name from nextName that is not taken (a planted link or FIFO included;
     // at most QRBTempFile::kNameAttempts names), mode 0600, with the getters' log lines. On
