@@ -108,6 +108,68 @@ size_t Arg(int argc, char** argv, const char* name, size_t fallback) {
     return fallback;
 }
 
+// Throughput, in a few rounds: on a shared machine one round can be far off. Fills the sorted
+// rates of answers and of posts per second; false when answers were lost.
+bool MeasureThroughput(size_t n, size_t rounds, std::vector<double>* answeredRates,
+                       std::vector<double>* postedRates) {
+    for (size_t round = 0; round < rounds; ++round) {
+        Answers throughput(n);
+        Answers::s_Current = &throughput;
+        std::vector<std::string> urls;
+        const std::string phase = "throughput" + std::to_string(round);
+        for (size_t i = 0; i < n; ++i) urls.push_back(Url(phase.c_str(), i));
+        const Clock::time_point start = Clock::now();
+        for (size_t i = 0; i < n; ++i) Post(urls[i], throughput.At(i));
+        const Clock::time_point posted = Clock::now();
+        if (!throughput.WaitFor(n, kPhaseLimit)) {
+            std::fprintf(stderr, "qrb_bench_requests: throughput phase lost answers\n");
+            return false;
+        }
+        Clock::time_point last = start;
+        for (const auto& s : throughput.Samples()) last = std::max(last, s.answered);
+        answeredRates->push_back(n / (Ms(last - start) / 1000.0));
+        postedRates->push_back(n / (Ms(posted - start) / 1000.0));
+    }
+    std::sort(answeredRates->begin(), answeredRates->end());
+    std::sort(postedRates->begin(), postedRates->end());
+    return true;
+}
+
+// Idle workers: one request at a time. A worker that has just answered sleeps a whole poll
+// period, so a request posted right after an answer would wait for most of it; pauses spread
+// over two periods make the posts land at every point of the workers' cycle.
+bool MeasureIdle(size_t n, std::vector<double>* delays) {
+    Answers idle(n);
+    Answers::s_Current = &idle;
+    unsigned pause = 12345;
+    for (size_t i = 0; i < n; ++i) {
+        Post(Url("idle", i), idle.At(i));
+        if (!idle.WaitFor(i + 1, kPhaseLimit)) {
+            std::fprintf(stderr, "qrb_bench_requests: idle phase lost an answer\n");
+            return false;
+        }
+        pause = pause * 1103515245u + 12345u;
+        std::this_thread::sleep_for(std::chrono::microseconds((pause >> 8) % 100000));
+    }
+    *delays = SortedDelays(idle.Samples());
+    return true;
+}
+
+// A full queue.
+bool MeasureQueued(size_t n, std::vector<double>* delays) {
+    Answers queued(n);
+    Answers::s_Current = &queued;
+    std::vector<std::string> urls;
+    for (size_t i = 0; i < n; ++i) urls.push_back(Url("queued", i));
+    for (size_t i = 0; i < n; ++i) Post(urls[i], queued.At(i));
+    if (!queued.WaitFor(n, kPhaseLimit)) {
+        std::fprintf(stderr, "qrb_bench_requests: queued phase lost answers\n");
+        return false;
+    }
+    *delays = SortedDelays(queued.Samples());
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -124,59 +186,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "qrb_bench_requests: the service did not start\n");
         return 1;
     }
-
-    // Throughput, in a few rounds: on a shared machine one round can be far off.
-    std::vector<double> answeredRates, postedRates;
-    for (size_t round = 0; round < nRounds; ++round) {
-        Answers throughput(nThroughput);
-        Answers::s_Current = &throughput;
-        std::vector<std::string> urls;
-        const std::string phase = "throughput" + std::to_string(round);
-        for (size_t i = 0; i < nThroughput; ++i) urls.push_back(Url(phase.c_str(), i));
-        const Clock::time_point start = Clock::now();
-        for (size_t i = 0; i < nThroughput; ++i) Post(urls[i], throughput.At(i));
-        const Clock::time_point posted = Clock::now();
-        if (!throughput.WaitFor(nThroughput, kPhaseLimit)) {
-            std::fprintf(stderr, "qrb_bench_requests: throughput phase lost answers\n");
-            return 1;
-        }
-        Clock::time_point last = start;
-        for (const auto& s : throughput.Samples()) last = std::max(last, s.answered);
-        answeredRates.push_back(nThroughput / (Ms(last - start) / 1000.0));
-        postedRates.push_back(nThroughput / (Ms(posted - start) / 1000.0));
-    }
-    std::sort(answeredRates.begin(), answeredRates.end());
-    std::sort(postedRates.begin(), postedRates.end());
-
-    // Idle workers: one request at a time. A worker that has just answered sleeps a whole poll
-    // period, so a request posted right after an answer would wait for most of it; pauses
-    // spread over two periods make the posts land at every point of the workers' cycle.
-    Answers idle(nIdle);
-    Answers::s_Current = &idle;
-    unsigned pause = 12345;
-    for (size_t i = 0; i < nIdle; ++i) {
-        Post(Url("idle", i), idle.At(i));
-        if (!idle.WaitFor(i + 1, kPhaseLimit)) {
-            std::fprintf(stderr, "qrb_bench_requests: idle phase lost an answer\n");
-            return 1;
-        }
-        pause = pause * 1103515245u + 12345u;
-        std::this_thread::sleep_for(std::chrono::microseconds((pause >> 8) % 100000));
-    }
-    const std::vector<double> idleDelays = SortedDelays(idle.Samples());
-
-    // A full queue.
-    Answers queued(nQueued);
-    Answers::s_Current = &queued;
-    std::vector<std::string> urls;
-    for (size_t i = 0; i < nQueued; ++i) urls.push_back(Url("queued", i));
-    for (size_t i = 0; i < nQueued; ++i) Post(urls[i], queued.At(i));
-    if (!queued.WaitFor(nQueued, kPhaseLimit)) {
-        std::fprintf(stderr, "qrb_bench_requests: queued phase lost answers\n");
+    std::vector<double> answeredRates, postedRates, idleDelays, queuedDelays;
+    if (!MeasureThroughput(nThroughput, nRounds, &answeredRates, &postedRates) ||
+        !MeasureIdle(nIdle, &idleDelays) || !MeasureQueued(nQueued, &queuedDelays)) {
         return 1;
     }
-    const std::vector<double> queuedDelays = SortedDelays(queued.Samples());
-
     thumbnail_finalize();
 
     std::printf("| measurement | value |\n|---|---|\n");

@@ -1,5 +1,6 @@
 #include "id3-extractor/qrb_id3_extractor.h"
 
+#include "qrb_byte_order.h"
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -12,7 +13,6 @@
 #include <new>
 
 namespace {
-
 
 // Frames other than pictures are read past through a buffer of this size.
 constexpr size_t kWorkBufferSize = 1024;
@@ -41,14 +41,9 @@ uint32_t QRBID3Extractor::m_CalculateTagTotalLength(const uint8_t size[4]) {
            (size[3] & 0x7Fu);
 }
 
-uint32_t QRBID3Extractor::m_CalculateSize4(const uint8_t* p) {
-    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
-           (static_cast<uint32_t>(p[2]) << 8) | p[3];
-}
+uint32_t QRBID3Extractor::m_CalculateSize4(const uint8_t* p) { return QRBReadBE32(p); }
 
-uint32_t QRBID3Extractor::m_CalculateSize3(const uint8_t* p) {
-    return (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[1]) << 8) | p[2];
-}
+uint32_t QRBID3Extractor::m_CalculateSize3(const uint8_t* p) { return QRBReadBE24(p); }
 
 int QRBID3Extractor::Extract(const char* path, QRBID3** out) {
     std::unique_ptr<QRBID3> result(new QRBID3);

@@ -1,5 +1,6 @@
 #include "id3-extractor/qrb_wma_extractor.h"
 
+#include "qrb_byte_order.h"
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -12,7 +13,6 @@
 #include <memory>
 
 namespace {
-
 
 // GUIDs as they lie in the file (the first three fields little-endian).
 // 75B22630-668E-11CF-A6D9-00AA0062CE6C
@@ -47,13 +47,6 @@ bool ReadU64(FILE* file, uint64_t* value) {
     if (!ReadBytes(file, value, sizeof(*value))) return false;
     *value = QRBWMAExtractor::m_ConvertToLittleEndian(*value);
     return true;
-}
-
-// A little-endian number of width bytes at p.
-uint64_t LittleEndianAt(const unsigned char* p, size_t width) {
-    uint64_t value = 0;
-    for (size_t i = width; i > 0; --i) value = (value << 8) | p[i - 1];
-    return value;
 }
 
 // UTF-16LE bytes (up to a zero unit or byteLength) as UTF-8.
@@ -282,7 +275,7 @@ int QRBWMAExtractor::m_ExtractFromExtContentDesc(FILE* file, QRBWMAContentDesc* 
     for (const stDescriptor& d : descriptors) {
         if (d.name != "WM/Picture") continue;
         if (d.valueType != kTypeBytes || d.bytes.size() < kPictureValuePrefix) continue;
-        const uint32_t imageSize = static_cast<uint32_t>(LittleEndianAt(d.bytes.data() + 1, 4));
+        const uint32_t imageSize = QRBReadLE32(d.bytes.data() + 1);
         QRB_LOGD("uImageSize=%d", static_cast<int>(imageSize));
         if (imageSize > d.valueLength) break;
         // The picture is the end of the value; the MIME type and description before it are
@@ -327,13 +320,13 @@ int QRBWMAExtractor::m_GetExtContentDesc(FILE* file, stDescriptor* descriptors,
                 break;
             case kTypeBool:
             case kTypeDword:
-                d.number = LittleEndianAt(value, 4);
+                d.number = QRBReadLE32(value);
                 break;
             case kTypeQword:
-                d.number = LittleEndianAt(value, 8);
+                d.number = QRBReadLE64(value);
                 break;
             case kTypeWord:
-                d.number = LittleEndianAt(value, 2);
+                d.number = QRBReadLE16(value);
                 break;
             default:
                 break;  // unknown types are passed over

@@ -1,6 +1,7 @@
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include "image-decoder/qrb_image_decoder.h"
+#include "qrb_byte_order.h"
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -12,7 +13,6 @@
 #include <vector>
 
 namespace {
-
 
 constexpr int kMarkerSoi = 0xD8;
 constexpr int kMarkerEoi = 0xD9;
@@ -63,11 +63,10 @@ public:
         : m_Data(data), m_Size(size), m_Little(little) {}
     size_t Size() const { return m_Size; }
     uint32_t U16(size_t at) const {
-        const unsigned char* p = m_Data + at;
-        return m_Little ? (p[0] | (p[1] << 8)) : ((p[0] << 8) | p[1]);
+        return m_Little ? QRBReadLE16(m_Data + at) : QRBReadBE16(m_Data + at);
     }
     uint32_t U32(size_t at) const {
-        return m_Little ? (U16(at) | (U16(at + 2) << 16)) : ((U16(at) << 16) | U16(at + 2));
+        return m_Little ? QRBReadLE32(m_Data + at) : QRBReadBE32(m_Data + at);
     }
     // Whether a directory can start at offset: its entry count must be inside the block.
     bool CanHoldDirectory(uint32_t offset) const {
@@ -125,7 +124,7 @@ int CQRBJpegHeaderParser::ParseMarkers(FILE* fp, uint64_t fileSize, QRBJpegHeade
         unsigned char lengthBytes[2];
         if (!ReadExactly(fp, lengthBytes, sizeof(lengthBytes))) break;
         pos += 2;
-        const uint32_t length = (lengthBytes[0] << 8) | lengthBytes[1];
+        const uint32_t length = QRBReadBE16(lengthBytes);
         if (length < 2) {
             QRB_LOGW("marker 0x%02X with length %u", marker, length);
             return -1;
@@ -140,8 +139,8 @@ int CQRBJpegHeaderParser::ParseMarkers(FILE* fp, uint64_t fileSize, QRBJpegHeade
         if (IsSof012(marker)) {
             unsigned char frame[5];  // precision, height, width
             if (payloadSize < sizeof(frame) || !ReadExactly(fp, frame, sizeof(frame))) break;
-            info->height = (frame[1] << 8) | frame[2];
-            info->width = (frame[3] << 8) | frame[4];
+            info->height = QRBReadBE16(frame + 1);
+            info->width = QRBReadBE16(frame + 3);
             info->hasFrame = true;
             return 0;
         }
@@ -283,8 +282,8 @@ int CQRBImageDecoder::m_ParsePictureSize(FILE* fp, uint64_t end, uint32_t* width
             unsigned char frame[7];  // length, precision, height, width
             if (end - pos < sizeof(frame) || !ReadExactly(fp, frame, sizeof(frame))) return -1;
             if (!sawSoi) return -1;
-            *height = (frame[3] << 8) | frame[4];
-            *width = (frame[5] << 8) | frame[6];
+            *height = QRBReadBE16(frame + 3);
+            *width = QRBReadBE16(frame + 5);
             return 0;
         }
         // EOI, or scan data, before any frame header: there is no size to find.
@@ -293,7 +292,7 @@ int CQRBImageDecoder::m_ParsePictureSize(FILE* fp, uint64_t end, uint32_t* width
         unsigned char lengthBytes[2];
         if (end - pos < 2 || !ReadExactly(fp, lengthBytes, sizeof(lengthBytes))) return -1;
         pos += 2;
-        const uint32_t length = (lengthBytes[0] << 8) | lengthBytes[1];
+        const uint32_t length = QRBReadBE16(lengthBytes);
         if (length < 2 || length - 2 > end - pos) return -1;
         pos += length - 2;
         if (!SeekTo(fp, pos)) return -1;

@@ -317,6 +317,81 @@ uint64_t CoefficientBytes(const jpeg_decompress_struct* cinfo) {
     return blocks * sizeof(JBLOCK);
 }
 
+// Our error manager (errors jump back, warnings are counted) and the progress monitor that ends
+// endless scans.
+void InstallHandlers(jpeg_decompress_struct* storage, ErrorManager* err, Progress* progress) {
+    std::memset(err, 0, sizeof(*err));
+    storage->err = jpeg_std_error(&err->pub);
+    err->pub.error_exit = ErrorExit;
+    err->pub.emit_message = EmitMessage;
+    err->pub.output_message = OutputMessage;
+    std::memset(progress, 0, sizeof(*progress));
+    progress->pub.progress_monitor = ProgressMonitor;
+    progress->lastScan = -1;
+}
+
+// Refuses a picture with more pixels than a decode may walk through, or whose coefficients
+// (multi-scan files only; *coefficientBytes, 0 for others) would take more than the budget.
+bool CheckSourceLimits(jpeg_decompress_struct* cinfo, uint64_t* coefficientBytes) {
+    const uint64_t sourcePixels = static_cast<uint64_t>(cinfo->image_width) * cinfo->image_height;
+    if (sourcePixels > kMaxSourcePixels) {
+        QRB_LOGW("picture %u x %u exceeds %llu pixels", cinfo->image_width, cinfo->image_height,
+                 static_cast<unsigned long long>(kMaxSourcePixels));
+        return false;
+    }
+    *coefficientBytes = jpeg_has_multiple_scans(cinfo) ? CoefficientBytes(cinfo) : 0;
+    if (*coefficientBytes > kMaxCoefficientBytes) {
+        QRB_LOGW("multi-scan picture %u x %u needs %llu bytes of coefficients", cinfo->image_width,
+                 cinfo->image_height, static_cast<unsigned long long>(*coefficientBytes));
+        return false;
+    }
+    return true;
+}
+
+// Refuses output this decoder cannot convert (only grey, three-component and four-component
+// (CMYK, YCCK) output can be) or too many pixels after DCT scaling.
+bool CheckOutputLimits(const jpeg_decompress_struct& cinfo, int scale) {
+    const int components = cinfo.output_components;
+    if (components != 1 && components != 3 && components != 4) {
+        QRB_LOGW("cannot convert %d components", components);
+        return false;
+    }
+    const uint64_t decodedPixels = static_cast<uint64_t>(cinfo.output_width) * cinfo.output_height;
+    if (decodedPixels > kMaxDecodedPixels) {
+        QRB_LOGW("decoded size %u x %u at 1/%d exceeds %llu pixels", cinfo.output_width,
+                 cinfo.output_height, scale, static_cast<unsigned long long>(kMaxDecodedPixels));
+        return false;
+    }
+    return true;
+}
+
+// Waits for coefficientBytes of the process-wide budget (into *grant) and lets libjpeg take
+// that much beside its row buffers.
+void ReserveCoefficients(jpeg_decompress_struct* cinfo, uint64_t coefficientBytes,
+                         CQRBJpegMemoryBudget::Grant* grant) {
+    if (coefficientBytes == 0) return;
+    QRB_LOGD("multi-scan picture %u x %u: %llu bytes of coefficients", cinfo->image_width,
+             cinfo->image_height, static_cast<unsigned long long>(coefficientBytes));
+    *grant = CoefficientBudget().Acquire(coefficientBytes);
+    cinfo->mem->max_memory_to_use = kRowMemory + static_cast<long>(coefficientBytes);
+}
+
+// Writes the started decode into out (outW x outH).
+int DecodeIntoOutput(DecodeJob* job, unsigned char* out, int outW, int outH) {
+    const int scaledW = static_cast<int>(job->cinfo->output_width);
+    const int scaledH = static_cast<int>(job->cinfo->output_height);
+    if (scaledW >= outW || scaledH >= outH) return GuardedSample(job, out, outW, outH);
+    // Smaller than the output both ways: decode whole, then enlarge. The raster is smaller
+    // than the output, which is itself bounded.
+    std::unique_ptr<unsigned char[]> raster(
+        new (std::nothrow) unsigned char[static_cast<size_t>(scaledW) * scaledH * 4]);
+    if (!raster) return -1;
+    if (GuardedReadAll(job, raster.get()) != 0) return -1;
+    const bool scaled =
+        CQRBImageUtil::ScaleARGBFromCubic(raster.get(), scaledW, scaledH, outW, outH, out);
+    return scaled ? 0 : -1;
+}
+
 }  // namespace
 
 int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, int scale) {
@@ -337,58 +412,20 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, int 
     jpeg_decompress_struct storage;
     std::memset(&storage, 0, sizeof(storage));  // destroying a never-created one is harmless
     ErrorManager err;
-    std::memset(&err, 0, sizeof(err));
-    storage.err = jpeg_std_error(&err.pub);
-    err.pub.error_exit = ErrorExit;
-    err.pub.emit_message = EmitMessage;
-    err.pub.output_message = OutputMessage;
     Progress progress;
-    std::memset(&progress, 0, sizeof(progress));
-    progress.pub.progress_monitor = ProgressMonitor;
-    progress.lastScan = -1;
+    InstallHandlers(&storage, &err, &progress);
     // Declared before the decompressor, so that its bytes go back only once libjpeg has freed
     // them.
     CQRBJpegMemoryBudget::Grant coefficients;
     ScopedDecompress cinfo(&storage);
 
     DecodeJob job{cinfo.get(), &err, &progress, fp.get(), m_SourceLength(offset), scale, nullptr};
-    if (GuardedReadHeader(&job) != 0) return -1;
-
-    const uint64_t sourcePixels = static_cast<uint64_t>(storage.image_width) * storage.image_height;
-    if (sourcePixels > kMaxSourcePixels) {
-        QRB_LOGW("picture %u x %u exceeds %llu pixels", storage.image_width, storage.image_height,
-                 static_cast<unsigned long long>(kMaxSourcePixels));
+    uint64_t coefficientBytes = 0;
+    if (GuardedReadHeader(&job) != 0 || !CheckSourceLimits(&storage, &coefficientBytes) ||
+        GuardedCalcOutput(&job) != 0 || !CheckOutputLimits(storage, scale)) {
         return -1;
     }
-    const uint64_t coefficientBytes =
-        jpeg_has_multiple_scans(&storage) ? CoefficientBytes(&storage) : 0;
-    if (coefficientBytes > kMaxCoefficientBytes) {
-        QRB_LOGW("multi-scan picture %u x %u needs %llu bytes of coefficients", storage.image_width,
-                 storage.image_height, static_cast<unsigned long long>(coefficientBytes));
-        return -1;
-    }
-
-    if (GuardedCalcOutput(&job) != 0) return -1;
-    // Only grey, three-component and four-component (CMYK, YCCK) output can be converted.
-    const int components = storage.output_components;
-    if (components != 1 && components != 3 && components != 4) {
-        QRB_LOGW("cannot convert %d components", components);
-        return -1;
-    }
-    const uint64_t decodedPixels =
-        static_cast<uint64_t>(storage.output_width) * storage.output_height;
-    if (decodedPixels > kMaxDecodedPixels) {
-        QRB_LOGW("decoded size %u x %u at 1/%d exceeds %llu pixels", storage.output_width,
-                 storage.output_height, scale, static_cast<unsigned long long>(kMaxDecodedPixels));
-        return -1;
-    }
-
-    if (coefficientBytes != 0) {
-        QRB_LOGD("multi-scan picture %u x %u: %llu bytes of coefficients", storage.image_width,
-                 storage.image_height, static_cast<unsigned long long>(coefficientBytes));
-        coefficients = CoefficientBudget().Acquire(coefficientBytes);
-        storage.mem->max_memory_to_use = kRowMemory + static_cast<long>(coefficientBytes);
-    }
+    ReserveCoefficients(&storage, coefficientBytes, &coefficients);
     if (GuardedStart(&job) != 0) return -1;
     const int scaledW = static_cast<int>(storage.output_width);
     const int scaledH = static_cast<int>(storage.output_height);
@@ -396,20 +433,7 @@ int CQRBImageDecoder::m_JpegSWDecoding(unsigned char* out, uint64_t offset, int 
              static_cast<int>(storage.image_height), static_cast<int>(storage.image_width), scaledH,
              scaledW);
     if (scaledW <= 0 || scaledH <= 0) return -1;
-
-    if (scaledW < outW && scaledH < outH) {
-        // Smaller than the output both ways: decode whole, then enlarge. The raster is smaller
-        // than the output, which is itself bounded.
-        std::unique_ptr<unsigned char[]> raster(
-            new (std::nothrow) unsigned char[static_cast<size_t>(scaledW) * scaledH * 4]);
-        if (!raster) return -1;
-        if (GuardedReadAll(&job, raster.get()) != 0) return -1;
-        if (!CQRBImageUtil::ScaleARGBFromCubic(raster.get(), scaledW, scaledH, outW, outH, out)) {
-            return -1;
-        }
-    } else if (GuardedSample(&job, out, outW, outH) != 0) {
-        return -1;
-    }
+    if (DecodeIntoOutput(&job, out, outW, outH) != 0) return -1;
     // Every output row is written; the rest of the file holds nothing the output needs, so the
     // decode is ended here rather than read to its end.
     jpeg_abort_decompress(&storage);

@@ -1,5 +1,7 @@
 #include "qrb_box_reader.h"
 
+#include "qrb_byte_order.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,18 +59,6 @@ bool QRBFileByteSource::ReadAt(uint64_t offset, void* out, size_t n) const {
     return true;
 }
 
-namespace {
-
-uint32_t BigEndian32(const uint8_t* p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
-
-uint64_t BigEndian64(const uint8_t* p) {
-    return (uint64_t(BigEndian32(p)) << 32) | BigEndian32(p + 4);
-}
-
-}  // namespace
-
 bool QRBReadBoxHeader(const QRBByteSource& source, uint64_t offset, uint64_t limit,
                       QRBBoxHeader* box) {
     if (limit > source.Size()) limit = source.Size();
@@ -76,17 +66,17 @@ bool QRBReadBoxHeader(const QRBByteSource& source, uint64_t offset, uint64_t lim
     uint8_t head[8];
     if (!source.ReadAt(offset, head, sizeof(head))) return false;
     const uint64_t room = limit - offset;
-    uint64_t size = BigEndian32(head);
+    uint64_t size = QRBReadBE32(head);
     uint64_t headerSize = 8;
     if (size == 1) {
         uint8_t large[8];
         if (room < 16 || !source.ReadAt(offset + 8, large, sizeof(large))) return false;
-        size = BigEndian64(large);
+        size = QRBReadBE64(large);
         headerSize = 16;
     } else if (size == 0) {
         size = room;
     }
-    box->type = BigEndian32(head + 4);
+    box->type = QRBReadBE32(head + 4);
     if (box->type == QRBFourCC("uuid")) headerSize += 16;
     // Compared with the room left rather than summed with the offset, so that no declared size
     // can wrap an offset around to an earlier position.
@@ -117,14 +107,14 @@ bool QRBByteCursor::U8(uint8_t* value) {
 bool QRBByteCursor::U16(uint16_t* value) {
     const uint8_t* p = nullptr;
     if (!m_Take(2, &p)) return false;
-    *value = static_cast<uint16_t>((p[0] << 8) | p[1]);
+    *value = QRBReadBE16(p);
     return true;
 }
 
 bool QRBByteCursor::U32(uint32_t* value) {
     const uint8_t* p = nullptr;
     if (!m_Take(4, &p)) return false;
-    *value = BigEndian32(p);
+    *value = QRBReadBE32(p);
     return true;
 }
 
@@ -136,15 +126,15 @@ bool QRBByteCursor::Number(unsigned bytes, uint64_t* value) {
             return !m_bFailed;
         case 2:
             if (!m_Take(2, &p)) return false;
-            *value = (uint64_t(p[0]) << 8) | p[1];
+            *value = QRBReadBE16(p);
             return true;
         case 4:
             if (!m_Take(4, &p)) return false;
-            *value = BigEndian32(p);
+            *value = QRBReadBE32(p);
             return true;
         case 8:
             if (!m_Take(8, &p)) return false;
-            *value = BigEndian64(p);
+            *value = QRBReadBE64(p);
             return true;
         default:
             m_bFailed = true;

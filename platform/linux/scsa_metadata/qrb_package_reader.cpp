@@ -2,6 +2,7 @@
 
 #include "qrb_package_reader.h"
 
+#include "qrb_byte_order.h"
 #include "qrb_log.h"
 #include "scsa_metadata_extractor.h"
 
@@ -112,8 +113,7 @@ bool QRBPackageReader::m_ParseMeta(const QRBBoxHeader& meta) {
     uint8_t handler[4];
     if (!hdlr.present || hdlr.end - hdlr.payload < 12 ||
         !m_Source.ReadAt(hdlr.payload + 8, handler, sizeof(handler)) ||
-        (uint32_t(handler[0]) << 24 | uint32_t(handler[1]) << 16 | uint32_t(handler[2]) << 8 |
-         handler[3]) != kPackageHandler) {
+        QRBReadBE32(handler) != kPackageHandler) {
         return false;
     }
 
@@ -194,101 +194,152 @@ void QRBPackageReader::m_ParseItemInfo(const std::vector<uint8_t>& iinf,
     });
 }
 
+namespace {
+
+// The location table's version, the widths of its fields and its number of entries.
+struct LocationLayout {
+    uint8_t version = 0;
+    unsigned offsetSize = 0;
+    unsigned lengthSize = 0;
+    unsigned baseSize = 0;
+    unsigned indexSize = 0;
+    uint32_t count = 0;
+
+    uint64_t ExtentBytes() const { return indexSize + offsetSize + lengthSize; }
+};
+
+bool ReadLocationLayout(QRBByteCursor* c, LocationLayout* layout) {
+    uint8_t sizes = 0;
+    uint8_t moreSizes = 0;
+    c->U8(&layout->version);
+    c->Skip(3);
+    c->U8(&sizes);
+    c->U8(&moreSizes);
+    const uint8_t version = layout->version;
+    layout->offsetSize = sizes >> 4;
+    layout->lengthSize = sizes & 15;
+    layout->baseSize = moreSizes >> 4;
+    layout->indexSize = version >= 1 ? (moreSizes & 15) : 0;
+    if (version < 2) {
+        uint16_t count16 = 0;
+        c->U16(&count16);
+        layout->count = count16;
+    } else {
+        c->U32(&layout->count);
+    }
+    if (c->Failed() || version > 2 || !ValidFieldSize(layout->offsetSize) ||
+        !ValidFieldSize(layout->lengthSize) || !ValidFieldSize(layout->baseSize) ||
+        !ValidFieldSize(layout->indexSize)) {
+        QRB_LOGW("item location table refused (version %u)", version);
+        return false;
+    }
+    return true;
+}
+
+// The fields of one location entry that come before its extents.
+struct LocationEntry {
+    uint32_t id = 0;
+    uint16_t method = 0;  // construction method
+    uint16_t dataReference = 0;
+    uint64_t base = 0;
+    uint16_t extentCount = 0;
+};
+
+bool ReadLocationEntry(QRBByteCursor* c, const LocationLayout& layout, LocationEntry* entry) {
+    if (layout.version < 2) {
+        uint16_t id16 = 0;
+        c->U16(&id16);
+        entry->id = id16;
+    } else {
+        c->U32(&entry->id);
+    }
+    if (layout.version >= 1) c->U16(&entry->method);
+    c->U16(&entry->dataReference);
+    c->Number(layout.baseSize, &entry->base);
+    c->U16(&entry->extentCount);
+    entry->method &= 15;
+    return !c->Failed();
+}
+
+// Reads the extentCount extents of an entry into item while it stays usable; resolve(offset,
+// length, &extent) places one in the source. Answers whether the item is still usable; the
+// caller checks the cursor.
+template <typename Resolve>
+bool ReadExtents(QRBByteCursor* c, const LocationLayout& layout, uint16_t extentCount, bool usable,
+                 Resolve resolve, QRBPackageItem* item) {
+    for (uint16_t e = 0; e < extentCount; ++e) {
+        uint64_t index = 0;
+        uint64_t offset = 0;
+        uint64_t length = 0;
+        c->Number(layout.indexSize, &index);  // names a referenced item, only for method 2
+        c->Number(layout.offsetSize, &offset);
+        c->Number(layout.lengthSize, &length);
+        if (c->Failed()) break;
+        QRBPackageExtent extent;
+        if (!usable || !resolve(offset, length, &extent) ||
+            extent.length > UINT64_MAX - item->length) {
+            usable = false;
+            continue;
+        }
+        item->length += extent.length;
+        item->extents.push_back(extent);
+    }
+    return usable;
+}
+
+// The name and content type the item info gives the item's id; an item it does not name is
+// listed as ITEM_NAME_PREFIX and its id.
+void NameItem(const std::unordered_map<uint32_t, const QRBPackageItem*>& names,
+              QRBPackageItem* item) {
+    const auto it = names.find(item->id);
+    if (it != names.end() && !it->second->name.empty()) {
+        item->name = it->second->name;
+        item->contentType = it->second->contentType;
+    } else {
+        item->name = SCSA_DMP::MetaDataExtractor::ITEM_NAME_PREFIX + std::to_string(item->id);
+        if (it != names.end()) item->contentType = it->second->contentType;
+    }
+}
+
+}  // namespace
+
 void QRBPackageReader::m_ParseLocations(const std::vector<uint8_t>& iloc, const Table& idat,
                                         const std::vector<QRBPackageItem>& named) {
     QRBByteCursor c(iloc.data(), iloc.size());
-    uint8_t version = 0;
-    uint8_t sizes = 0;
-    uint8_t moreSizes = 0;
-    c.U8(&version);
-    c.Skip(3);
-    c.U8(&sizes);
-    c.U8(&moreSizes);
-    const unsigned offsetSize = sizes >> 4;
-    const unsigned lengthSize = sizes & 15;
-    const unsigned baseSize = moreSizes >> 4;
-    const unsigned indexSize = version >= 1 ? (moreSizes & 15) : 0;
-    uint32_t count = 0;
-    uint16_t count16 = 0;
-    if (version < 2) {
-        c.U16(&count16);
-        count = count16;
-    } else {
-        c.U32(&count);
-    }
-    if (c.Failed() || version > 2 || !ValidFieldSize(offsetSize) || !ValidFieldSize(lengthSize) ||
-        !ValidFieldSize(baseSize) || !ValidFieldSize(indexSize)) {
-        QRB_LOGW("item location table refused (version %u)", version);
-        return;
-    }
+    LocationLayout layout;
+    if (!ReadLocationLayout(&c, &layout)) return;
 
     std::unordered_map<uint32_t, const QRBPackageItem*> names;
     for (const QRBPackageItem& item : named) names.emplace(item.id, &item);
     std::unordered_set<uint32_t> taken;
-    const uint64_t extentBytes = indexSize + offsetSize + lengthSize;
 
-    for (uint32_t n = 0; n < count && n < kMaxItems; ++n) {
-        uint32_t id = 0;
-        uint16_t id16 = 0;
-        uint16_t method = 0;
-        uint16_t dataReference = 0;
-        uint64_t base = 0;
-        uint16_t extentCount = 0;
-        if (version < 2) {
-            c.U16(&id16);
-            id = id16;
-        } else {
-            c.U32(&id);
-        }
-        if (version >= 1) c.U16(&method);
-        c.U16(&dataReference);
-        c.Number(baseSize, &base);
-        c.U16(&extentCount);
-        if (c.Failed()) break;
-        method &= 15;
-
-        bool usable = dataReference == 0 && (method == 0 || (method == 1 && idat.present)) &&
-                      extentCount > 0 && extentCount <= kMaxExtentsPerItem;
-        if (extentCount > kMaxExtentsPerItem) {
+    for (uint32_t n = 0; n < layout.count && n < kMaxItems; ++n) {
+        LocationEntry entry;
+        if (!ReadLocationEntry(&c, layout, &entry)) break;
+        if (entry.extentCount > kMaxExtentsPerItem) {
             // Stepped over whole, so that the entries after it are still found.
-            c.Skip(extentCount * extentBytes);
+            c.Skip(entry.extentCount * layout.ExtentBytes());
             if (c.Failed()) break;
-            QRB_LOGW("item %u has %u extents; left out", id, extentCount);
+            QRB_LOGW("item %u has %u extents; left out", entry.id, entry.extentCount);
             continue;
         }
+        const bool supported = entry.dataReference == 0 &&
+                               (entry.method == 0 || (entry.method == 1 && idat.present)) &&
+                               entry.extentCount > 0;
         QRBPackageItem item;
-        item.id = id;
-        for (uint16_t e = 0; e < extentCount; ++e) {
-            uint64_t index = 0;
-            uint64_t offset = 0;
-            uint64_t length = 0;
-            c.Number(indexSize, &index);  // names a referenced item, only for method 2
-            c.Number(offsetSize, &offset);
-            c.Number(lengthSize, &length);
-            if (c.Failed()) break;
-            QRBPackageExtent extent;
-            if (!usable || !m_ResolveExtent(method, base, offset, length, idat, &extent) ||
-                extent.length > UINT64_MAX - item.length) {
-                usable = false;
-                continue;
-            }
-            item.length += extent.length;
-            item.extents.push_back(extent);
-        }
+        item.id = entry.id;
+        const auto resolve = [&](uint64_t offset, uint64_t length, QRBPackageExtent* extent) {
+            return m_ResolveExtent(entry.method, entry.base, offset, length, idat, extent);
+        };
+        const bool usable = ReadExtents(&c, layout, entry.extentCount, supported, resolve, &item);
         if (c.Failed()) break;
         if (!usable) {
-            QRB_LOGD("item %u left out (method %u, data reference %u)", id, method, dataReference);
+            QRB_LOGD("item %u left out (method %u, data reference %u)", entry.id, entry.method,
+                     entry.dataReference);
             continue;
         }
-        if (!taken.insert(id).second) continue;  // the first entry of an id counts
-        const auto it = names.find(id);
-        if (it != names.end() && !it->second->name.empty()) {
-            item.name = it->second->name;
-            item.contentType = it->second->contentType;
-        } else {
-            item.name = SCSA_DMP::MetaDataExtractor::ITEM_NAME_PREFIX + std::to_string(id);
-            if (it != names.end()) item.contentType = it->second->contentType;
-        }
+        if (!taken.insert(entry.id).second) continue;  // the first entry of an id counts
+        NameItem(names, &item);
         m_Items.push_back(std::move(item));
     }
 }
