@@ -4,6 +4,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_byte_order.h"
 #include "qrb_temp_file.h"
 #include "qrb_util.h"
 #include "video-decoder/qrb_ffmpeg_api_impl.h"
@@ -32,7 +33,6 @@ constexpr size_t kHeaderBytes = 6 + 6 + 6 + 6 + 8;  // header, FW, FH, FD, FC
 constexpr size_t kMaxEsPath = 128;
 const unsigned char kMagic[6] = {'F', 'S', 'm', 't', 'a', 0};
 
-
 using PixelBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
 
 void PutU32(unsigned char* out, uint32_t value) {
@@ -40,11 +40,6 @@ void PutU32(unsigned char* out, uint32_t value) {
     out[1] = static_cast<unsigned char>(value >> 8);
     out[2] = static_cast<unsigned char>(value >> 16);
     out[3] = static_cast<unsigned char>(value >> 24);
-}
-
-uint32_t GetU32(const unsigned char* in) {
-    return static_cast<uint32_t>(in[0]) | (static_cast<uint32_t>(in[1]) << 8) |
-           (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
 }
 
 void PutRecord(unsigned char* out, char a, char b, uint32_t value) {
@@ -61,6 +56,131 @@ QRBScopedCodecContext MakeCodecContext(const AVCodec* codec) {
         context->thread_count = 1;
     }
     return context;
+}
+
+// The elementary-stream file, opened with the raw H.264 demuxer: the file holds one H.264
+// access unit by construction, so the demuxer is named rather than probed (a probe of a few
+// kilobytes may not decide), and nothing else may open.
+QRBScopedFormatContext OpenRawH264(const char* es_path) {
+    AVFormatContext* raw = avformat_alloc_context();
+    if (raw == nullptr) {
+        QRB_LOGW("ic_ptr pointer is NULL,file:%s.", es_path);
+        return nullptr;
+    }
+    raw->probesize = qrbffmpeg::kProbeBytes;
+    raw->max_analyze_duration = qrbffmpeg::kAnalyzeMicroseconds;
+    QRBScopedDictionary options;
+    av_dict_set(&options.dict, "protocol_whitelist", "file", 0);
+    av_dict_set(&options.dict, "format_whitelist", "h264", 0);
+    if (avformat_open_input(&raw, es_path, av_find_input_format("h264"), &options.dict) < 0) {
+        QRB_LOGW("ic_ptr pointer is NULL,file:%s.", es_path);
+        return nullptr;
+    }
+    return QRBScopedFormatContext(raw);
+}
+
+// A decoder opened for the first video stream of input, whose index goes to *videoIndex.
+QRBScopedCodecContext OpenVideoDecoder(AVFormatContext* input, int* videoIndex) {
+    for (unsigned i = 0; i < input->nb_streams && *videoIndex < 0; ++i) {
+        if (input->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+            *videoIndex = static_cast<int>(i);
+        }
+    }
+    if (*videoIndex < 0) {
+        QRB_LOGW("no video stream");
+        return nullptr;
+    }
+    const AVCodecParameters* par = input->streams[*videoIndex]->codecpar;
+    const AVCodec* codec = avcodec_find_decoder(par->codec_id);
+    QRBScopedCodecContext context = codec != nullptr ? MakeCodecContext(codec) : nullptr;
+    if (!context || avcodec_parameters_to_context(context.get(), par) < 0) {
+        QRB_LOGW("pVideoCodecCtx is null, codec_id=%d", static_cast<int>(par->codec_id));
+        return nullptr;
+    }
+    context->max_pixels = qrbffmpeg::kMaxPixels;
+    if (avcodec_open2(context.get(), codec, nullptr) < 0) {
+        QRB_LOGW("avcodec_open2 error");
+        return nullptr;
+    }
+    return context;
+}
+
+// Decodes until the first picture of the stream comes out (at the end, what the decoder holds
+// back for reordering is drained); true when frame holds it.
+bool DecodeFirstPicture(AVFormatContext* input, AVCodecContext* context, int videoIndex,
+                        AVPacket* packet, AVFrame* frame) {
+    bool started = false;
+    for (;;) {
+        if (av_read_frame(input, packet) < 0) {
+            return started && avcodec_send_packet(context, nullptr) >= 0 &&
+                   avcodec_receive_frame(context, frame) == 0;
+        }
+        if (packet->stream_index != videoIndex) {
+            av_packet_unref(packet);
+            continue;
+        }
+        const int key = (packet->flags & AV_PKT_FLAG_KEY) != 0 ? 1 : 0;
+        QRB_LOGD("packet.flags&AV_PKT_FLAG_KEY=%d, key_detected=%d", key, started ? 1 : 0);
+        // The recorder handed this over as a key frame, so its first packet starts the decoding
+        // even where the parser cannot tell (an I picture without a recovery point).
+        started = true;
+        const int frameFinished =
+            avcodec_send_packet(context, packet) >= 0 && avcodec_receive_frame(context, frame) == 0
+                ? 1
+                : 0;
+        QRB_LOGD("pFrame->key_frame, frameFinished=%d", frameFinished);
+        av_packet_unref(packet);
+        if (frameFinished != 0) return true;
+    }
+}
+
+struct MtaHeader {
+    uint32_t width, height, depth, count;
+};
+
+// The key-frame file's header: its magic, the four records and their bounds.
+bool ReadMtaHeader(FILE* file, const std::string& path, MtaHeader* out) {
+    unsigned char head[kHeaderBytes];
+    if (std::fread(head, 1, sizeof(head), file) != sizeof(head) ||
+        std::memcmp(head, kMagic, sizeof(kMagic)) != 0 || head[6] != 'F' || head[7] != 'W' ||
+        head[12] != 'F' || head[13] != 'H' || head[18] != 'F' || head[19] != 'D' ||
+        head[24] != 'F' || head[25] != 'C' || head[30] != 0 || head[31] != 0) {
+        QRB_LOGW("mta file %s: bad header", path.c_str());
+        return false;
+    }
+    *out = {QRBReadLE32(head + 8), QRBReadLE32(head + 14), QRBReadLE32(head + 20),
+            QRBReadLE32(head + 26)};
+    QRB_LOGD("image_width=%d, image_height=%d, image_depth=%d, frame_count=%d",
+             static_cast<int>(out->width), static_cast<int>(out->height),
+             static_cast<int>(out->depth), static_cast<int>(out->count));
+    if (out->width < 1 || out->width > CQRBThumbanailPVRDecoder::kMaxFileSide || out->height < 1 ||
+        out->height > CQRBThumbanailPVRDecoder::kMaxFileSide || out->depth < 1 ||
+        out->depth > CQRBThumbanailPVRDecoder::kMaxFileDepth || out->count < 1 ||
+        out->count > static_cast<uint32_t>(CQRBThumbanailPVRDecoder::kMaxFrames)) {
+        QRB_LOGW("get width, height, depth, count fail");
+        return false;
+    }
+    return true;
+}
+
+// The frames after the header, each behind its "F<n>" marker.
+bool ReadMtaFrames(FILE* file, uint32_t count, unsigned long long frameBytes,
+                   std::vector<PixelBuffer>* frames) {
+    for (uint32_t i = 0; i < count; ++i) {
+        unsigned char marker[2];
+        if (std::fread(marker, 1, 2, file) != 2 || marker[0] != 'F' ||
+            marker[1] != static_cast<unsigned char>('0' + i)) {
+            QRB_LOGW("frame[%u] marker mismatch", i);
+            return false;
+        }
+        PixelBuffer pixels(static_cast<unsigned char*>(std::malloc(frameBytes)), &std::free);
+        if (!pixels || std::fread(pixels.get(), 1, frameBytes, file) != frameBytes) {
+            QRB_LOGW("frame[%u] short", i);
+            return false;
+        }
+        frames->push_back(std::move(pixels));
+    }
+    return true;
 }
 
 }  // namespace
@@ -277,84 +397,18 @@ int CQRBThumbanailPVRDecoder::m_DecodeFrameForH264_1080i(const unsigned char* bu
     QRB_LOGD("buffer_size=%d, encode_type=%d", size, encode_type);
     (void)buffer;
 
-    // The file holds one H.264 access unit by construction: the raw H.264 demuxer is named
-    // rather than probed (a probe of a few kilobytes may not decide), and nothing else may open.
-    AVFormatContext* raw = avformat_alloc_context();
-    if (raw == nullptr) {
-        QRB_LOGW("ic_ptr pointer is NULL,file:%s.", es_path);
-        return -1;
-    }
-    raw->probesize = qrbffmpeg::kProbeBytes;
-    raw->max_analyze_duration = qrbffmpeg::kAnalyzeMicroseconds;
-    QRBScopedDictionary options;
-    av_dict_set(&options.dict, "protocol_whitelist", "file", 0);
-    av_dict_set(&options.dict, "format_whitelist", "h264", 0);
-    if (avformat_open_input(&raw, es_path, av_find_input_format("h264"), &options.dict) < 0) {
-        QRB_LOGW("ic_ptr pointer is NULL,file:%s.", es_path);
-        return -1;
-    }
-    QRBScopedFormatContext input(raw);
-
+    QRBScopedFormatContext input = OpenRawH264(es_path);
+    if (!input) return -1;
     int videoIndex = -1;
-    for (unsigned i = 0; i < input->nb_streams; ++i) {
-        if (input->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
-            videoIndex = static_cast<int>(i);
-            break;
-        }
-    }
-    if (videoIndex < 0) {
-        QRB_LOGW("no video stream");
-        return -1;
-    }
-    const AVCodecParameters* par = input->streams[videoIndex]->codecpar;
-    const AVCodec* codec = avcodec_find_decoder(par->codec_id);
-    QRBScopedCodecContext context = codec != nullptr ? MakeCodecContext(codec) : nullptr;
-    if (!context || avcodec_parameters_to_context(context.get(), par) < 0) {
-        QRB_LOGW("pVideoCodecCtx is null, codec_id=%d", static_cast<int>(par->codec_id));
-        return -1;
-    }
-    context->max_pixels = qrbffmpeg::kMaxPixels;
-    if (avcodec_open2(context.get(), codec, nullptr) < 0) {
-        QRB_LOGW("avcodec_open2 error");
-        return -1;
-    }
+    QRBScopedCodecContext context = OpenVideoDecoder(input.get(), &videoIndex);
     QRBScopedFrame frame(av_frame_alloc());
     QRBScopedPacket packet(av_packet_alloc());
+    if (!context) return -1;
     if (!frame || !packet) {
         QRB_LOGW("alloc frame error\n");
         return -1;
     }
-
-    bool started = false;
-    bool got = false;
-    while (!got) {
-        if (av_read_frame(input.get(), packet.get()) < 0) {
-            // End of file: what the decoder still holds back for reordering comes out now.
-            if (started && avcodec_send_packet(context.get(), nullptr) >= 0 &&
-                avcodec_receive_frame(context.get(), frame.get()) == 0) {
-                got = true;
-            }
-            break;
-        }
-        if (packet->stream_index != videoIndex) {
-            av_packet_unref(packet.get());
-            continue;
-        }
-        const int key = (packet->flags & AV_PKT_FLAG_KEY) != 0 ? 1 : 0;
-        QRB_LOGD("packet.flags&AV_PKT_FLAG_KEY=%d, key_detected=%d", key, started ? 1 : 0);
-        // The recorder handed this over as a key frame, so its first packet starts the decoding
-        // even where the parser cannot tell (an I picture without a recovery point).
-        started = true;
-        int frameFinished = 0;
-        if (avcodec_send_packet(context.get(), packet.get()) >= 0 &&
-            avcodec_receive_frame(context.get(), frame.get()) == 0) {
-            frameFinished = 1;
-        }
-        QRB_LOGD("pFrame->key_frame, frameFinished=%d", frameFinished);
-        av_packet_unref(packet.get());
-        got = frameFinished != 0;
-    }
-    if (!got) {
+    if (!DecodeFirstPicture(input.get(), context.get(), videoIndex, packet.get(), frame.get())) {
         QRB_LOGW("Got frame fail");
         return -1;
     }
@@ -442,28 +496,12 @@ int CQRBThumbanailPVRDecoder::ParsePvrMtaFile(const char* srf_path, _thumb_resul
         return -1;
     }
 
-    unsigned char head[kHeaderBytes];
-    if (std::fread(head, 1, sizeof(head), file.get()) != sizeof(head) ||
-        std::memcmp(head, kMagic, sizeof(kMagic)) != 0 || head[6] != 'F' || head[7] != 'W' ||
-        head[12] != 'F' || head[13] != 'H' || head[18] != 'F' || head[19] != 'D' ||
-        head[24] != 'F' || head[25] != 'C' || head[30] != 0 || head[31] != 0) {
-        QRB_LOGW("mta file %s: bad header", path.c_str());
-        return -1;
-    }
-    const uint32_t width = GetU32(head + 8);
-    const uint32_t height = GetU32(head + 14);
-    const uint32_t depth = GetU32(head + 20);
-    const uint32_t count = GetU32(head + 26);
-    QRB_LOGD("image_width=%d, image_height=%d, image_depth=%d, frame_count=%d",
-             static_cast<int>(width), static_cast<int>(height), static_cast<int>(depth),
-             static_cast<int>(count));
-    if (width < 1 || width > kMaxFileSide || height < 1 || height > kMaxFileSide || depth < 1 ||
-        depth > kMaxFileDepth || count < 1 || count > static_cast<uint32_t>(kMaxFrames)) {
-        QRB_LOGW("get width, height, depth, count fail");
-        return -1;
-    }
+    MtaHeader head;
+    if (!ReadMtaHeader(file.get(), path, &head)) return -1;
     // Every frame the header promises must be in the file before anything is allocated: a
     // header alone cannot make the reader ask for gigabytes.
+    const uint32_t width = head.width, height = head.height, depth = head.depth;
+    const uint32_t count = head.count;
     const unsigned long long frameBytes = static_cast<unsigned long long>(width) * height * depth;
     const unsigned long long needed = kHeaderBytes + count * (2 + frameBytes);
     if (static_cast<unsigned long long>(st.st_size) < needed) {
@@ -471,22 +509,8 @@ int CQRBThumbanailPVRDecoder::ParsePvrMtaFile(const char* srf_path, _thumb_resul
                  static_cast<long long>(st.st_size), needed, count, width, height, depth);
         return -1;
     }
-
     std::vector<PixelBuffer> frames;
-    for (uint32_t i = 0; i < count; ++i) {
-        unsigned char marker[2];
-        if (std::fread(marker, 1, 2, file.get()) != 2 || marker[0] != 'F' ||
-            marker[1] != static_cast<unsigned char>('0' + i)) {
-            QRB_LOGW("frame[%u] marker mismatch", i);
-            return -1;
-        }
-        PixelBuffer pixels(static_cast<unsigned char*>(std::malloc(frameBytes)), &std::free);
-        if (!pixels || std::fread(pixels.get(), 1, frameBytes, file.get()) != frameBytes) {
-            QRB_LOGW("frame[%u] short", i);
-            return -1;
-        }
-        frames.push_back(std::move(pixels));
-    }
+    if (!ReadMtaFrames(file.get(), count, frameBytes, &frames)) return -1;
 
     result->width = static_cast<int>(width);
     result->height = static_cast<int>(height);
