@@ -124,34 +124,12 @@ bool CQRBRAThumbnailGetter::m_DownLoadThumbnail(const std::string& url, std::str
     return true;
 }
 
-boost::intrusive_ptr<CQRBThumbImage> CQRBRAThumbnailGetter::m_DecodeBytes(const std::string& buffer,
-                                                                          int width, int height) {
-    const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
-    if (!m_CreateDir(dataDir.c_str())) {
-        QRB_LOGW("Write JPG Buffer fail");
-        return nullptr;
-    }
-
-    QRB_LOGD("ImageBuff.size()=%d", static_cast<int>(buffer.size()));
-    QRBTempFile file;  // removed on every way out
-    if (!m_WriteFlashFile(file, buffer)) {
-        QRBNoteFailure(QRBFailure::kScratch);
-        QRB_LOGW("Write JPG Buffer fail");
-        return nullptr;
-    }
-    QRB_LOGD("Write JPG Buffer Succeed");
-    return t_DecodePictureFile(file.Path(), width, height, true);
-}
-
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBRAThumbnailGetter::m_DecodeThumbnail(
     std::string& buffer, int width, int height) {
-    if (buffer.empty()) return nullptr;
-    // The file is written with an int count; the download cap keeps bodies far below that.
-    if (buffer.size() > static_cast<size_t>(INT32_MAX)) return nullptr;
-    // The temporary file is gone by the time the image is packed.
-    boost::intrusive_ptr<CQRBThumbImage> image = m_DecodeBytes(buffer, width, height);
-    if (!image) return nullptr;
-    return t_PackImage(image);
+    QRB_LOGD("ImageBuff.size()=%d", static_cast<int>(buffer.size()));
+    return t_DecodeDownloaded(buffer, width, height, [&buffer](QRBTempFile& file) {
+        return m_WriteFlashFile(file, buffer);
+    });
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBRAThumbnailGetter::ExtractThumbnail(

@@ -80,10 +80,6 @@ private:
     // libcurl calls its write function through a void* user pointer; this adapter has exactly
     // that type and forwards to receive.
     static size_t m_CurlWrite(char* data, size_t size, size_t nmemb, void* userp);
-    // Writes buffer to a fresh temporary file, decodes and crops it; the file is removed
-    // before this returns.
-    static boost::intrusive_ptr<CQRBThumbImage> m_DecodeBytes(const std::string& buffer, int width,
-                                                              int height);
 
     // Shared by all RA getters; incremented before each use, never reset.
     static std::atomic<int32_t> m_lRAFileID;

@@ -39,30 +39,9 @@ bool CQRBSNSThumbnailGetter::m_WriteFlashFile(QRBTempFile& file, const std::stri
         data.data(), data.size());
 }
 
-boost::intrusive_ptr<CQRBThumbImage> CQRBSNSThumbnailGetter::m_DecodeBytes(
-    const std::string& buffer, int width, int height) {
-    const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
-    if (!m_CreateDir(dataDir.c_str())) {
-        QRB_LOGW("Write JPG Buffer fail");
-        return nullptr;
-    }
-
-    QRBTempFile file;  // removed on every way out
-    if (!m_WriteFlashFile(file, buffer)) {
-        QRB_LOGW("Write JPG Buffer fail");
-        return nullptr;
-    }
-    QRB_LOGD("Write JPG Buffer Succeed");
-    return t_DecodePictureFile(file.Path(), width, height, true);
-}
-
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBSNSThumbnailGetter::ExtractThumbnail(
     std::string& buffer, int width, int height) {
-    if (buffer.empty()) return nullptr;
-    // The file is written with an int count; no download comes near that (5 MiB cap).
-    if (buffer.size() > static_cast<size_t>(INT32_MAX)) return nullptr;
-    // The temporary file is gone by the time the image is packed.
-    boost::intrusive_ptr<CQRBThumbImage> image = m_DecodeBytes(buffer, width, height);
-    if (!image) return nullptr;
-    return t_PackImage(image);
+    return t_DecodeDownloaded(buffer, width, height, [&buffer](QRBTempFile& file) {
+        return m_WriteFlashFile(file, buffer);
+    });
 }

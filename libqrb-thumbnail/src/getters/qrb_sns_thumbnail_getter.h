@@ -52,11 +52,6 @@ public:
     static int32_t m_LastFileID() { return m_lSNSFileID.load(); }
 
 private:
-    // Writes buffer to a fresh temporary file, decodes and crops it; the file is removed
-    // before this returns.
-    static boost::intrusive_ptr<CQRBThumbImage> m_DecodeBytes(const std::string& buffer, int width,
-                                                              int height);
-
     // Shared by all SNS getters; incremented before each use, never reset.
     static std::atomic<int32_t> m_lSNSFileID;
 };

@@ -2,16 +2,19 @@
 
 #include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_thumb_param.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
+#include "qrb_system_path.h"
 #include "qrb_temp_file.h"
 #include "qrb_util.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBThumbnailGetter::ExtractThumbnail(std::string&, int,
-                                                                               int) {
+                                                                              int) {
     return nullptr;
 }
 
@@ -85,4 +88,22 @@ bool CQRBThumbnailGetter::t_CreateDir(const char* path) {
         return false;
     }
     return true;
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBThumbnailGetter::t_DecodeDownloaded(
+    const std::string& bytes, int width, int height,
+    const std::function<bool(QRBTempFile&)>& write) {
+    // The file is written with an int count; the download caps keep bodies far below that.
+    if (bytes.empty() || bytes.size() > static_cast<size_t>(INT32_MAX)) return nullptr;
+    QRBTempFile file;  // removed on every way out
+    if (!t_CreateDir(QRBSystemPath(QRB_DATA_DIR).c_str()) || !write(file)) {
+        QRBNoteFailure(QRBFailure::kScratch);
+        QRB_LOGW("Write JPG Buffer fail");
+        return nullptr;
+    }
+    QRB_LOGD("Write JPG Buffer Succeed");
+    boost::intrusive_ptr<CQRBThumbImage> image =
+        t_DecodePictureFile(file.Path(), width, height, true);
+    if (!image) return nullptr;
+    return t_PackImage(image);
 }

@@ -23,8 +23,8 @@ public:
     // Turns a request URI into a local path.
     virtual const char* T_CONVERTURITOPATH(const char* uri) = 0;
     // The form for bytes already fetched (web pictures): null unless the kind supports it.
-    virtual boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(std::string& buffer,
-                                                                     int width, int height);
+    virtual boost::intrusive_ptr<CQRBThumbnailItem> ExtractThumbnail(std::string& buffer, int width,
+                                                                     int height);
 
     // Makes every missing folder of path with mode 0755 exactly, whatever the umask; logs the
     // step that failed ("mkdir   error", "chmod   error"). True when the folder exists after.
@@ -44,6 +44,12 @@ public:
                                                                     bool fastDecode = false);
 
 protected:
+    // The downloaded bytes of one picture, through a temporary file that write fills: written
+    // into the data folder (made as needed), decoded to cover width x height, centre-cropped and
+    // packed; the file is gone before this returns. Empty or absurdly large bytes give null.
+    boost::intrusive_ptr<CQRBThumbnailItem> t_DecodeDownloaded(
+        const std::string& bytes, int width, int height,
+        const std::function<bool(QRBTempFile&)>& write);
     // Wraps an image (already at the requested size) into a new item with RID 0.
     boost::intrusive_ptr<CQRBThumbnailItem> t_PackImage(boost::intrusive_ptr<CQRBThumbImage> image);
 };
