@@ -12,6 +12,8 @@
 #include "qrb_system_path.h"
 #include "qrb_thumb_flyweight_factory.h"
 #include "qrb_thumbnail.h"
+#include "qrb_thumbnail_http_imp.h"
+#include "qrb_thumbnail_service.h"
 
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
@@ -331,6 +333,10 @@ TEST(SnsGetterTest, DownloadedBytesAreDecodedOnTheHttpVariantsDecodeThread) {
     ASSERT_EQ(thumbnail_init(), 0);
     const auto r =
         recorder.Request(server.Url("/pic.jpg"), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 16, 16);
+    auto* http = dynamic_cast<CQRBThumbnailHttpImp*>(
+        CQRBThumbnail::GetInstance()->Variant(CQRBThumbnail::SLOT_HTTP));
+    ASSERT_NE(http, nullptr);
+    EXPECT_EQ(http->ParkedCount(), 0) << "answered requests keep no bytes";
     thumbnail_finalize();
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(log.Contains("Download file url=" + r.url));
