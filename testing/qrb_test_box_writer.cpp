@@ -4,13 +4,6 @@
 
 namespace qrbtest {
 
-std::string BigEndian(uint64_t value, int bytes) {
-    std::string out;
-    for (int i = bytes - 1; i >= 0; --i)
-        out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-    return out;
-}
-
 std::string BoxDeclaring(uint32_t size, const std::string& type, const std::string& payload) {
     if (type.size() != 4) throw std::invalid_argument("box type must have four characters");
     return BigEndian(size, 4) + type + payload;

@@ -8,15 +8,14 @@
 #ifndef QRB_TESTING_BOX_WRITER_H
 #define QRB_TESTING_BOX_WRITER_H
 
+#include "qrb_test_files.h"
+
 #include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace qrbtest {
-
-// value as `bytes` big-endian bytes (0 to 8).
-std::string BigEndian(uint64_t value, int bytes);
 
 // A box with a 32-bit size computed from the payload.
 std::string Box(const std::string& type, const std::string& payload);

@@ -1,5 +1,7 @@
 #include "qrb_test_callbacks.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -74,7 +76,8 @@ void CallbackRecorder::m_Record(int status, _thumb_result* result, void* user_da
         }
         if (result->buffer_preset != nullptr) {
             r.hadPreset = true;
-            r.preset.assign(result->buffer_preset, strnlen(result->buffer_preset, QRB_THUMB_PRESET_SIZE));
+            r.preset.assign(result->buffer_preset,
+                            strnlen(result->buffer_preset, QRB_THUMB_PRESET_SIZE));
             free(result->buffer_preset);
         }
     }
@@ -103,6 +106,35 @@ std::map<void*, int> CallbackRecorder::PerUser() const {
     std::map<void*, int> counts;
     for (const auto& r : m_Results) counts[r.user_data]++;
     return counts;
+}
+
+std::vector<RecordedResult> CallbackRecorder::For(void* tag) const {
+    std::vector<RecordedResult> found;
+    for (const auto& r : Results()) {
+        if (r.user_data == tag) found.push_back(r);
+    }
+    return found;
+}
+
+RecordedResult CallbackRecorder::Request(const std::string& url, qrb_item_media_type media,
+                                         qrb_extend_dev_type dev, int width, int height,
+                                         int useCache, int frames) {
+    void* tag = Tag(m_NextRequestTag++);
+    thumbnail_request_async(url.c_str(), media, dev, 0, width, height, useCache, frames,
+                            &CallbackRecorder::Callback, tag);
+    {
+        // A liveness bound only (sanitizer builds are slow): a hang fails instead of stalling.
+        std::unique_lock<std::mutex> lock(m_Mutex);
+        m_Cond.wait_for(lock, std::chrono::seconds(30), [&] {
+            for (const auto& r : m_Results) {
+                if (r.user_data == tag) return true;
+            }
+            return false;
+        });
+    }
+    const std::vector<RecordedResult> found = For(tag);
+    EXPECT_EQ(found.size(), 1u) << url;
+    return found.size() == 1 ? found[0] : RecordedResult{};
 }
 
 }  // namespace qrbtest

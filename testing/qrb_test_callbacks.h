@@ -45,6 +45,14 @@ public:
     std::vector<RecordedResult> Results() const;
     // Callbacks delivered per user pointer.
     std::map<void*, int> PerUser() const;
+    // The results delivered for one user pointer.
+    std::vector<RecordedResult> For(void* tag) const;
+
+    // One request through thumbnail_request_async under a fresh tag, waited for: its one
+    // result (an empty one, and a test failure, when it does not come exactly once).
+    RecordedResult Request(const std::string& url, qrb_item_media_type media,
+                           qrb_extend_dev_type dev, int width, int height, int useCache = 0,
+                           int frames = 1);
 
 private:
     void m_Record(int status, _thumb_result* result, void* user_data);
@@ -52,6 +60,7 @@ private:
     mutable std::condition_variable m_Cond;
     std::vector<RecordedResult> m_Results;
     std::vector<char> m_Tags;
+    int m_NextRequestTag = 60000;  // Request's tags, above those tests pick themselves
 };
 
 }  // namespace qrbtest

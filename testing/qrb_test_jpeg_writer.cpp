@@ -271,4 +271,14 @@ std::string MakeJpeg(const JpegSpec& spec) {
     return std::string(reinterpret_cast<const char*>(out), outSize);
 }
 
+std::string GradientJpeg(int width, int height) {
+    JpegSpec spec;
+    spec.width = width;
+    spec.height = height;
+    spec.quality = 95;
+    spec.pattern = JpegPattern::kGradient;
+    spec.color = {0, 0, 100};
+    return MakeJpeg(spec);
+}
+
 }  // namespace qrbtest

@@ -89,18 +89,6 @@ protected:
         EXPECT_FALSE(bytes.empty());
         return Write(name, bytes);
     }
-    // A header-only stand-in for a big photo with a 160 x 120 EXIF thumbnail (and optionally a
-    // large APP2 thumbnail).
-    std::string BigPhotoHeaders(int w, int h, int thumbW, int thumbH, int largeW = 0,
-                                int largeH = 0) {
-        JpegSpec spec;
-        spec.thumbWidth = thumbW;
-        spec.thumbHeight = thumbH;
-        spec.largeThumbWidth = largeW;
-        spec.largeThumbHeight = largeH;
-        return Write("big.jpg", WithFrameSize(MakeJpeg(spec), w, h));
-    }
-
     ScratchDir scratch;
     qrbtest::LogCapture log;
 };
@@ -186,71 +174,75 @@ TEST_F(ImageDecoderTest, UnreadableFilesFailWithTheirMessages) {
 
 // --- Source selection ---------------------------------------------------------------------
 
-TEST_F(ImageDecoderTest, SmallExifThumbnailIsTakenEvenBelowHalfTheRequest) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120);
-    // 320 is not < 2 x 160 and the picture is not < 2 x request, with no large thumbnail: the
-    // EXIF thumbnail all the same.
-    CQRBImageDecoder at320(path.c_str(), 320, 240, 0, false);
-    EXPECT_EQ(160u, at320.GetExifThumbnailWidth());
-    EXPECT_EQ(CQRBImageDecoder::kTypeExif, at320.m_GetThumbnailType());
-    EXPECT_EQ(320u, at320.GetOutputWidth());
-    EXPECT_EQ(240u, at320.GetOutputHeight());
-    EXPECT_TRUE(log.Contains("THUMBNAIL TYPE[11] RET[0]"));
-    EXPECT_TRUE(log.Contains("PARSING PICTURE HEADER"));
+// Header-only stand-ins for big photos (the frame header says w x h) with an EXIF thumbnail
+// and a large APP2 thumbnail of the given sizes (0: none).
+struct SourceCase {
+    int w, h, thumbW, thumbH, largeW, largeH;
+    int reqW, reqH;
+    bool forceFull;
+    int type;
+    unsigned outW, outH;  // 0: not checked
+};
 
-    CQRBImageDecoder at300(path.c_str(), 300, 200, 0, false);
-    EXPECT_EQ(CQRBImageDecoder::kTypeExif, at300.m_GetThumbnailType());
-    EXPECT_EQ(300u, at300.GetOutputWidth());
-    EXPECT_EQ(225u, at300.GetOutputHeight());  // the thumbnail's 4:3 covering 300 x 200
+void PrintTo(const SourceCase& c, std::ostream* os) {
+    *os << c.w << "x" << c.h << " thumb " << c.thumbW << " large " << c.largeW << " at " << c.reqW
+        << "x" << c.reqH << (c.forceFull ? " forced" : "");
 }
 
-TEST_F(ImageDecoderTest, PictureSmallEnoughIsDecodedWhole) {
-    const std::string path = BigPhotoHeaders(500, 400, 160, 120);
-    CQRBImageDecoder decoder(path.c_str(), 320, 240, 0, false);
-    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
-    EXPECT_EQ(320u, decoder.GetOutputWidth());
-    EXPECT_EQ(256u, decoder.GetOutputHeight());
+class ImageDecoderSourceTest : public ImageDecoderTest,
+                               public ::testing::WithParamInterface<SourceCase> {};
+
+TEST_P(ImageDecoderSourceTest, ChoosesTheSourceAndOutputSize) {
+    const SourceCase c = GetParam();
+    JpegSpec spec;
+    spec.thumbWidth = c.thumbW;
+    spec.thumbHeight = c.thumbH;
+    spec.largeThumbWidth = c.largeW;
+    spec.largeThumbHeight = c.largeH;
+    const std::string path = Write("big.jpg", WithFrameSize(MakeJpeg(spec), c.w, c.h));
+    CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, c.forceFull);
+    EXPECT_EQ(c.type, decoder.m_GetThumbnailType());
+    EXPECT_TRUE(log.Contains("THUMBNAIL TYPE[" + std::to_string(c.type) + "] RET["));
+    EXPECT_EQ(static_cast<unsigned>(c.thumbW), decoder.GetExifThumbnailWidth());
+    EXPECT_EQ(static_cast<unsigned>(c.largeW), decoder.GetLargeThumbnailWidth());
+    if (c.outW != 0) {
+        EXPECT_EQ(c.outW, decoder.GetOutputWidth());
+        EXPECT_EQ(c.outH, decoder.GetOutputHeight());
+    }
+    if (c.type == CQRBImageDecoder::kTypeTooLarge) {
+        std::vector<unsigned char> out(16);
+        EXPECT_EQ(-1, decoder.ExtractThumbnail(out.data()));
+        EXPECT_TRUE(log.Contains("Read ReadHomePanleThumbnail error! "));
+        EXPECT_TRUE(Decode(path, c.reqW, c.reqH).Empty());
+    }
 }
 
-TEST_F(ImageDecoderTest, LargeThumbnailBesideAnExifOneMeansFullDecode) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120, 640, 480);
-    CQRBImageDecoder decoder(path.c_str(), 400, 300, 0, false);
-    EXPECT_EQ(640u, decoder.GetLargeThumbnailWidth());
-    EXPECT_EQ(480u, decoder.GetLargeThumbnailHeight());
-    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
-    // Under twice the EXIF thumbnail, the EXIF thumbnail wins regardless.
-    EXPECT_EQ(CQRBImageDecoder::kTypeExif,
-              CQRBImageDecoder(path.c_str(), 200, 150, 0, false).m_GetThumbnailType());
-}
+constexpr auto kExif = CQRBImageDecoder::kTypeExif;
+constexpr auto kLarge = CQRBImageDecoder::kTypeLarge;
+constexpr auto kFull = CQRBImageDecoder::kTypeFullDecoding;
 
-TEST_F(ImageDecoderTest, LargeThumbnailAloneServesRequestsUnderTwiceItsSize) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 0, 0, 640, 480);
-    CQRBImageDecoder near(path.c_str(), 1279, 959, 0, false);
-    EXPECT_EQ(CQRBImageDecoder::kTypeLarge, near.m_GetThumbnailType());
-    EXPECT_EQ(1279u, near.GetOutputWidth());
-    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding,
-              CQRBImageDecoder(path.c_str(), 1280, 960, 0, false).m_GetThumbnailType());
-}
-
-TEST_F(ImageDecoderTest, ForceFullSkipsEveryEmbeddedThumbnail) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120, 640, 480);
-    CQRBImageDecoder decoder(path.c_str(), 160, 120, 0, true);
-    EXPECT_EQ(CQRBImageDecoder::kTypeFullDecoding, decoder.m_GetThumbnailType());
-    EXPECT_EQ(160u, decoder.GetOutputWidth());
-}
-
-TEST_F(ImageDecoderTest, RequestsAbove4096BothWaysAreRefused) {
-    const std::string path = BigPhotoHeaders(4000, 3000, 160, 120);
-    CQRBImageDecoder decoder(path.c_str(), 5000, 5000, 0, false);
-    EXPECT_EQ(CQRBImageDecoder::kTypeTooLarge, decoder.m_GetThumbnailType());
-    std::vector<unsigned char> out(16);
-    EXPECT_EQ(-1, decoder.ExtractThumbnail(out.data()));
-    EXPECT_TRUE(log.Contains("Read ReadHomePanleThumbnail error! "));
-    EXPECT_TRUE(Decode(path, 5000, 5000).Empty());
-    // One direction above 4096 is still a request.
-    EXPECT_NE(CQRBImageDecoder::kTypeTooLarge,
-              CQRBImageDecoder(path.c_str(), 4097, 100, 0, false).m_GetThumbnailType());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Sources, ImageDecoderSourceTest,
+    ::testing::Values(
+        // The small EXIF thumbnail is taken even at or above twice its size when nothing
+        // else qualifies; the output covers the request with the thumbnail's aspect.
+        SourceCase{4000, 3000, 160, 120, 0, 0, 320, 240, false, kExif, 320, 240},
+        SourceCase{4000, 3000, 160, 120, 0, 0, 300, 200, false, kExif, 300, 225},
+        // A picture under twice the request is decoded whole.
+        SourceCase{500, 400, 160, 120, 0, 0, 320, 240, false, kFull, 320, 256},
+        // A large thumbnail beside an EXIF one means a full decode, unless the request is under
+        // twice the EXIF thumbnail.
+        SourceCase{4000, 3000, 160, 120, 640, 480, 400, 300, false, kFull, 0, 0},
+        SourceCase{4000, 3000, 160, 120, 640, 480, 200, 150, false, kExif, 0, 0},
+        // A large thumbnail alone serves requests under twice its size.
+        SourceCase{4000, 3000, 0, 0, 640, 480, 1279, 959, false, kLarge, 1279, 959},
+        SourceCase{4000, 3000, 0, 0, 640, 480, 1280, 960, false, kFull, 0, 0},
+        // Forcing a full decode skips every embedded thumbnail.
+        SourceCase{4000, 3000, 160, 120, 640, 480, 160, 120, true, kFull, 160, 120},
+        // Requests above 4096 both ways are refused; one way above is still a request.
+        SourceCase{4000, 3000, 160, 120, 0, 0, 5000, 5000, false, CQRBImageDecoder::kTypeTooLarge,
+                   0, 0},
+        SourceCase{4000, 3000, 160, 120, 0, 0, 4097, 100, false, kExif, 0, 0}));
 
 TEST_F(ImageDecoderTest, ZeroRequestTakesThePicturesOwnSize) {
     const std::string path = WriteJpeg("own.jpg", JpegSpec{});

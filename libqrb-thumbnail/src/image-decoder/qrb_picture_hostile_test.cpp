@@ -5,17 +5,18 @@
 // under, plus, for a progressive JPEG, the whole-picture coefficients it declares (which the
 // decoder accepts up to 384 MiB); the parent checks the outcome. This bounds memory, not
 // speed: no timing is asserted (an alarm only turns a hang into a failure).
+#include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_test_support.h"
 
 #include "qrb_test_jpeg_writer.h"
+#include "qrb_test_picture.h"
 
 #include <gtest/gtest.h>
-#include <png.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csetjmp>
+#include <functional>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -34,7 +35,6 @@
 
 namespace {
 
-using qrbpicturetest::Decode;
 using qrbpicturetest::PngChunk;
 using qrbpicturetest::PngWithHeader;
 using qrbpicturetest::ScratchDir;
@@ -145,67 +145,34 @@ std::string EndlessScans(int copies, bool progressive) {
     return out + bytes.substr(eoi);
 }
 
-// A genuine large PNG, written row by row with libpng (fast compression, a few colours).
-struct PngJob {
-    png_structp png;
-    png_infop info;
-    std::string* out;
-    std::vector<png_byte>* row;
-    uint32_t w;
-    uint32_t h;
-};
-void Append(png_structp png, png_bytep data, png_size_t n) {
-    static_cast<std::string*>(png_get_io_ptr(png))->append(reinterpret_cast<const char*>(data), n);
-}
-void NoFlush(png_structp) {}
-void PngFail(png_structp png, png_const_charp) { png_longjmp(png, 1); }
-bool GuardedLargePng(PngJob* job) {
-    if (setjmp(png_jmpbuf(job->png))) return false;
-    png_set_write_fn(job->png, job->out, Append, NoFlush);
-    png_set_compression_level(job->png, 1);
-    png_set_IHDR(job->png, job->info, job->w, job->h, 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(job->png, job->info);
-    for (uint32_t y = 0; y < job->h; ++y) {
-        png_byte* p = job->row->data();
-        for (uint32_t x = 0; x < job->w; ++x, p += 3) {
-            p[0] = x < job->w / 2 ? 255 : 0;
-            p[1] = y < job->h / 2 ? 255 : 0;
-            p[2] = 64;
-        }
-        png_write_row(job->png, job->row->data());
-    }
-    png_write_end(job->png, nullptr);
-    return true;
-}
+// A genuine large PNG (fast compression, a few colours).
 std::string LargePng(uint32_t w, uint32_t h) {
-    std::string out;
-    std::vector<png_byte> row(static_cast<size_t>(w) * 3);
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, PngFail, nullptr);
-    png_infop info = png_create_info_struct(png);
-    PngJob job{png, info, &out, &row, w, h};
-    const bool ok = GuardedLargePng(&job);
-    png_destroy_write_struct(&png, &info);
-    return ok ? out : std::string();
+    qrbtest::PngSpec spec;
+    spec.width = w;
+    spec.height = h;
+    spec.compression = 1;
+    spec.pixel = [w, h](uint32_t x, uint32_t y, uint16_t* s) {
+        s[0] = x < w / 2 ? 255 : 0;
+        s[1] = y < h / 2 ? 255 : 0;
+        s[2] = 64;
+    };
+    return qrbtest::MakePng(spec);
 }
-
-std::string Le16(uint32_t v) {
-    return std::string{static_cast<char>(v), static_cast<char>(v >> 8)};
-}
-std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
 
 // A BMP info header declaring w x h at bpp with the given compression and data.
 std::string BmpOver(int32_t w, int32_t h, uint32_t bpp, uint32_t compression,
                     const std::string& data) {
+    using qrbtest::LittleEndian;
     std::string palette;
-    if (bpp <= 8) {
-        for (uint32_t i = 0; i < (1u << bpp); ++i) palette += Le32(i * 0x010101u);
-    }
+    for (uint32_t i = 0; bpp <= 8 && i < (1u << bpp); ++i)
+        palette += LittleEndian(i * 0x010101u, 4);
     const uint32_t offset = 14 + 40 + static_cast<uint32_t>(palette.size());
-    std::string header = Le32(40) + Le32(static_cast<uint32_t>(w)) +
-                         Le32(static_cast<uint32_t>(h)) + Le16(1) + Le16(bpp) + Le32(compression) +
-                         Le32(0) + Le32(2835) + Le32(2835) + Le32(0) + Le32(0);
-    return "BM" + Le32(0) + Le32(0) + Le32(offset) + header + palette + data;
+    const std::string header = LittleEndian(40, 4) + LittleEndian(static_cast<uint32_t>(w), 4) +
+                               LittleEndian(static_cast<uint32_t>(h), 4) + LittleEndian(1, 2) +
+                               LittleEndian(bpp, 2) + LittleEndian(compression, 4) +
+                               LittleEndian(0, 4) + LittleEndian(2835, 4) + LittleEndian(2835, 4) +
+                               LittleEndian(0, 8);
+    return "BM" + LittleEndian(0, 8) + LittleEndian(offset, 4) + header + palette + data;
 }
 
 std::string Describe(int code) {
@@ -218,115 +185,148 @@ std::string Describe(int code) {
     return s;
 }
 
-class PictureHostileInputTest : public ::testing::Test {
+// One hostile or large file: its bytes (or a fixture's name), the request, what must happen,
+// and the whole-picture coefficients a progressive file declares, allowed on top of the bound.
+struct HostileCase {
+    const char* name;
+    std::function<std::string()> bytes;  // null: name is a fixture of make_picture_fixtures.sh
+    Expect expect;
+    int w = 320;
+    int h = 240;
+    long coefficientMiB = 0;
+};
+
+void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
+
+class PictureHostileInputTest : public ::testing::TestWithParam<HostileCase> {
 protected:
-    // coefficientMiB: the whole-picture coefficients a progressive file declares, allowed on
-    // top of the bound.
-    void Check(const std::string& name, const std::string& bytes, Expect expect, int w = 320,
-               int h = 240, long coefficientMiB = 0) {
-        ASSERT_FALSE(bytes.empty()) << name;
-        CheckFile(name, "file://" + scratch.Write(name, bytes), expect, w, h, coefficientMiB);
-    }
-    void CheckFile(const std::string& name, const std::string& url, Expect expect, int w, int h,
-                   long coefficientMiB) {
-        long growthKb = -1;
-        long peakKb = -1;
-        const int code =
-            DecodeInChild(url, w, h, expect, coefficientMiB * 1024, &growthKb, &peakKb);
-        EXPECT_EQ(0, code) << name << ":" << Describe(code) << " (growth " << growthKb
-                           << " KiB, peak " << peakKb << " KiB)";
-        std::printf("%-28s resident growth %ld KiB, peak %ld KiB\n", name.c_str(), growthKb,
-                    peakKb);
-    }
     ScratchDir scratch;
 };
 
-TEST_F(PictureHostileInputTest, HugePngHeadersOverJunk) {
-    const std::string junk = PngChunk("IDAT", std::string(4096, '\x33')) + PngChunk("IEND", "");
-    Check("png-30000.png", PngWithHeader(30000, 30000, junk), Expect::kFails);
-    // Under the pixel bound (100 megapixels), the junk fails the first row.
-    Check("png-10000.png", PngWithHeader(10000, 10000, junk), Expect::kFails);
-    // Valid compressed data that stops after a few rows.
-    const std::string few = LargePng(10000, 8);
-    const size_t ihdrEnd = 8 + 25;
-    Check("png-short-data.png", PngWithHeader(10000, 10000, few.substr(ihdrEnd)), Expect::kFails);
-}
-
-TEST_F(PictureHostileInputTest, GenuineLargePngIsReducedNotHeldWhole) {
-    // 8000 x 6000: 183 MiB as one ARGB raster, which the decoder must never allocate.
-    const std::string png = LargePng(8000, 6000);
-    Check("png-large.png", png, Expect::kDecodes);
-    // Even for a 4096 x 3072 output (48 MiB), the planes stay within their own bound.
-    Check("png-large-big-output.png", png, Expect::kDecodes, 4096, 3072);
-}
-
-TEST_F(PictureHostileInputTest, HugeBmpHeaders) {
-    Check("bmp-30000.bmp", BmpOver(30000, 30000, 24, 0, std::string(64, '\x10')), Expect::kFails);
-    Check("bmp-30000-topdown.bmp", BmpOver(30000, -30000, 32, 0, std::string(64, '\x10')),
-          Expect::kFails);
-    // Run-length data can declare a big picture in a few bytes: decoded (mostly black), quickly.
-    const std::string rle = std::string("\x05\x07\x00\x00\x00\x02\xFF\xFF\x05\x07\x00\x01", 12);
-    Check("bmp-rle-16000.bmp", BmpOver(16000, 16000, 8, 1, rle), Expect::kDecodes);
-    Check("bmp-3000000.bmp", BmpOver(3000000, 2000000, 24, 0, ""), Expect::kFails);
-}
-
-TEST_F(PictureHostileInputTest, HugeJpegFramesOverJunk) {
-    Check("jpeg-65500.jpg", JpegOverJunk(65500, 65500, false, 4096), Expect::kFails);
-    Check("jpeg-65500-progressive.jpg", JpegOverJunk(65500, 65500, true, 4096), Expect::kFails);
-    // Whole-picture coefficients of 16000 x 16000 at 4:2:0 would take 732 MiB: refused up
-    // front. Those of 8000 x 8000 (184 MiB) are allowed: libjpeg works through the junk.
-    Check("jpeg-16000-progressive.jpg", JpegOverJunk(16000, 16000, true, 4096), Expect::kFails);
-    Check("jpeg-8000-progressive.jpg", JpegOverJunk(8000, 8000, true, 4096), Expect::kEither, 320,
-          240, 184);
-    // Inside every bound: libjpeg works through the junk, with warnings, and gives up or not.
-    Check("jpeg-12000-junk.jpg", JpegOverJunk(12000, 9000, false, 1 << 16), Expect::kEither);
-}
-
-TEST_F(PictureHostileInputTest, GenuineProgressiveJpegsTakeNoMoreThanTheirCoefficients) {
-    // testdata/make_picture_fixtures.sh; the coefficients, 128 bytes a block, MCU-rounded.
-    const struct {
-        const char* file;
-        long coefficientMiB;
-    } fixtures[] = {
-        {"progressive_444_4000x3000.jpg", 69},   // 3 x 500 x 375 blocks
-        {"progressive_422_6000x4000.jpg", 92},   // 750 x 500 + 2 x 375 x 500
-        {"progressive_420_6000x4000.jpg", 69},   // 750 x 500 + 2 x 375 x 250
-        {"progressive_444_8688x5792.jpg", 288},  // 3 x 1086 x 724
-    };
-    for (const auto& f : fixtures) {
-        CheckFile(f.file, std::string("file://") + QRB_PICTURE_FIXTURE_DIR + "/" + f.file,
-                  Expect::kDecodes, 320, 240, f.coefficientMiB);
+TEST_P(PictureHostileInputTest, StaysWithinTheMemoryBoundAndEndsAsExpected) {
+    const HostileCase& c = GetParam();
+    std::string url = std::string("file://") + QRB_PICTURE_FIXTURE_DIR + "/" + c.name;
+    if (c.bytes) {
+        const std::string bytes = c.bytes();
+        ASSERT_FALSE(bytes.empty());
+        url = "file://" + scratch.Write(c.name, bytes);
     }
+    long growthKb = -1;
+    long peakKb = -1;
+    const int code =
+        DecodeInChild(url, c.w, c.h, c.expect, c.coefficientMiB * 1024, &growthKb, &peakKb);
+    EXPECT_EQ(0, code) << Describe(code) << " (growth " << growthKb << " KiB, peak " << peakKb
+                       << " KiB)";
+    std::printf("%-28s resident growth %ld KiB, peak %ld KiB\n", c.name, growthKb, peakKb);
 }
 
-TEST_F(PictureHostileInputTest, JpegsWithThousandsOfScans) {
-    Check("jpeg-5000-progressive.jpg", EndlessScans(5000, true), Expect::kFails, 16, 16);
-    Check("jpeg-5000-sequential.jpg", EndlessScans(5000, false), Expect::kFails, 16, 16);
-    // A few hundred legal scans are let through.
-    Check("jpeg-500-sequential.jpg", EndlessScans(500, false), Expect::kDecodes, 16, 16);
-}
+std::string PngJunk() { return PngChunk("IDAT", std::string(4096, '\x33')) + PngChunk("IEND", ""); }
 
-TEST_F(PictureHostileInputTest, TruncatedMalformedAndCyclicFiles) {
+// A 640 x 480 JPEG with an 80 x 60 EXIF thumbnail, for cuts and patches.
+std::string PhotoWithThumb() {
     JpegSpec spec;
     spec.width = 640;
     spec.height = 480;
     spec.thumbWidth = 80;
     spec.thumbHeight = 60;
-    const std::string jpeg = MakeJpeg(spec);
-    for (size_t cut : {size_t{3}, size_t{40}, jpeg.size() / 3, jpeg.size() - 2}) {
-        Check("jpeg-cut-" + std::to_string(cut) + ".jpg", jpeg.substr(0, cut), Expect::kEither);
-    }
-    // A zero-length marker right after SOI.
-    Check("jpeg-zero-marker.jpg", std::string("\xFF\xD8\xFF\xE0\x00\x00", 6) + jpeg.substr(2),
-          Expect::kFails);
-    // IFD0 (no entries here) linking to itself: no thumbnail, the picture is decoded.
-    std::string cyclic = jpeg;
-    const size_t tiff = cyclic.find("Exif") + 6;
-    cyclic[tiff + 10] = 8;  // little-endian link right after IFD0's entry count
-    Check("jpeg-ifd-cycle.jpg", cyclic, Expect::kDecodes, 64, 48);
-    // PNG and BMP cut short.
-    Check("png-cut.png", LargePng(300, 200).substr(0, 500), Expect::kFails);
-    Check("bmp-cut.bmp", BmpOver(300, 200, 24, 0, std::string(1000, '\x40')), Expect::kFails);
+    return MakeJpeg(spec);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, PictureHostileInputTest,
+    ::testing::Values(
+        HostileCase{"png-30000.png", [] { return PngWithHeader(30000, 30000, PngJunk()); },
+                    Expect::kFails},
+        // Under the pixel bound (100 megapixels), the junk fails the first row.
+        HostileCase{"png-10000.png", [] { return PngWithHeader(10000, 10000, PngJunk()); },
+                    Expect::kFails},
+        // Valid compressed data that stops after a few rows.
+        HostileCase{"png-short-data.png",
+                    [] { return PngWithHeader(10000, 10000, LargePng(10000, 8).substr(8 + 25)); },
+                    Expect::kFails},
+        // 8000 x 6000: 183 MiB as one ARGB raster, which the decoder must never allocate; even
+        // for a 4096 x 3072 output (48 MiB) the planes stay within their own bound.
+        HostileCase{"png-large.png", [] { return LargePng(8000, 6000); }, Expect::kDecodes},
+        HostileCase{"png-large-big-output.png", [] { return LargePng(8000, 6000); },
+                    Expect::kDecodes, 4096, 3072},
+        HostileCase{"bmp-30000.bmp",
+                    [] { return BmpOver(30000, 30000, 24, 0, std::string(64, '\x10')); },
+                    Expect::kFails},
+        HostileCase{"bmp-30000-topdown.bmp",
+                    [] { return BmpOver(30000, -30000, 32, 0, std::string(64, '\x10')); },
+                    Expect::kFails},
+        // Run-length data can declare a big picture in a few bytes: decoded (mostly black).
+        HostileCase{"bmp-rle-16000.bmp",
+                    [] {
+                        return BmpOver(16000, 16000, 8, 1,
+                                       std::string("\x05\x07\0\0\0\x02\xFF\xFF\x05\x07\0\x01", 12));
+                    },
+                    Expect::kDecodes},
+        HostileCase{"bmp-3000000.bmp", [] { return BmpOver(3000000, 2000000, 24, 0, ""); },
+                    Expect::kFails},
+        HostileCase{"jpeg-65500.jpg", [] { return JpegOverJunk(65500, 65500, false, 4096); },
+                    Expect::kFails},
+        HostileCase{"jpeg-65500-progressive.jpg",
+                    [] { return JpegOverJunk(65500, 65500, true, 4096); }, Expect::kFails},
+        // Whole-picture coefficients of 16000 x 16000 at 4:2:0 would take 732 MiB: refused up
+        // front. Those of 8000 x 8000 (184 MiB) are allowed: libjpeg works through the junk.
+        HostileCase{"jpeg-16000-progressive.jpg",
+                    [] { return JpegOverJunk(16000, 16000, true, 4096); }, Expect::kFails},
+        HostileCase{"jpeg-8000-progressive.jpg",
+                    [] { return JpegOverJunk(8000, 8000, true, 4096); }, Expect::kEither, 320, 240,
+                    184},
+        // Inside every bound: libjpeg works through the junk, with warnings.
+        HostileCase{"jpeg-12000-junk.jpg", [] { return JpegOverJunk(12000, 9000, false, 1 << 16); },
+                    Expect::kEither},
+        // Genuine progressive photos; the coefficients, 128 bytes a block, MCU-rounded.
+        HostileCase{"progressive_444_4000x3000.jpg", nullptr, Expect::kDecodes, 320, 240,
+                    69},  // 3 x 500 x 375 blocks
+        HostileCase{"progressive_422_6000x4000.jpg", nullptr, Expect::kDecodes, 320, 240,
+                    92},  // 750 x 500 + 2 x 375 x 500
+        HostileCase{"progressive_420_6000x4000.jpg", nullptr, Expect::kDecodes, 320, 240,
+                    69},  // 750 x 500 + 2 x 375 x 250
+        HostileCase{"progressive_444_8688x5792.jpg", nullptr, Expect::kDecodes, 320, 240,
+                    288},  // 3 x 1086 x 724
+        // Thousands of scans are refused; a few hundred legal ones are let through.
+        HostileCase{"jpeg-5000-progressive.jpg", [] { return EndlessScans(5000, true); },
+                    Expect::kFails, 16, 16},
+        HostileCase{"jpeg-5000-sequential.jpg", [] { return EndlessScans(5000, false); },
+                    Expect::kFails, 16, 16},
+        HostileCase{"jpeg-500-sequential.jpg", [] { return EndlessScans(500, false); },
+                    Expect::kDecodes, 16, 16},
+        HostileCase{"jpeg-cut-3.jpg", [] { return PhotoWithThumb().substr(0, 3); },
+                    Expect::kEither},
+        HostileCase{"jpeg-cut-40.jpg", [] { return PhotoWithThumb().substr(0, 40); },
+                    Expect::kEither},
+        HostileCase{"jpeg-cut-third.jpg",
+                    [] {
+                        const std::string j = PhotoWithThumb();
+                        return j.substr(0, j.size() / 3);
+                    },
+                    Expect::kEither},
+        HostileCase{"jpeg-cut-before-eoi.jpg",
+                    [] {
+                        const std::string j = PhotoWithThumb();
+                        return j.substr(0, j.size() - 2);
+                    },
+                    Expect::kEither},
+        // A zero-length marker right after SOI.
+        HostileCase{
+            "jpeg-zero-marker.jpg",
+            [] { return std::string("\xFF\xD8\xFF\xE0\0\0", 6) + PhotoWithThumb().substr(2); },
+            Expect::kFails},
+        // IFD0 (no entries here) linking to itself: no thumbnail, the picture is decoded.
+        HostileCase{"jpeg-ifd-cycle.jpg",
+                    [] {
+                        std::string j = PhotoWithThumb();
+                        j[j.find("Exif") + 6 + 10] = 8;  // the link right after IFD0's count
+                        return j;
+                    },
+                    Expect::kDecodes, 64, 48},
+        HostileCase{"png-cut.png", [] { return LargePng(300, 200).substr(0, 500); },
+                    Expect::kFails},
+        HostileCase{"bmp-cut.bmp",
+                    [] { return BmpOver(300, 200, 24, 0, std::string(1000, '\x40')); },
+                    Expect::kFails}));
 
 }  // namespace

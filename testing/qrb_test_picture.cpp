@@ -1,0 +1,237 @@
+#include "qrb_test_picture.h"
+
+#include "image-decoder/qrb_image_processor.h"
+#include "qrb_test_files.h"
+
+#include <csetjmp>
+#include <cstdlib>
+#include <cstring>
+
+namespace qrbtest {
+
+Raster DecodePicture(const std::string& url, int width, int height, bool forceFull,
+                     bool decoderFlags) {
+    qrb_picture_thumb_param param;
+    param.path = url.c_str();
+    param.width = width;
+    param.height = height;
+    param.forceFull = forceFull;
+    param.bModeFlag = decoderFlags ? 1 : 0;
+    param.bDecoderFlag = decoderFlags ? 1 : 0;
+    Raster r;
+    unsigned char* buffer = CQRBImageProcessor::GetThumbnailBuffer(url.c_str(), param, &r.width,
+                                                                   &r.height, &r.orientation);
+    if (buffer != nullptr) {
+        r.pixels.assign(buffer, buffer + static_cast<size_t>(r.width) * r.height * 4);
+        std::free(buffer);  // the decoder's raster is the caller's to free
+    }
+    return r;
+}
+
+Raster RasterOf(const CQRBThumbImage& image) {
+    Raster r;
+    r.width = image.GetWidth();
+    r.height = image.GetHeight();
+    r.pixels.assign(image.GetBuffer(),
+                    image.GetBuffer() + static_cast<size_t>(r.width) * r.height * 4);
+    return r;
+}
+
+Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item) {
+    if (!item || item->GetImages().size() != 1 || !item->GetImages()[0]) return Raster();
+    return RasterOf(*item->GetImages()[0]);
+}
+
+Raster RasterOf(const std::string& bytes, int width, int height) {
+    Raster r;
+    r.width = width;
+    r.height = height;
+    r.pixels.assign(bytes.begin(), bytes.end());
+    return r;
+}
+
+Raster CropCentre(const Raster& in, int width, int height) {
+    if (width <= 0 || height <= 0 || width > in.width || height > in.height) return in;
+    Raster out;
+    out.width = width;
+    out.height = height;
+    const int x0 = (in.width - width) / 2;
+    const int y0 = (in.height - height) / 2;
+    for (int y = 0; y < height; ++y) {
+        const uint8_t* row = in.At(x0, y0 + y);
+        out.pixels.insert(out.pixels.end(), row, row + static_cast<size_t>(width) * 4);
+    }
+    return out;
+}
+
+// ---- PNG writing
+
+namespace {
+
+void AppendData(png_structp png, png_bytep data, png_size_t length) {
+    static_cast<std::string*>(png_get_io_ptr(png))
+        ->append(reinterpret_cast<const char*>(data), length);
+}
+void FlushData(png_structp) {}
+void WriteError(png_structp png, png_const_charp message) {
+    ADD_FAILURE() << "libpng write: " << message;
+    png_longjmp(png, 1);
+}
+
+// Packs one row of raw samples at the file's bit depth (every step-th pixel from x0).
+void PackRow(const PngSpec& spec, uint32_t y, uint32_t x0, uint32_t step,
+             std::vector<png_byte>* row) {
+    const int channels = PngChannels(spec.colorType);
+    const int depth = spec.bitDepth;
+    row->assign(static_cast<size_t>(spec.width) * channels * 2 + 8, 0);
+    size_t bit = 0;
+    for (uint32_t x = x0; x < spec.width; x += step) {
+        uint16_t s[4] = {0, 0, 0, 0};
+        spec.pixel(x, y, s);
+        for (int c = 0; c < channels; ++c, bit += depth) {
+            if (depth == 16) {
+                (*row)[bit / 8] = static_cast<png_byte>(s[c] >> 8);
+                (*row)[bit / 8 + 1] = static_cast<png_byte>(s[c] & 0xFF);
+            } else {
+                (*row)[bit / 8] |= static_cast<png_byte>(s[c] << (8 - depth - bit % 8));
+            }
+        }
+    }
+}
+
+struct WriteJob {
+    png_structp png;
+    png_infop info;
+    const PngSpec* spec;
+    std::string* out;
+    std::vector<png_byte>* row;
+};
+
+// The only frame with a jump target; it holds no destructor.
+bool GuardedWrite(WriteJob* job) {
+    if (setjmp(png_jmpbuf(job->png))) return false;
+    const PngSpec& spec = *job->spec;
+    png_set_write_fn(job->png, job->out, AppendData, FlushData);
+    png_set_compression_level(job->png, spec.compression);
+    png_set_IHDR(job->png, job->info, spec.width, spec.height, spec.bitDepth, spec.colorType,
+                 spec.interlace ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    if (!spec.palette.empty()) {
+        png_set_PLTE(job->png, job->info, spec.palette.data(),
+                     static_cast<int>(spec.palette.size()));
+    }
+    if (!spec.paletteAlpha.empty()) {
+        png_set_tRNS(job->png, job->info, spec.paletteAlpha.data(),
+                     static_cast<int>(spec.paletteAlpha.size()), nullptr);
+    } else if (spec.colorKey) {
+        png_set_tRNS(job->png, job->info, nullptr, 0, &spec.key);
+    }
+    png_write_info(job->png, job->info);
+    const int passes = spec.interlace ? 7 : 1;
+    for (int pass = 0; pass < passes; ++pass) {
+        // An interlaced pass row holds only that pass's pixels, packed.
+        if (spec.interlace && PNG_PASS_COLS(spec.width, pass) == 0) continue;
+        const uint32_t rows = spec.interlace ? PNG_PASS_ROWS(spec.height, pass) : spec.height;
+        for (uint32_t r = 0; r < rows; ++r) {
+            if (spec.interlace) {
+                PackRow(spec, PNG_ROW_FROM_PASS_ROW(r, pass), PNG_PASS_START_COL(pass),
+                        1u << PNG_PASS_COL_SHIFT(pass), job->row);
+            } else {
+                PackRow(spec, r, 0, 1, job->row);
+            }
+            png_write_row(job->png, job->row->data());
+        }
+    }
+    png_write_end(job->png, nullptr);
+    return true;
+}
+
+uint32_t Crc32(const std::string& bytes) {
+    uint32_t crc = 0xFFFFFFFFu;
+    for (unsigned char b : bytes) {
+        crc ^= b;
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    return crc ^ 0xFFFFFFFFu;
+}
+
+}  // namespace
+
+int PngChannels(int colorType) {
+    switch (colorType) {
+        case PNG_COLOR_TYPE_GRAY:
+        case PNG_COLOR_TYPE_PALETTE:
+            return 1;
+        case PNG_COLOR_TYPE_GRAY_ALPHA:
+            return 2;
+        case PNG_COLOR_TYPE_RGB:
+            return 3;
+        default:
+            return 4;
+    }
+}
+
+std::string MakePng(const PngSpec& spec) {
+    std::string out;
+    std::vector<png_byte> row;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, WriteError, nullptr);
+    png_infop info = png_create_info_struct(png);
+    WriteJob job{png, info, &spec, &out, &row};
+    const bool ok = GuardedWrite(&job);
+    png_destroy_write_struct(&png, &info);
+    return ok ? out : std::string();
+}
+
+void PngExpected(const PngSpec& spec, uint32_t x, uint32_t y, uint8_t rgba[4]) {
+    uint16_t s[4] = {0, 0, 0, 0};
+    spec.pixel(x, y, s);
+    const int depth = spec.bitDepth;
+    auto to8 = [depth](uint16_t v) -> uint8_t {
+        if (depth == 16) return static_cast<uint8_t>((v * 255u + 32767u) / 65535u);
+        return static_cast<uint8_t>(v * 255 / ((1 << depth) - 1));
+    };
+    if (spec.colorType == PNG_COLOR_TYPE_PALETTE) {
+        const png_color c = s[0] < spec.palette.size() ? spec.palette[s[0]] : png_color{0, 0, 0};
+        rgba[0] = c.red;
+        rgba[1] = c.green;
+        rgba[2] = c.blue;
+        rgba[3] = s[0] < spec.paletteAlpha.size() ? spec.paletteAlpha[s[0]] : 255;
+        return;
+    }
+    const bool grey = (spec.colorType & PNG_COLOR_MASK_COLOR) == 0;
+    const int alphaAt = grey ? 1 : 3;
+    for (int c = 0; c < 3; ++c) rgba[c] = to8(s[grey ? 0 : c]);
+    const bool keyed = spec.colorKey && (grey ? s[0] == spec.key.gray
+                                              : s[0] == spec.key.red && s[1] == spec.key.green &&
+                                                    s[2] == spec.key.blue);
+    rgba[3] = (spec.colorType & PNG_COLOR_MASK_ALPHA) ? to8(s[alphaAt]) : keyed ? 0 : 255;
+}
+
+bool ReadPng(const std::string& path, Raster* out) {
+    png_image image;
+    std::memset(&image, 0, sizeof(image));
+    image.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
+    image.format = PNG_FORMAT_BGRA;
+    std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(image));
+    if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) {
+        png_image_free(&image);
+        return false;
+    }
+    out->width = static_cast<int>(image.width);
+    out->height = static_cast<int>(image.height);
+    out->pixels.swap(pixels);
+    return true;
+}
+
+std::string PngChunk(const std::string& type, const std::string& data) {
+    return BigEndian(data.size(), 4) + type + data + BigEndian(Crc32(type + data), 4);
+}
+
+std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest) {
+    const std::string ihdr =
+        BigEndian(width, 4) + BigEndian(height, 4) + std::string("\x08\x02\0\0\0", 5);
+    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + rest;
+}
+
+}  // namespace qrbtest

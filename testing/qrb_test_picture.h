@@ -1,0 +1,72 @@
+// Pictures for tests: rasters as the library makes them (bytes blue, green, red, alpha), the
+// picture decoder's output as an owned raster, PNG files written and read with libpng, and
+// hand-assembled PNG chunks for hostile files.
+#ifndef QRB_TESTING_PICTURE_H
+#define QRB_TESTING_PICTURE_H
+
+#include "qrb_thumbnail_item.h"
+
+#include <png.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qrbtest {
+
+struct Raster {
+    int width = 0;
+    int height = 0;
+    int orientation = -1;  // as the decoder reported it (DecodePicture only)
+    std::vector<uint8_t> pixels;
+
+    bool Empty() const { return pixels.empty(); }
+    const uint8_t* At(int x, int y) const {
+        return pixels.data() + (static_cast<size_t>(y) * width + x) * 4;
+    }
+    std::string Bytes() const { return std::string(pixels.begin(), pixels.end()); }
+};
+
+// CQRBImageProcessor::GetThumbnailBuffer on url (the library's buffer is freed). decoderFlags
+// sets bModeFlag and bDecoderFlag, as the getters other than picture mode 1 ask.
+Raster DecodePicture(const std::string& url, int width, int height, bool forceFull = false,
+                     bool decoderFlags = false);
+// A copy of an image's pixels; of an item's only image (empty for no item or several images).
+Raster RasterOf(const CQRBThumbImage& image);
+Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item);
+// Pixels of a result buffer of width x height.
+Raster RasterOf(const std::string& bytes, int width, int height);
+// The centre width x height of a raster (the raster itself when it is not larger both ways).
+Raster CropCentre(const Raster& in, int width, int height);
+
+// A PNG file written with libpng.
+struct PngSpec {
+    uint32_t width = 13;
+    uint32_t height = 11;
+    int colorType = PNG_COLOR_TYPE_RGB;
+    int bitDepth = 8;
+    bool interlace = false;
+    int compression = 6;
+    std::vector<png_color> palette;
+    std::vector<png_byte> paletteAlpha;  // tRNS of a palette
+    bool colorKey = false;               // tRNS of grey or RGB
+    png_color_16 key{};
+    // Raw samples of pixel (x, y) at the file's depth: grey, RGB or an index, then alpha.
+    std::function<void(uint32_t x, uint32_t y, uint16_t* samples)> pixel;
+};
+int PngChannels(int colorType);
+std::string MakePng(const PngSpec& spec);
+// What a reader must make of pixel (x, y) of spec: 8-bit RGBA after libpng's expansion.
+void PngExpected(const PngSpec& spec, uint32_t x, uint32_t y, uint8_t rgba[4]);
+// A file read with libpng's simplified API, in the decoder's byte order.
+bool ReadPng(const std::string& path, Raster* out);
+
+// One PNG chunk with a correct checksum; a signature and an 8-bit RGB header of the given
+// size followed by rest.
+std::string PngChunk(const std::string& type, const std::string& data);
+std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest);
+
+}  // namespace qrbtest
+
+#endif
