@@ -28,6 +28,10 @@
 
 #pragma GCC visibility push(hidden)
 extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+#include <libavutil/display.h>
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
@@ -44,6 +48,7 @@ extern "C" {
 #define AvCodec QRB_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR)
 #define AvFormat QRB_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR)
 #define SwScale QRB_SONAME("swscale", LIBSWSCALE_VERSION_MAJOR)
+#define AvFilter QRB_SONAME("avfilter", LIBAVFILTER_VERSION_MAJOR)
 
 namespace {
 
@@ -87,6 +92,20 @@ QRB_FORWARD(AvUtil, int, av_image_get_buffer_size,
 QRB_FORWARD(AvUtil, const AVPixFmtDescriptor*, av_pix_fmt_desc_get, (enum AVPixelFormat pix_fmt),
             (pix_fmt))
 QRB_FORWARD(AvUtil, int64_t, av_rescale_q, (int64_t a, AVRational bq, AVRational cq), (a, bq, cq))
+QRB_FORWARD(AvUtil, int64_t, av_rescale, (int64_t a, int64_t b, int64_t c), (a, b, c))
+QRB_FORWARD(AvUtil, char*, av_strdup, (const char* s), (s))
+QRB_FORWARD(AvUtil, AVFrame*, av_frame_clone, (const AVFrame* src), (src))
+QRB_FORWARD(AvUtil, void, av_frame_unref, (AVFrame * frame), (frame))
+QRB_FORWARD(AvUtil, void, av_frame_move_ref, (AVFrame * dst, AVFrame* src), (dst, src))
+QRB_FORWARD(AvUtil, int, av_frame_get_buffer, (AVFrame * frame, int align), (frame, align))
+QRB_FORWARD(AvUtil, int, av_frame_make_writable, (AVFrame * frame), (frame))
+QRB_FORWARD(AvUtil, AVFrameSideData*, av_frame_get_side_data,
+            (const AVFrame* frame, enum AVFrameSideDataType type), (frame, type))
+QRB_FORWARD(AvUtil, void, av_image_copy_plane,
+            (uint8_t * dst, int dst_linesize, const uint8_t* src, int src_linesize, int bytewidth,
+             int height),
+            (dst, dst_linesize, src, src_linesize, bytewidth, height))
+QRB_FORWARD(AvUtil, double, av_display_rotation_get, (const int32_t matrix[9]), (matrix))
 
 QRB_FORWARD(AvCodec, int, av_new_packet, (AVPacket * pkt, int size), (pkt, size))
 QRB_FORWARD(AvCodec, AVPacket*, av_packet_alloc, (void), ())
@@ -118,6 +137,10 @@ QRB_FORWARD(AvFormat, int, av_seek_frame,
             (AVFormatContext * s, int stream_index, int64_t timestamp, int flags),
             (s, stream_index, timestamp, flags))
 QRB_FORWARD(AvFormat, AVFormatContext*, avformat_alloc_context, (void), ())
+QRB_FORWARD(AvFormat, uint8_t*, av_stream_get_side_data,
+            (const AVStream* stream, enum AVPacketSideDataType type, size_t* size),
+            (stream, type, size))
+QRB_FORWARD(AvFormat, int64_t, avio_size, (AVIOContext * s), (s))
 QRB_FORWARD(AvFormat, void, avformat_close_input, (AVFormatContext * *s), (s))
 QRB_FORWARD(AvFormat, int, avformat_find_stream_info, (AVFormatContext * ic, AVDictionary** options),
             (ic, options))
@@ -136,3 +159,33 @@ QRB_FORWARD(SwScale, int, sws_scale,
             (struct SwsContext * c, const uint8_t* const srcSlice[], const int srcStride[],
              int srcSliceY, int srcSliceH, uint8_t* const dst[], const int dstStride[]),
             (c, srcSlice, srcStride, srcSliceY, srcSliceH, dst, dstStride))
+QRB_FORWARD(SwScale, const int*, sws_getCoefficients, (int colorspace), (colorspace))
+QRB_FORWARD(SwScale, int, sws_setColorspaceDetails,
+            (struct SwsContext * c, const int inv_table[4], int srcRange, const int table[4],
+             int dstRange, int brightness, int contrast, int saturation),
+            (c, inv_table, srcRange, table, dstRange, brightness, contrast, saturation))
+
+QRB_FORWARD(AvFilter, AVFilterGraph*, avfilter_graph_alloc, (void), ())
+QRB_FORWARD(AvFilter, void, avfilter_graph_free, (AVFilterGraph * *graph), (graph))
+QRB_FORWARD(AvFilter, const AVFilter*, avfilter_get_by_name, (const char* name), (name))
+QRB_FORWARD(AvFilter, int, avfilter_graph_create_filter,
+            (AVFilterContext * *filt_ctx, const AVFilter* filt, const char* name, const char* args,
+             void* opaque, AVFilterGraph* graph_ctx),
+            (filt_ctx, filt, name, args, opaque, graph_ctx))
+QRB_FORWARD(AvFilter, int, avfilter_link,
+            (AVFilterContext * src, unsigned srcpad, AVFilterContext* dst, unsigned dstpad),
+            (src, srcpad, dst, dstpad))
+QRB_FORWARD(AvFilter, AVFilterInOut*, avfilter_inout_alloc, (void), ())
+QRB_FORWARD(AvFilter, void, avfilter_inout_free, (AVFilterInOut * *inout), (inout))
+QRB_FORWARD(AvFilter, int, avfilter_graph_parse_ptr,
+            (AVFilterGraph * graph, const char* filters, AVFilterInOut** inputs,
+             AVFilterInOut** outputs, void* log_ctx),
+            (graph, filters, inputs, outputs, log_ctx))
+QRB_FORWARD(AvFilter, int, avfilter_graph_config, (AVFilterGraph * graphctx, void* log_ctx),
+            (graphctx, log_ctx))
+QRB_FORWARD(AvFilter, int, av_buffersrc_add_frame, (AVFilterContext * ctx, AVFrame* frame),
+            (ctx, frame))
+QRB_FORWARD(AvFilter, int, av_buffersrc_add_frame_flags,
+            (AVFilterContext * ctx, AVFrame* frame, int flags), (ctx, frame, flags))
+QRB_FORWARD(AvFilter, int, av_buffersink_get_frame, (AVFilterContext * ctx, AVFrame* frame),
+            (ctx, frame))

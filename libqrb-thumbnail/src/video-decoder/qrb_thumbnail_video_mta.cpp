@@ -16,6 +16,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -65,33 +66,12 @@ uint32_t GetU32(const unsigned char* in) {
            (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
 }
 
-// Removes the temporary file unless it was renamed into place.
-class TempFileGuard {
-public:
-    explicit TempFileGuard(std::string path) : m_Path(std::move(path)) {}
-    ~TempFileGuard() {
-        if (!m_Committed) unlink(m_Path.c_str());
-    }
-    TempFileGuard(const TempFileGuard&) = delete;
-    TempFileGuard& operator=(const TempFileGuard&) = delete;
-    void Commit() { m_Committed = true; }
-
-private:
-    std::string m_Path;
-    bool m_Committed = false;
-};
-
-std::string TempNameFor(const std::string& path) {
-    static std::atomic<unsigned> counter{0};
-    char suffix[48];
-    std::snprintf(suffix, sizeof(suffix), ".%d.%u.tmp", static_cast<int>(getpid()), counter++);
-    return path + suffix;
-}
-
+// The file's records, written straight to the descriptor (a few dozen bytes of records and the
+// frames themselves: nothing to gain from buffering).
 class MtaWriter {
 public:
-    explicit MtaWriter(FILE* file) : m_File(file) {}
-    bool Bytes(const void* data, size_t n) { return std::fwrite(data, 1, n, m_File) == n; }
+    explicit MtaWriter(QRBTempFile& file) : m_File(file) {}
+    bool Bytes(const void* data, size_t n) { return m_File.Write(data, n); }
     bool Record(char a, char b, uint32_t value) {
         unsigned char record[6] = {static_cast<unsigned char>(a), static_cast<unsigned char>(b)};
         PutU32(record + 2, value);
@@ -99,13 +79,23 @@ public:
     }
 
 private:
-    FILE* m_File;
+    QRBTempFile& m_File;
 };
 
 }  // namespace
 
 std::string CQRBThumbnailVideoDecoder::m_VideoMtaPath(const std::string& mediaId) {
     return QRBSystemPath(QRB_VIDEO_DIR) + mediaId + ".mta";
+}
+
+bool CQRBThumbnailVideoDecoder::m_CreateBeside(const std::string& path, QRBTempFile& file) {
+    static std::atomic<unsigned> counter{0};
+    return file.Create([&path] {
+        char suffix[48];
+        std::snprintf(suffix, sizeof(suffix), ".%d.%u.tmp", static_cast<int>(getpid()),
+                      counter++);
+        return path + suffix;
+    });
 }
 
 bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
@@ -148,21 +138,12 @@ bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
 
     // Written under a fresh name and renamed into place: a reader never sees half a file, a
     // failure leaves nothing behind, and a link planted at either name is never followed.
-    const std::string temp = TempNameFor(path);
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    QRBTempFile file;
+    if (!m_CreateBeside(path, file)) {
         QRB_LOGW("Failed to create %s  file.\n", path.c_str());
         return false;
     }
-    TempFileGuard guard(temp);
-    ScopedStdioFile file(fdopen(fd, "wb"));
-    if (!file) {
-        close(fd);
-        QRB_LOGW("Failed to create %s  file.\n", path.c_str());
-        return false;
-    }
-
-    MtaWriter out(file.get());
+    MtaWriter out(file);
     const unsigned char countTail[2] = {0, 0};
     bool ok = out.Bytes(kMagic, sizeof(kMagic)) && out.Record('F', 'W', static_cast<uint32_t>(w)) &&
               out.Record('F', 'H', static_cast<uint32_t>(h)) &&
@@ -181,21 +162,15 @@ bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
         ok = out.Bytes(stamp, sizeof(stamp)) && out.Bytes(images[i]->GetBuffer(), frameBytes);
     }
     const unsigned char trailer[2] = {'F', 'E'};
-    ok = ok && out.Bytes(trailer, sizeof(trailer));
-    ok = ok && std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
+    ok = ok && out.Bytes(trailer, sizeof(trailer)) && fsync(file.Fd()) == 0 && file.Close();
     if (!ok) {
         QRB_LOGW("write %s fail\n", path.c_str());
         return false;
     }
-    if (std::fclose(file.release()) != 0) {
-        QRB_LOGW("write %s fail\n", path.c_str());
+    if (!file.RenameTo(path)) {
+        QRB_LOGW("rename to %s fail, errno:%d\n", path.c_str(), file.Error());
         return false;
     }
-    if (rename(temp.c_str(), path.c_str()) != 0) {
-        QRB_LOGW("rename to %s fail, errno:%d\n", path.c_str(), errno);
-        return false;
-    }
-    guard.Commit();
     QRB_LOGD("m_WriteVideoMtaFile end");
     return true;
 }

@@ -357,8 +357,8 @@ TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back().path);
     inputs.push_back({media + "blank-pictures.nut", 0, 0});
     qrbtest::WriteBlankedVideoCopy(oneKey, inputs.back().path);
-    // No container, so no duration (FFmpeg reports none, a negative value).
-    inputs.push_back({VideoFixture("fade_h264_320x240_3s.h264"), -1, 0});
+    // No container, so no duration and no timestamps: sought by bytes, its length estimated.
+    inputs.push_back({VideoFixture("fade_h264_320x240_3s.h264"), 0, 5});
     // A header saying the video lasts nothing: every position is the start.
     const std::string zero = media + "zero-duration.mp4";
     inputs.push_back({zero, 0, 5});
@@ -398,7 +398,7 @@ TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
         EXPECT_EQ(r.count, inputs[i].count) << inputs[i].path;
     }
     EXPECT_EQ(log.Count("ic_ptr pointer is NULL,file:"), 9);
-    EXPECT_EQ(log.Count("duration [-1] error"), 1);
+    EXPECT_FALSE(log.Contains("duration [-1] error")) << "the plug-in measures what is unknown";
     EXPECT_FALSE(log.Contains("duration [0] error"));
     // The blank pictures: in NUT every position gives up after its 201 attempts; each blank
     // file is answered without a frame, and the log says so.
