@@ -3,9 +3,6 @@
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
 #include <libavutil/display.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/mathematics.h>
@@ -15,7 +12,6 @@ extern "C" {
 
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 
 #include <algorithm>
 #include <chrono>
@@ -57,9 +53,6 @@ struct Input : QRBFFmpegInput {
     bool byteClock = false;
     int64_t fileBytes = 0;
 };
-
-void FreeGraph(AVFilterGraph* graph) { avfilter_graph_free(&graph); }
-using ScopedGraph = QRBScoped<AVFilterGraph, FreeGraph>;
 
 // How the display matrix turns the stored picture, as an EXIF orientation (1 to 8), in the way
 // FFmpeg's own command line reads the matrix: the angle first, then the signs that tell a
@@ -136,52 +129,8 @@ void MeasureDuration(Input& input, AVFormatContext* context, const AVStream* str
     input.duration = av_rescale_q(end - input.start_pts, stream->time_base, AV_TIME_BASE_Q);
 }
 
-// A picture made progressive in place with bwdif. Only this one picture is decoded at a
-// position, so each field is filled in from the other and from itself. The picture stays as
-// decoded when the filter cannot be set up (a picture too small for it, no memory).
-void Deinterlace(AVFrame* frame) {
-    ScopedGraph graph(avfilter_graph_alloc());
-    if (!graph) return;
-    graph->nb_threads = 1;
-    char args[160];
-    std::snprintf(args, sizeof(args), "video_size=%dx%d:pix_fmt=%d:time_base=1/25:pixel_aspect=1/1",
-                  frame->width, frame->height, frame->format);
-    AVFilterContext* source = nullptr;
-    AVFilterContext* filter = nullptr;
-    AVFilterContext* sink = nullptr;
-    if (avfilter_graph_create_filter(&source, avfilter_get_by_name("buffer"), "in", args, nullptr,
-                                     graph.get()) < 0 ||
-        avfilter_graph_create_filter(&filter, avfilter_get_by_name("bwdif"), "deinterlace",
-                                     "mode=send_frame:parity=auto:deint=all", nullptr,
-                                     graph.get()) < 0 ||
-        avfilter_graph_create_filter(&sink, avfilter_get_by_name("buffersink"), "out", nullptr,
-                                     nullptr, graph.get()) < 0 ||
-        avfilter_link(source, 0, filter, 0) < 0 || avfilter_link(filter, 0, sink, 0) < 0 ||
-        avfilter_graph_config(graph.get(), nullptr) < 0) {
-        return;
-    }
-    // The filter counts time in its own steps; the picture keeps its own stamps.
-    QRBScopedFrame in(av_frame_clone(frame));
-    QRBScopedFrame out(av_frame_alloc());
-    if (!in || !out) return;
-    in->pts = 0;
-    if (av_buffersrc_add_frame(source, in.get()) < 0 || av_buffersrc_add_frame(source, nullptr) < 0 ||
-        av_buffersink_get_frame(sink, out.get()) < 0) {
-        return;
-    }
-    const int64_t pts = frame->pts;
-    const int64_t best = frame->best_effort_timestamp;
-    const int64_t dts = frame->pkt_dts;
-    av_frame_unref(frame);
-    av_frame_move_ref(frame, out.get());
-    frame->pts = pts;
-    frame->best_effort_timestamp = best;
-    frame->pkt_dts = dts;
-}
-
 // What the decode function does to every picture before handing it out.
 void Finish(AVCodecContext* context, AVFrame* frame) {
-    if (frame->interlaced_frame) Deinterlace(frame);
     const Input* input = static_cast<const Input*>(context->opaque);
     if (input != nullptr && input->byteClock && frame->best_effort_timestamp == AV_NOPTS_VALUE &&
         frame->pts == AV_NOPTS_VALUE && frame->pkt_pos >= 0 && input->fileBytes > 0 &&

@@ -202,6 +202,44 @@ bool BuildToneGraph(int width, int height, const SourceColour& c, ScopedGraph* g
     return true;
 }
 
+// A picture made progressive: only this one picture is decoded at a position, so the
+// deinterlacer is FFmpeg's spatial one (estdif: the first field kept, the second traced along
+// edges from it); the motion-adaptive ones (bwdif, yadif) take the missing field from the
+// neighbouring pictures and, given none, weave the comb back in. Null when the filter cannot be
+// set up (a picture too small for it, no memory): the picture is then shown as decoded.
+AVFrame* Deinterlaced(const AVFrame* picture) {
+    ScopedGraph graph(avfilter_graph_alloc());
+    if (!graph) return nullptr;
+    graph->nb_threads = 1;
+    char args[160];
+    std::snprintf(args, sizeof(args), "video_size=%dx%d:pix_fmt=%d:time_base=1/25:pixel_aspect=1/1",
+                  picture->width, picture->height, picture->format);
+    AVFilterContext* source = nullptr;
+    AVFilterContext* filter = nullptr;
+    AVFilterContext* sink = nullptr;
+    if (avfilter_graph_create_filter(&source, avfilter_get_by_name("buffer"), "in", args, nullptr,
+                                     graph.get()) < 0 ||
+        avfilter_graph_create_filter(&filter, avfilter_get_by_name("estdif"), "deinterlace",
+                                     "mode=frame:parity=auto:deint=all", nullptr,
+                                     graph.get()) < 0 ||
+        avfilter_graph_create_filter(&sink, avfilter_get_by_name("buffersink"), "out", nullptr,
+                                     nullptr, graph.get()) < 0 ||
+        avfilter_link(source, 0, filter, 0) < 0 || avfilter_link(filter, 0, sink, 0) < 0 ||
+        avfilter_graph_config(graph.get(), nullptr) < 0) {
+        return nullptr;
+    }
+    QRBScopedFrame in(av_frame_clone(picture));
+    QRBScopedFrame out(av_frame_alloc());
+    if (!in || !out) return nullptr;
+    in->pts = 0;  // the filter's own clock
+    if (av_buffersrc_add_frame(source, in.get()) < 0 || av_buffersrc_add_frame(source, nullptr) < 0 ||
+        av_buffersink_get_frame(sink, out.get()) < 0 || out->width != picture->width ||
+        out->height != picture->height || out->format != picture->format) {
+        return nullptr;
+    }
+    return out.release();
+}
+
 // What the handle points to.
 struct Scaler {
     int srcW = 0;
@@ -217,6 +255,8 @@ struct Scaler {
     ScopedGraph graph;
     AVFilterContext* source = nullptr;
     AVFilterContext* sink = nullptr;
+    // An interlaced source, made progressive: scaled instead of the rows handed in.
+    QRBScopedFrame progressive;
 };
 
 Scaler* AsScaler(SwsContext* context) { return reinterpret_cast<Scaler*>(context); }
@@ -295,6 +335,10 @@ int SwsSetSourceFrame(SwsContext* context, const AVFrame* source) {
     if (context == nullptr || source == nullptr) return AVERROR(EINVAL);
     Scaler& s = *AsScaler(context);
     const SourceColour c = DescribeSource(source, s.srcW, s.srcH, s.srcFormat);
+    if (source->interlaced_frame && source->width == s.srcW && source->height == s.srcH &&
+        source->format == s.srcFormat) {
+        s.progressive.reset(Deinterlaced(source));
+    }
     if (c.Hdr() && IsYuv(s.srcFormat) && MakeHdr(s, c)) return 0;
     // SDR, or HDR whose tone mapping could not be set up (the picture then shows, if flat).
     SetMatrix(s.sws.get(), s.srcFormat, c);
@@ -308,6 +352,11 @@ int SwsScale(SwsContext* context, const uint8_t* const src[], const int src_stri
         return -1;
     }
     Scaler& s = *AsScaler(context);
+    if (s.progressive) {
+        if (src_slice_y != 0 || src_slice_h != s.srcH) return -1;
+        src = s.progressive->data;
+        src_stride = s.progressive->linesize;
+    }
     if (!s.graph) {
         return sws_scale(s.sws.get(), src, src_stride, src_slice_y, src_slice_h, dst, dst_stride);
     }

@@ -81,8 +81,7 @@ typedef int (*qrb_ffmpegapi_codec_open_fn)(struct AVCodecContext* context,
                                            const struct AVCodec* codec);
 typedef int (*qrb_ffmpegapi_codec_close_fn)(struct AVCodecContext* context);
 /* Feeds one packet and fetches a picture if one is complete: the number of bytes used (>= 0)
- * with *got_picture 0 or 1, or a negative error. An interlaced picture comes out deinterlaced
- * (its two fields made into one progressive picture, as a player shows it). */
+ * with *got_picture 0 or 1, or a negative error. */
 typedef int (*qrb_ffmpegapi_decode_video_fn)(struct AVCodecContext* context, struct AVFrame* frame,
                                              int* got_picture, const struct AVPacket* packet);
 typedef struct AVFrame* (*qrb_ffmpegapi_alloc_frame_fn)(void);
@@ -111,7 +110,8 @@ typedef struct SwsContext* (*qrb_ffmpegapi_sws_get_context_fn)(int src_width, in
                                                                int src_format, int dst_width,
                                                                int dst_height, int dst_format);
 /* Scales a slice of rows; the number of output rows, <= 0 on failure. A scaler told of
- * high-dynamic-range pictures (below) takes whole pictures only (slice 0 to the height). */
+ * high-dynamic-range or interlaced pictures (below) takes whole pictures only (slice 0 to the
+ * height). */
 typedef int (*qrb_ffmpegapi_sws_scale_fn)(struct SwsContext* context, const uint8_t* const src[],
                                           const int src_stride[], int src_slice_y, int src_slice_h,
                                           uint8_t* const dst[], const int dst_stride[]);
@@ -125,8 +125,10 @@ typedef void (*qrb_ffmpegapi_flush_buffers_fn)(struct AVCodecContext* context);
  * are, by the decoded frame they come from (its matrix, range, transfer, primaries and light
  * levels, each falling back on the usual one for the picture's size when the stream does not
  * say), so that it converts them as a player shows them: with the stream's own matrix and
- * range, and tone-mapped to BT.709 when they are PQ or HLG. 0 on success. Without it a scaler
- * converts with the usual matrix for the picture's size, limited range. */
+ * range, tone-mapped to BT.709 when they are PQ or HLG, and deinterlaced when the frame is
+ * interlaced (the scaler then scales its own progressive copy of the frame, which must be the
+ * one whose rows the scale is handed). 0 on success. Without it a scaler converts with the usual
+ * matrix for the picture's size, limited range. */
 typedef int (*qrb_ffmpegapi_sws_set_source_fn)(struct SwsContext* context,
                                                const struct AVFrame* source);
 
