@@ -129,6 +129,13 @@ void MeasureDuration(Input& input, AVFormatContext* context, const AVStream* str
     input.duration = av_rescale_q(end - input.start_pts, stream->time_base, AV_TIME_BASE_Q);
 }
 
+// Containers made of packets that the demuxer finds again from any byte (transport and program
+// streams), where the first byte is the start.
+bool StartsAtFirstByte(const AVFormatContext* context) {
+    const char* name = context->iformat != nullptr ? context->iformat->name : "";
+    return std::strcmp(name, "mpegts") == 0 || std::strcmp(name, "mpeg") == 0;
+}
+
 // What the decode function does to every picture before handing it out.
 void Finish(AVCodecContext* context, AVFrame* frame) {
     const Input* input = static_cast<const Input*>(context->opaque);
@@ -359,6 +366,12 @@ int SeekFrame(QRBFFmpegInput* input, int64_t timestamp_us) {
             input->duration > 0 ? av_rescale(clamped, self->fileBytes, input->duration) : 0;
         self->deadline.Arm();
         return av_seek_frame(context, -1, pos, AVSEEK_FLAG_BYTE);
+    }
+    if (timestamp_us <= 0 && StartsAtFirstByte(context)) {
+        // A transport or program stream starts at its first byte: a search by timestamp goes by
+        // decoding times and may land past the first key frame.
+        self->deadline.Arm();
+        if (av_seek_frame(context, -1, 0, AVSEEK_FLAG_BYTE) >= 0) return 0;
     }
     const AVRational timeBase = {input->time_base_num, input->time_base_den};
     const int64_t target = av_rescale_q(timestamp_us, AV_TIME_BASE_Q, timeBase) + input->start_pts;

@@ -3,6 +3,7 @@
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -120,7 +121,12 @@ std::vector<std::string> CutKeyFrames(const std::string& path, int count) {
     return frames;
 }
 
-void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
+namespace {
+
+// src's video stream copied into dst's container: each packet's bytes zeroed when blank is set,
+// the display matrix attached when one is given.
+void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
+                     const int32_t* displayMatrix) {
     QRBScopedFormatContext input = OpenForTest(src);
     const int index = VideoStream(input.get());
     AVFormatContext* raw = nullptr;
@@ -136,6 +142,11 @@ void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
     avcodec_parameters_copy(out->codecpar, input->streams[index]->codecpar);
     out->codecpar->codec_tag = 0;
     out->time_base = input->streams[index]->time_base;
+    if (displayMatrix != nullptr) {
+        uint8_t* side = av_stream_new_side_data(out, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t));
+        if (side == nullptr) throw std::runtime_error("no memory");
+        std::memcpy(side, displayMatrix, 9 * sizeof(int32_t));
+    }
     if (avio_open(&output->pb, dst.c_str(), AVIO_FLAG_WRITE) < 0 ||
         avformat_write_header(output.get(), nullptr) < 0) {
         throw std::runtime_error("cannot write " + dst);
@@ -143,20 +154,30 @@ void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
     QRBScopedPacket packet(av_packet_alloc());
     while (av_read_frame(input.get(), packet.get()) >= 0) {
         if (packet->stream_index == index) {
-            QRBScopedPacket blank(av_packet_alloc());
-            av_new_packet(blank.get(), packet->size);  // zero-filled
-            std::fill(blank->data, blank->data + blank->size, 0);
-            blank->pts = packet->pts;
-            blank->dts = packet->dts;
-            blank->duration = packet->duration;
-            blank->flags = packet->flags;
-            blank->stream_index = 0;
-            av_packet_rescale_ts(blank.get(), input->streams[index]->time_base, out->time_base);
-            av_interleaved_write_frame(output.get(), blank.get());
+            if (blank && av_packet_make_writable(packet.get()) == 0) {
+                std::fill(packet->data, packet->data + packet->size, 0);
+            }
+            packet->stream_index = 0;
+            packet->pos = -1;
+            av_packet_rescale_ts(packet.get(), input->streams[index]->time_base, out->time_base);
+            av_interleaved_write_frame(output.get(), packet.get());
         }
         av_packet_unref(packet.get());
     }
     av_write_trailer(output.get());
+}
+
+}  // namespace
+
+void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
+    CopyVideoStream(src, dst, true, nullptr);
+}
+
+void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
+                            int d) {
+    const int32_t one = 1 << 16;
+    const int32_t matrix[9] = {a * one, b * one, 0, c * one, d * one, 0, 0, 0, 1 << 30};
+    CopyVideoStream(src, dst, false, matrix);
 }
 
 std::string ZeroMp4Durations(std::string bytes) {

@@ -48,6 +48,12 @@ std::vector<std::string> CutKeyFrames(const std::string& path, int count);
 // a well-formed container around a stream that never gives a picture.
 void WriteBlankedVideoCopy(const std::string& src, const std::string& dst);
 
+// A copy of src whose video stream carries the display matrix (a, b, 0; c, d, 0; 0, 0, 1): a
+// point (x, y) of the stored picture is shown at (a x + c y, b x + d y), y downwards, as a
+// phone's or an editor's turn and mirror record it.
+void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
+                            int d);
+
 // The bytes of an MP4 file with every duration its header gives (movie, track, media) set to 0.
 std::string ZeroMp4Durations(std::string bytes);
 
