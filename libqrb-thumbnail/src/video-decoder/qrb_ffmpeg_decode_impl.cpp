@@ -108,7 +108,10 @@ void MeasureDuration(Input& input, AVFormatContext* context, const AVStream* str
         if (rate.num <= 0 || rate.den <= 0) rate = stream->r_frame_rate;
         if (rate.num <= 0 || rate.den <= 0) rate = {25, 1};
         const double frames = static_cast<double>(size) * pictures / std::max<int64_t>(bytes, 1);
-        input.duration = static_cast<int64_t>(frames * AV_TIME_BASE / av_q2d(rate));
+        // At most a year: a crafted stream of one-byte pictures at a crawling rate stays a
+        // number the clock can hold.
+        const double us = std::min(frames * AV_TIME_BASE / av_q2d(rate), 365.0 * 86400 * 1e6);
+        input.duration = static_cast<int64_t>(us);
         input.byteClock = true;
         input.fileBytes = size;
         return;

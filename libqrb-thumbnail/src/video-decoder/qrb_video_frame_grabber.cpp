@@ -70,6 +70,9 @@ constexpr long long kForwardBudgetPixels = 250LL * 1920 * 1088;
 // How far before a position the first fall-back starts decoding: more than the key-frame
 // distance of nearly every stream.
 constexpr long long kBackOffUs = 5 * 1000 * 1000;
+// How many packets a fall-back reads past while looking for its first key frame: a minute of
+// most video.
+constexpr int kSkippedPackets = 1500;
 
 // A sample aspect ratio outside these bounds is no real one (a crafted stream's): square
 // pixels are assumed instead of a picture thousands of pixels wide.
@@ -312,9 +315,15 @@ AVFrame* QRBVideoFrameGrabber::m_DecodeOnward(long long targetUs) {
     bool haveHeld = false;
     bool draining = false;
     AVFrame* answer = nullptr;
-    for (int n = 0; n < m_ForwardBudget && answer == nullptr && !m_Abandoned();) {
+    // Packets before the first key frame are read, not decoded: bounded apart.
+    int skipped = 0;
+    for (int n = 0; n < m_ForwardBudget && skipped < kSkippedPackets && answer == nullptr &&
+                    !m_Abandoned();) {
         if (!draining && !m_ReadVideoPacket()) draining = true;
-        if (!draining && !keyed && !(packet->flags & AV_PKT_FLAG_KEY)) continue;
+        if (!draining && !keyed && !(packet->flags & AV_PKT_FLAG_KEY)) {
+            ++skipped;
+            continue;
+        }
         keyed = true;
         ++n;
         int gotPicture = 0;
