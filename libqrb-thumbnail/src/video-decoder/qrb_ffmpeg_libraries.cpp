@@ -7,7 +7,8 @@
 // definitions), as a forwarder to the real function: the first call opens the library by the
 // soname this build was made against and looks the symbol up; later calls go straight through.
 // The libraries are never closed. The media plug-ins link FFmpeg themselves and do not use
-// this file.
+// this file; FFmpeg's filters, which only some pictures need, are loaded by
+// qrb_avfilter_loader.cpp, here and in the scaler plug-in alike.
 
 #include "qrb_log.h"
 
@@ -28,9 +29,6 @@
 
 #pragma GCC visibility push(hidden)
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
 #include <libavutil/display.h>
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -48,7 +46,6 @@ extern "C" {
 #define AvCodec QRB_SONAME("avcodec", LIBAVCODEC_VERSION_MAJOR)
 #define AvFormat QRB_SONAME("avformat", LIBAVFORMAT_VERSION_MAJOR)
 #define SwScale QRB_SONAME("swscale", LIBSWSCALE_VERSION_MAJOR)
-#define AvFilter QRB_SONAME("avfilter", LIBAVFILTER_VERSION_MAJOR)
 
 namespace {
 
@@ -165,27 +162,3 @@ QRB_FORWARD(SwScale, int, sws_setColorspaceDetails,
              int dstRange, int brightness, int contrast, int saturation),
             (c, inv_table, srcRange, table, dstRange, brightness, contrast, saturation))
 
-QRB_FORWARD(AvFilter, AVFilterGraph*, avfilter_graph_alloc, (void), ())
-QRB_FORWARD(AvFilter, void, avfilter_graph_free, (AVFilterGraph * *graph), (graph))
-QRB_FORWARD(AvFilter, const AVFilter*, avfilter_get_by_name, (const char* name), (name))
-QRB_FORWARD(AvFilter, int, avfilter_graph_create_filter,
-            (AVFilterContext * *filt_ctx, const AVFilter* filt, const char* name, const char* args,
-             void* opaque, AVFilterGraph* graph_ctx),
-            (filt_ctx, filt, name, args, opaque, graph_ctx))
-QRB_FORWARD(AvFilter, int, avfilter_link,
-            (AVFilterContext * src, unsigned srcpad, AVFilterContext* dst, unsigned dstpad),
-            (src, srcpad, dst, dstpad))
-QRB_FORWARD(AvFilter, AVFilterInOut*, avfilter_inout_alloc, (void), ())
-QRB_FORWARD(AvFilter, void, avfilter_inout_free, (AVFilterInOut * *inout), (inout))
-QRB_FORWARD(AvFilter, int, avfilter_graph_parse_ptr,
-            (AVFilterGraph * graph, const char* filters, AVFilterInOut** inputs,
-             AVFilterInOut** outputs, void* log_ctx),
-            (graph, filters, inputs, outputs, log_ctx))
-QRB_FORWARD(AvFilter, int, avfilter_graph_config, (AVFilterGraph * graphctx, void* log_ctx),
-            (graphctx, log_ctx))
-QRB_FORWARD(AvFilter, int, av_buffersrc_add_frame, (AVFilterContext * ctx, AVFrame* frame),
-            (ctx, frame))
-QRB_FORWARD(AvFilter, int, av_buffersrc_add_frame_flags,
-            (AVFilterContext * ctx, AVFrame* frame, int flags), (ctx, frame, flags))
-QRB_FORWARD(AvFilter, int, av_buffersink_get_frame, (AVFilterContext * ctx, AVFrame* frame),
-            (ctx, frame))

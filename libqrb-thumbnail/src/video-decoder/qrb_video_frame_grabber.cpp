@@ -9,6 +9,8 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include <malloc.h>
+
 #include <chrono>
 #include <climits>
 #include <cstdlib>
@@ -122,6 +124,9 @@ QRBVideoFrameGrabber::~QRBVideoFrameGrabber() {
     m_Res->packet.reset();
     m_Res->codec.reset();
     m_Res->input.reset();
+    // Each worker thread allocates from its own malloc arena, which keeps what a large decode
+    // freed: four workers taking turns would hold four decoders' worth. Handed back now.
+    if (m_LargeDecode.owns_lock()) malloc_trim(0);
     QRB_LOGD("release ffmpeg resource end");
 }
 
