@@ -281,6 +281,7 @@ bool QRBVideoFrameGrabber::m_ReadFromKeyFrame(int i) {
             }
             break;
         }
+        if (gotPicture == 0 && m_Is4K && m_Drain()) gotPicture = 1;
         if (gotPicture == 0) {
             ++attempts;
             QRB_LOGD("frame:[%d] decode not finished.", i);
@@ -293,6 +294,20 @@ bool QRBVideoFrameGrabber::m_ReadFromKeyFrame(int i) {
     }
     QRB_LOGD("frame[%d]: %d packets decoded, %d skipped", i, decoded, skipped);
     return got;
+}
+
+bool QRBVideoFrameGrabber::m_Drain() {
+    // A decoder that reorders pictures holds a key frame back until later ones arrive; of a 4K
+    // video only key frames are decoded, each a costly one, so the held picture is asked for
+    // at once instead. Without one, the decoder is made ready for the next packet again.
+    AVCodecContext* codec = m_Res->codec.get();
+    int gotPicture = 0;
+    if (m_Api.decode_video(codec, m_Res->frame.get(), &gotPicture, nullptr) >= 0 &&
+        gotPicture != 0) {
+        return true;
+    }
+    m_Api.flush_buffers(codec);
+    return false;
 }
 
 AVFrame* QRBVideoFrameGrabber::m_FallBack(int i, long long targetUs) {

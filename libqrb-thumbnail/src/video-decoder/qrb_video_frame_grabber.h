@@ -58,6 +58,7 @@ private:
     AVFrame* m_TakePosition(int i);
     // The key frame at or before the position, then on until a picture is complete.
     bool m_ReadFromKeyFrame(int i);
+    bool m_Drain();
     AVFrame* m_FallBack(int i, long long targetUs);
     AVFrame* m_DecodeOnward(long long targetUs);
     bool m_ReadVideoPacket();
