@@ -559,6 +559,34 @@ INSTANTIATE_TEST_SUITE_P(PqAndHlg, VideoHdrTest,
                              return name.substr(0, name.find('.'));
                          });
 
+// Dolby Vision profile 8 (here 8.1 and 8.4): the base layer is HDR10 or HLG, and is what is
+// shown, exactly as the same stream without the Dolby Vision record.
+TEST_F(VideoShownTest, DolbyVisionProfileEightShowsItsBaseLayer) {
+    const struct {
+        const char* base;
+        int compatibility;
+    } cases[] = {{"bars_pq_320x180.mkv", 1}, {"bars_hlg_320x180.mkv", 4}};
+    int tag = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.base);
+        const std::string dovi = root.Path() + "/dovi-" + std::to_string(tag) + ".mp4";
+        qrbtest::WriteWithDolbyVision(VideoFixture(c.base), dovi, 8, c.compatibility);
+        ASSERT_EQ(qrbtest::DolbyVisionProfile(dovi), 8);
+        RequestVideo(VideoFixture(c.base), tag, 1, 0, 0);
+        RequestVideo(dovi, tag + 1, 1, 0, 0);
+        auto results = WaitForResults(static_cast<size_t>(tag + 2));
+        const RecordedResult& base = results[rec.Tag(tag)];
+        const RecordedResult& dv = results[rec.Tag(tag + 1)];
+        tag += 2;
+        ASSERT_EQ(base.status, 0);
+        ASSERT_EQ(dv.status, 0);
+        ASSERT_EQ(dv.count, 1);
+        EXPECT_EQ(dv.buffers[0], base.buffers[0]);
+        // Tone-mapped, not shown flat: the 75 % white bar is as the SDR bars have it.
+        EXPECT_NEAR(MeanOf(dv.buffers[0], 320, 18, 40, 26, 80).Grey(), 191, 6);
+    }
+}
+
 // The display matrix. Quadrants red, green / blue, white, shown as the matrix (a, b; c, d) turns
 // or mirrors them: a point (x, y) is shown at (a x + c y, b x + d y), y downwards.
 struct TurnCase {

@@ -2,6 +2,10 @@
 
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
+extern "C" {
+#include <libavutil/dovi_meta.h>
+}
+
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -123,10 +127,16 @@ std::vector<std::string> CutKeyFrames(const std::string& path, int count) {
 
 namespace {
 
+// Stream side data to attach to a copy: its type and bytes.
+struct SideData {
+    AVPacketSideDataType type;
+    std::string bytes;
+};
+
 // src's video stream copied into dst's container: each packet's bytes zeroed when blank is set,
-// the display matrix attached when one is given.
+// the side data attached, the muxer allowed what its format's unofficial extensions need.
 void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
-                     const int32_t* displayMatrix) {
+                     const std::vector<SideData>& sideData) {
     QRBScopedFormatContext input = OpenForTest(src);
     const int index = VideoStream(input.get());
     AVFormatContext* raw = nullptr;
@@ -142,11 +152,12 @@ void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
     avcodec_parameters_copy(out->codecpar, input->streams[index]->codecpar);
     out->codecpar->codec_tag = 0;
     out->time_base = input->streams[index]->time_base;
-    if (displayMatrix != nullptr) {
-        uint8_t* side = av_stream_new_side_data(out, AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t));
+    for (const SideData& data : sideData) {
+        uint8_t* side = av_stream_new_side_data(out, data.type, data.bytes.size());
         if (side == nullptr) throw std::runtime_error("no memory");
-        std::memcpy(side, displayMatrix, 9 * sizeof(int32_t));
+        std::memcpy(side, data.bytes.data(), data.bytes.size());
     }
+    output->strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL;
     if (avio_open(&output->pb, dst.c_str(), AVIO_FLAG_WRITE) < 0 ||
         avformat_write_header(output.get(), nullptr) < 0) {
         throw std::runtime_error("cannot write " + dst);
@@ -170,14 +181,42 @@ void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
 }  // namespace
 
 void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
-    CopyVideoStream(src, dst, true, nullptr);
+    CopyVideoStream(src, dst, true, {});
 }
 
 void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
                             int d) {
     const int32_t one = 1 << 16;
     const int32_t matrix[9] = {a * one, b * one, 0, c * one, d * one, 0, 0, 0, 1 << 30};
-    CopyVideoStream(src, dst, false, matrix);
+    CopyVideoStream(src, dst, false,
+                    {{AV_PKT_DATA_DISPLAYMATRIX,
+                      std::string(reinterpret_cast<const char*>(matrix), sizeof(matrix))}});
+}
+
+void WriteWithDolbyVision(const std::string& src, const std::string& dst, int profile,
+                          int compatibility) {
+    size_t size = 0;
+    std::unique_ptr<AVDOVIDecoderConfigurationRecord, void (*)(void*)> record(av_dovi_alloc(&size),
+                                                                              &av_free);
+    if (!record) throw std::runtime_error("no memory");
+    record->dv_version_major = 1;
+    record->dv_profile = static_cast<uint8_t>(profile);
+    record->dv_level = 1;
+    record->rpu_present_flag = 1;
+    record->bl_present_flag = 1;
+    record->dv_bl_signal_compatibility_id = static_cast<uint8_t>(compatibility);
+    CopyVideoStream(src, dst, false,
+                    {{AV_PKT_DATA_DOVI_CONF,
+                      std::string(reinterpret_cast<const char*>(record.get()), size)}});
+}
+
+int DolbyVisionProfile(const std::string& path) {
+    QRBScopedFormatContext context = OpenForTest(path);
+    size_t size = 0;
+    const uint8_t* data = av_stream_get_side_data(context->streams[VideoStream(context.get())],
+                                                  AV_PKT_DATA_DOVI_CONF, &size);
+    if (data == nullptr || size < sizeof(AVDOVIDecoderConfigurationRecord)) return -1;
+    return reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(data)->dv_profile;
 }
 
 std::string ZeroMp4Durations(std::string bytes) {
