@@ -359,9 +359,10 @@ TEST_F(VideoGrabberTest, ProtectedVideoIsRefusedAndDrmFailuresCountAsUnprotected
 }
 
 // Files that are not videos to grab from, and videos that give no picture: each is answered,
-// and soon. A file that cannot be opened or has no length fails; one that opens, is tried at
-// every position and gives no frame succeeds without images; a container that says it lasts
-// nothing still gives its frames, all from the start.
+// and soon. A file that cannot be opened fails; one that opens, is tried at every position
+// (fall-backs included) and gives no frame succeeds without images; a container that says it
+// lasts nothing still gives its frames, all from the start, and a bare stream with no length
+// gives its frames spread over the length its size suggests.
 TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     const std::string media = root.Path() + "/media/";
     fs::create_directories(media);
