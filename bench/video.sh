@@ -182,7 +182,8 @@ run_case "2160p HEVC, open GOPs, 1 frame" uhd-hevc-open 1
 # the sample aspect ratio applied. Mean absolute difference over the three colour channels, in
 # levels of 255 (ImageMagick's MAE).
 probe() {  # FILE ENTRY
-    ffprobe -v error -select_streams v:0 -show_entries "stream=$2" -of csv=p=0 "$1" | head -n 1
+    ffprobe -v error -select_streams v:0 -show_entries "stream=$2" \
+        -of default=noprint_wrappers=1:nokey=1 "$1" | head -n 1
 }
 reference_chain() {  # FILE
     transfer=$(probe "$1" color_transfer)
