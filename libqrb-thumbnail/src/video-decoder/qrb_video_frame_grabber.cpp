@@ -13,6 +13,8 @@ extern "C" {
 
 #include <chrono>
 #include <climits>
+#include <condition_variable>
+#include <mutex>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -60,10 +62,16 @@ using QRBMallocBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
 // workers decode such pictures one at a time, so that a batch of 4K videos stays within what
 // one decode needs, and one core is no slower for it.
 constexpr long long kLargePicturePixels = 2LL * 1920 * 1088;
-std::timed_mutex& LargeDecodeGate() {
-    static std::timed_mutex gate;
-    return gate;
-}
+struct LargeDecodeGate {
+    std::mutex mutex;
+    std::condition_variable freed;
+    bool taken = false;
+
+    static LargeDecodeGate& Get() {
+        static LargeDecodeGate gate;
+        return gate;
+    }
+};
 
 // The fall-backs decode at most about this many 1080p pictures' worth of packets each (250
 // packets of a 1080p stream, 62 of a 4K one, never fewer than 25): ten seconds of most video,
@@ -126,7 +134,8 @@ QRBVideoFrameGrabber::~QRBVideoFrameGrabber() {
     m_Res->input.reset();
     // Each worker thread allocates from its own malloc arena, which keeps what a large decode
     // freed: four workers taking turns would hold four decoders' worth. Handed back now.
-    if (m_LargeDecode.owns_lock()) malloc_trim(0);
+    if (m_HoldsLargeDecode) malloc_trim(0);
+    m_FreeLargeDecode();
     QRB_LOGD("release ffmpeg resource end");
 }
 
@@ -219,11 +228,27 @@ bool QRBVideoFrameGrabber::m_OpenCodec() {
 }
 
 bool QRBVideoFrameGrabber::m_WaitForLargeDecode() {
-    m_LargeDecode = std::unique_lock<std::timed_mutex>(LargeDecodeGate(), std::defer_lock);
-    while (!m_LargeDecode.try_lock_for(std::chrono::milliseconds(20))) {
+    LargeDecodeGate& gate = LargeDecodeGate::Get();
+    std::unique_lock<std::mutex> lock(gate.mutex);
+    // Woken when the gate is freed; a worker told to stop notices within 20 ms.
+    while (gate.taken) {
         if (m_Abandoned()) return false;
+        gate.freed.wait_for(lock, std::chrono::milliseconds(20));
     }
+    gate.taken = true;
+    m_HoldsLargeDecode = true;
     return true;
+}
+
+void QRBVideoFrameGrabber::m_FreeLargeDecode() {
+    if (!m_HoldsLargeDecode) return;
+    LargeDecodeGate& gate = LargeDecodeGate::Get();
+    {
+        std::lock_guard<std::mutex> lock(gate.mutex);
+        gate.taken = false;
+    }
+    gate.freed.notify_one();
+    m_HoldsLargeDecode = false;
 }
 
 AVFrame* QRBVideoFrameGrabber::m_TakePosition(int i) {

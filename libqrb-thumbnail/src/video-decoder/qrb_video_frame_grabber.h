@@ -23,7 +23,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 
 extern "C" {
 struct AVFrame;
@@ -53,7 +52,9 @@ private:
 
     bool m_Open();
     bool m_OpenCodec();
+    // Pictures above 2 x 1080p are decoded one at a time across the workers.
     bool m_WaitForLargeDecode();
+    void m_FreeLargeDecode();
     // One position: its picture (owned by the grabber), or null.
     AVFrame* m_TakePosition(int i);
     // The key frame at or before the position, then on until a picture is complete.
@@ -76,7 +77,7 @@ private:
     void* m_User;
     std::function<bool()> m_Abandoned;
     std::unique_ptr<Resources> m_Res;
-    std::unique_lock<std::timed_mutex> m_LargeDecode;
+    bool m_HoldsLargeDecode = false;
     bool m_Is4K = false;
     long long m_Step = 0;
     int m_ForwardBudget = 0;
