@@ -1,21 +1,23 @@
 #!/bin/sh
-# Video thumbnails beside the peers: qrb-thumb against ffmpegthumbnailer and the ffmpeg command
-# line (seek, one frame, scale, crop), on the same files in one run: one frame and five frames
-# at 320 x 180 from 60-second 1080p H.264 videos and from a 4K one. Prints the table and puts it
-# into bench/RESULTS.md under its own heading, leaving the rest of the file as it is.
+# Video thumbnails on one core beside the peers, and a colour check. Every process is pinned to
+# the first processor (taskset -c 0): qrb-thumb takes a batch of files in one process (its four
+# video workers sharing that processor); ffmpegthumbnailer and
+# `ffmpeg -noaccurate_seek -ss T -i F -frames:v 1` run once per frame, as a script would run
+# them. Cases: 1080p and 2160p, H.264 and HEVC, one and five frames at 320 x 180. The colour
+# check grabs each colour, HDR and aspect test video at its own size and gives the mean
+# difference to FFmpeg's own correctly converted (and tone-mapped) frame of it.
 #
 #   bench/video.sh BUILD_DIR [--rounds N]
 #
-# The corpus is made once (a few minutes) into BUILD_DIR/bench-video-corpus and kept. Timings
-# are wall-clock times of whole runs under /usr/bin/time, which also gives the peak resident
-# memory; each run is repeated and the median kept.
+# The corpora are made once (several minutes) into BUILD_DIR/bench-video-corpus (shared with
+# bench/local.sh) and BUILD_DIR/bench-video-corpus-hevc and kept. Times are wall-clock times of
+# whole batches under /usr/bin/time, which also gives the peak resident memory; each batch runs
+# ROUNDS times (default 2) and the fastest is kept. Writes its section of bench/RESULTS.md.
 set -eu
 
 FF="ffmpeg -hide_banner -loglevel error -nostdin -y"
 
-# --- One run (the script calls itself under /usr/bin/time) ------------------------------------
-# run TOOL FOLDER FRAMES JOBS: every input of FOLDER, FRAMES frames each, with TOOL; a peer runs
-# once per input, JOBS at a time. OUT is the folder for the images.
+# --- One batch (the script calls itself under taskset and /usr/bin/time) --------------------
 
 # The positions the library takes for N frames: (i + 1) / (N + 1) of the duration.
 position() {  # $1 duration in seconds, $2 frame index, $3 frames
@@ -24,9 +26,7 @@ position() {  # $1 duration in seconds, $2 frame index, $3 frames
 
 peer_one() {  # $1 tool, $2 input, $3 frames, $4 output folder
     name=$(basename "$2")
-    if [ "$1" = ffmpeg ]; then
-        duration=$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$2")
-    fi
+    duration=$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$2")
     i=0
     while [ "$i" -lt "$3" ]; do
         if [ "$1" = ffmpegthumbnailer ]; then
@@ -34,26 +34,20 @@ peer_one() {  # $1 tool, $2 input, $3 frames, $4 output folder
             ffmpegthumbnailer -i "$2" -o "$4/$name-$i.png" -s 320 \
                 -t "$(((100 * (i + 1)) / ($3 + 1)))%" >/dev/null 2>&1
         else
-            $FF -ss "$(position "$duration" "$i" "$3")" -i "$2" -frames:v 1 \
+            $FF -noaccurate_seek -ss "$(position "$duration" "$i" "$3")" -i "$2" -frames:v 1 \
                 -vf "scale=320:180:force_original_aspect_ratio=increase,crop=320:180" \
-                "$4/$name-$i.png"
+                -update 1 "$4/$name-$i.png"
         fi
         i=$((i + 1))
     done
 }
 
-if [ "${1:-}" = "--one" ]; then  # --one PEER INPUT FRAMES OUT
-    peer_one "$2" "$3" "$4" "$5"
-    exit 0
-fi
-if [ "${1:-}" = "--run" ]; then  # --run TOOL FOLDER FRAMES JOBS OUT
-    tool=$2 folder=$3 frames=$4 jobs=$5 out=$6
+if [ "${1:-}" = "--run" ]; then  # --run TOOL FOLDER FRAMES OUT
+    tool=$2 folder=$3 frames=$4 out=$5
     if [ "$tool" = ours ]; then
         exec "$TOOL" -s 320x180 -n "$frames" -o "$out" "$folder"/*.mp4 >/dev/null
     fi
-    # Each input in a shell of its own, JOBS at a time.
-    for f in "$folder"/*.mp4; do echo "$f"; done |
-        xargs -P "$jobs" -I{} sh "$0" --one "$tool" {} "$frames" "$out"
+    for f in "$folder"/*.mp4; do peer_one "$tool" "$f" "$frames" "$out"; done
     exit 0
 fi
 
@@ -61,104 +55,170 @@ fi
 SELF=$(cd "$(dirname "$0")" && pwd)/$(basename "$0")
 REPO=$(cd "$(dirname "$0")/.." && pwd)
 . "$REPO/bench/common.sh"
-parse_bench_args 3 0 "$@"
+parse_bench_args 2 0 "$@"
 TOOL=$BUILD/tools/qrb-thumb/qrb-thumb
-PLUGINS=$BUILD/root/usr/lib/gstreamer-1.0
+FIXTURES=$BUILD/libqrb-thumbnail/src/video-decoder/testdata/fixtures
 RESULTS=$REPO/bench/RESULTS.md
-CORES=$(nproc)
-require ffmpeg ffprobe ffmpegthumbnailer /usr/bin/time
-if [ ! -x "$TOOL" ] || [ ! -f "$PLUGINS/libgstffmpeg.so" ]; then
-    echo "bench: build qrb-thumb and the media plug-ins in $BUILD first" >&2
+require taskset ffmpeg ffprobe ffmpegthumbnailer compare /usr/bin/time
+if [ ! -x "$TOOL" ] || [ ! -f "$BUILD/root/usr/lib/gstreamer-1.0/libgstffmpeg.so" ] ||
+    [ ! -f "$FIXTURES/stamp" ]; then
+    echo "bench: build qrb-thumb, the media plug-ins and the video fixtures in $BUILD first" >&2
     exit 1
 fi
 
-# Made once (bench/common.sh) and shared with bench/local.sh.
 CORPUS=$BUILD/bench-video-corpus
 make_video_corpus "$CORPUS"
+# HEVC at the same sizes, lengths and key-frame spacing as the H.264 corpus, closed GOPs as the
+# H.264 files have (IDR key frames, as cameras and phones write); and the 2160p one once more
+# with x265's default open GOPs (CRA key frames, as much broadcast has).
+HEVC=$BUILD/bench-video-corpus-hevc
+if [ ! -f "$HEVC/stamp" ]; then
+    echo "bench: making the HEVC corpus in $HEVC (once; a few minutes)"
+    mkdir -p "$HEVC"
+    X265="-c:v libx265 -preset ultrafast -pix_fmt yuv420p -tag:v hvc1 -x265-params log-level=error:keyint=50:min-keyint=50"
+    $FF -f lavfi -i "testsrc2=size=1920x1080:rate=25:duration=60,hue=h=70,noise=alls=12:allf=t" \
+        $X265:open-gop=0 -b:v 6M "$HEVC/hevc-1080p-60s.mp4"
+    $FF -f lavfi -i "testsrc2=size=3840x2160:rate=25:duration=20,noise=alls=12:allf=t" \
+        $X265:open-gop=0 -b:v 20M "$HEVC/hevc-2160p-20s.mp4"
+    $FF -f lavfi -i "testsrc2=size=3840x2160:rate=25:duration=20,noise=alls=12:allf=t" \
+        $X265:open-gop=1 -b:v 20M "$HEVC/hevc-2160p-20s-open-gop.mp4"
+    touch "$HEVC/stamp"
+fi
 
 SCRATCH=$(mktemp -d "${TMPDIR:-/tmp}/qrb-bench-video-XXXXXX")
 trap 'rm -rf "$SCRATCH"' EXIT INT TERM
 QRB_ROOT=$SCRATCH/root
-QRB_LOG_LEVEL=7
-export QRB_ROOT QRB_LOG_LEVEL TOOL FF
+export QRB_ROOT TOOL FF
 install_plugins "$BUILD" "$QRB_ROOT"
 
-# Each video under several names, so that a run makes enough thumbnails to time and every tool
+# Each video under several names, so that a batch makes enough thumbnails to time and every tool
 # sees the same list of distinct files (all in the page cache after the first round).
-mkdir -p "$SCRATCH/hd" "$SCRATCH/uhd"
-for i in 1 2; do
-    for copy in 1 2 3 4 5 6 7 8 9 10; do
-        ln -s "$CORPUS/h264-1080p-60s-$i.mp4" "$SCRATCH/hd/v$i-$copy.mp4"
+link() {  # FOLDER COPIES FILE...
+    folder=$SCRATCH/$1 copies=$2
+    shift 2
+    mkdir -p "$folder"
+    n=0
+    for f in "$@"; do
+        c=1
+        while [ "$c" -le "$copies" ]; do
+            n=$((n + 1))
+            ln -s "$f" "$folder/v$n.mp4"
+            c=$((c + 1))
+        done
     done
-done
-for copy in 1 2 3 4 5; do
-    ln -s "$CORPUS/h264-2160p-20s.mp4" "$SCRATCH/uhd/v-$copy.mp4"
-done
+}
+link hd-h264 5 "$CORPUS/h264-1080p-60s-1.mp4" "$CORPUS/h264-1080p-60s-2.mp4"
+link hd-hevc 10 "$HEVC/hevc-1080p-60s.mp4"
+link uhd-h264 5 "$CORPUS/h264-2160p-20s.mp4"
+link uhd-hevc 5 "$HEVC/hevc-2160p-20s.mp4"
+link uhd-hevc-open 5 "$HEVC/hevc-2160p-20s-open-gop.mp4"
 
 # --- Measuring ------------------------------------------------------------------------------
-# once TOOL FOLDER FRAMES JOBS: one run; appends its wall time to walls-TOOL-JOBS and its processor
-# time (user + system, all processes) to cpu-TOOL-JOBS, and keeps the largest peak resident
-# memory (KiB) in peak-TOOL-JOBS. Every run must make every image.
+# once TOOL FOLDER FRAMES: one pinned batch; keeps the fastest wall time in best-TOOL and the
+# largest peak resident memory (KiB) in peak-TOOL. Every batch must make every image.
 once() {
     rm -rf "$SCRATCH/out"
     mkdir -p "$SCRATCH/out"
-    if ! /usr/bin/time -f "%e %M %U %S" -o "$SCRATCH/time.txt" \
-        sh "$SELF" --run "$1" "$2" "$3" "$4" "$SCRATCH/out"; then
+    if ! taskset -c 0 /usr/bin/time -f "%e %M" -o "$SCRATCH/time.txt" \
+        sh "$SELF" --run "$1" "$SCRATCH/$2" "$3" "$SCRATCH/out"; then
         echo "bench: $1 failed on $2" >&2
         exit 1
     fi
     made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    wanted=$(($(find "$2" -name '*.mp4' | wc -l) * $3))
+    wanted=$(($(find "$SCRATCH/$2" -name '*.mp4' | wc -l) * $3))
     if [ "$made" -ne "$wanted" ]; then
-        echo "bench: $1 made $made images of $wanted" >&2
+        echo "bench: $1 made $made images of $wanted on $2" >&2
         exit 1
     fi
-    read -r wall peak user system < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/walls-$1-$4"
-    awk -v u="$user" -v s="$system" 'BEGIN { print u + s }' >> "$SCRATCH/cpu-$1-$4"
-    old=$(cat "$SCRATCH/peak-$1-$4" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1-$4"; fi
+    read -r wall peak < "$SCRATCH/time.txt"
+    best=$(cat "$SCRATCH/best-$1" 2>/dev/null || echo 1000000)
+    awk -v w="$wall" -v b="$best" 'BEGIN { exit !(w < b) }' && echo "$wall" > "$SCRATCH/best-$1"
+    old=$(cat "$SCRATCH/peak-$1" 2>/dev/null || echo 0)
+    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
 }
 
-# The tools take turns within each round, so that a machine whose load changes during the run
-# weighs on all of them alike.
-RUNS="ours:1 ffmpegthumbnailer:1 ffmpegthumbnailer:$CORES ffmpeg:1 ffmpeg:$CORES"
-run_case() {  # $1 label, $2 folder, $3 frames
-    rm -f "$SCRATCH"/walls-* "$SCRATCH"/cpu-* "$SCRATCH"/peak-*
-    thumbs=$(($(find "$2" -name '*.mp4' | wc -l) * $3))
+ms_per() {  # SECONDS ITEMS
+    awk -v s="$1" -v n="$2" 'BEGIN { printf "%.0f", 1000 * s / n }'
+}
+
+run_case() {  # LABEL FOLDER FRAMES
+    rm -f "$SCRATCH"/best-* "$SCRATCH"/peak-*
+    items=$(($(find "$SCRATCH/$2" -name '*.mp4' | wc -l) * $3))
     r=0
     while [ "$r" -lt "$ROUNDS" ]; do
-        for run in $RUNS; do once "${run%:*}" "$2" "$3" "${run#*:}"; done
+        # The tools take turns within each round, so that a change in the machine's load weighs
+        # on all of them alike.
+        for tool in ours ffmpegthumbnailer ffmpeg; do once "$tool" "$2" "$3"; done
         r=$((r + 1))
     done
-    ours=$(rate "$thumbs" "$(median "$SCRATCH/walls-ours-1")")
-    row="| $1 | $ours"
-    for run in $RUNS; do
-        tool=${run%:*} jobs=${run#*:}
-        wall=$(median "$SCRATCH/walls-$tool-$jobs")
-        echo "bench: $1: $tool x$jobs median $wall s, peak $(($(cat "$SCRATCH/peak-$tool-$jobs") / 1024)) MiB" >&2
-        [ "$tool" = ours ] && continue
-        theirs=$(rate "$thumbs" "$wall")
-        row="$row | $theirs ($(ratio "$ours" "$theirs"))"
-    done
+    ours=$(ms_per "$(cat "$SCRATCH/best-ours")" "$items")
+    thumbnailer=$(ms_per "$(cat "$SCRATCH/best-ffmpegthumbnailer")" "$items")
+    ffmpeg=$(ms_per "$(cat "$SCRATCH/best-ffmpeg")" "$items")
     peaks=""
-    cpus=""
     for tool in ours ffmpegthumbnailer ffmpeg; do
-        peaks="$peaks${peaks:+ / }$(($(cat "$SCRATCH/peak-$tool-1") / 1024))"
-        cpu=$(awk -v c="$(median "$SCRATCH/cpu-$tool-1")" -v n="$thumbs" \
-            'BEGIN { printf "%.0f", 1000 * c / n }')
-        cpus="$cpus${cpus:+ / }$cpu"
+        peaks="$peaks${peaks:+ / }$(($(cat "$SCRATCH/peak-$tool") / 1024))"
     done
-    echo "$row | $cpus ms | $peaks MiB |" >> "$SCRATCH/table.md"
+    echo "bench: $1: $ours / $thumbnailer / $ffmpeg ms per frame, $peaks MiB" >&2
+    echo "| $1 | $items | $ours | $thumbnailer ($(ratio "$ours" "$thumbnailer")) | $ffmpeg ($(ratio "$ours" "$ffmpeg")) | $peaks MiB |" \
+        >> "$SCRATCH/table.md"
 }
 
 : > "$SCRATCH/table.md"
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
-echo "bench: $ROUNDS rounds of each run"
-run_case "1 frame, 1080p H.264, 60 s (20 files)" "$SCRATCH/hd" 1
-run_case "5 frames, 1080p H.264, 60 s (20 files)" "$SCRATCH/hd" 5
-run_case "1 frame, 2160p H.264, 20 s (5 files)" "$SCRATCH/uhd" 1
-run_case "5 frames, 2160p H.264, 20 s (5 files)" "$SCRATCH/uhd" 5
+run_case "1080p H.264, 1 frame" hd-h264 1
+run_case "1080p H.264, 5 frames" hd-h264 5
+run_case "1080p HEVC, 1 frame" hd-hevc 1
+run_case "1080p HEVC, 5 frames" hd-hevc 5
+run_case "2160p H.264, 1 frame" uhd-h264 1
+run_case "2160p H.264, 5 frames" uhd-h264 5
+run_case "2160p HEVC, 1 frame" uhd-hevc 1
+run_case "2160p HEVC, 5 frames" uhd-hevc 5
+run_case "2160p HEVC, open GOPs, 1 frame" uhd-hevc-open 1
+
+# --- Colour check ---------------------------------------------------------------------------
+# FFmpeg's own frame of each test video, converted the way a player converts it: with the
+# stream's matrix and range (the usual ones for its size when untagged), PQ and HLG tone-mapped
+# with the library's operator and parameters (but on the whole picture, before any scaling),
+# the sample aspect ratio applied. Mean absolute difference over the three colour channels, in
+# levels of 255 (ImageMagick's MAE).
+probe() {  # FILE ENTRY
+    ffprobe -v error -select_streams v:0 -show_entries "stream=$2" \
+        -of default=noprint_wrappers=1:nokey=1 "$1" | head -n 1
+}
+reference_chain() {  # FILE
+    transfer=$(probe "$1" color_transfer)
+    if [ "$transfer" = smpte2084 ] || [ "$transfer" = arib-std-b67 ]; then
+        nits=$(ffprobe -v error -select_streams v:0 -read_intervals "%+#1" \
+            -show_entries frame_side_data=max_content -of csv=p=0 "$1" | grep -m 1 '[1-9]' || true)
+        [ -n "$nits" ] || { [ "$transfer" = smpte2084 ] && nits=10000 || nits=1000; }
+        peak=$(awk -v n="$nits" 'BEGIN { p = n / 203; printf "%g", p < 1 ? 1 : p }')
+        echo "zscale=t=linear:npl=203,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=mobius:param=0.5:desat=0:peak=$peak,zscale=t=bt709:m=bt709:r=pc,format=rgb24"
+        return
+    fi
+    width=$(probe "$1" width)
+    height=$(probe "$1" height)
+    case $(probe "$1" color_space) in
+        bt709) matrix=bt709 ;;
+        bt2020nc | bt2020c) matrix=bt2020 ;;
+        smpte170m | bt470bg) matrix=bt601 ;;
+        *) if [ "$width" -ge 1280 ] || [ "$height" -gt 576 ]; then matrix=bt709; else matrix=bt601; fi ;;
+    esac
+    case $(probe "$1" color_range) in pc) range=pc ;; *) range=tv ;; esac
+    echo "scale=w='trunc(iw*sar+0.5)':h=ih:in_color_matrix=$matrix:in_range=$range:flags=bilinear,setsar=1,format=rgb24"
+}
+: > "$SCRATCH/colour.md"
+for f in "$FIXTURES"/patches_* "$FIXTURES"/bars_*.mkv "$FIXTURES"/square_*; do
+    name=$(basename "$f")
+    rm -rf "$SCRATCH/colour"
+    mkdir -p "$SCRATCH/colour"
+    "$TOOL" -s 0x0 -o "$SCRATCH/colour" "$f" >/dev/null
+    $FF -i "$f" -frames:v 1 -vf "$(reference_chain "$f")" -update 1 "$SCRATCH/colour/ref.png"
+    mae=$(compare -metric MAE "$SCRATCH/colour/$name-0.png" "$SCRATCH/colour/ref.png" null: 2>&1 |
+        sed -n 's/.*(\([0-9.e-]*\)).*/\1/p')
+    tags="$(probe "$f" color_space) / $(probe "$f" color_range) / $(probe "$f" color_transfer)"
+    echo "| $name | $tags | $(awk -v m="$mae" 'BEGIN { printf "%.2f", 255 * m }') |" \
+        >> "$SCRATCH/colour.md"
+done
 
 # --- The report -----------------------------------------------------------------------------
 cpu=$(sed -n 's/^model name[[:space:]]*: *//p' /proc/cpuinfo | head -n 1)
@@ -168,22 +228,36 @@ thumbnailer_version=$(dpkg-query -W -f='${Version}' ffmpegthumbnailer 2>/dev/nul
 {
     echo "## Video thumbnails"
     echo
-    echo "Written by bench/video.sh; run it again to refresh. Thumbnails per second at 320 x 180"
-    echo "over whole runs (more is better), median of $ROUNDS rounds; in brackets the ratio"
-    echo "ours / peer. qrb-thumb takes all inputs in one process, its four video workers sharing"
-    echo "the machine; a peer runs once per input (and per frame), one at a time or, in the"
-    echo "\"x$CORES\" columns, $CORES at a time. Frames are taken at (i + 1) / (N + 1) of the"
-    echo "duration. The library decodes the key frame at or before each position, as"
-    echo "ffmpegthumbnailer does; \`ffmpeg -ss\` decodes on from there to the exact moment. Every"
-    echo "tool writes PNG files. Processor time per thumbnail counts every process of a run"
-    echo "(user + system), which the machine's other load disturbs far less than the wall clock."
-    echo "Peak memory is that of the largest process of a run."
+    echo "Written by bench/video.sh; run it again to refresh. One core: every process pinned to"
+    echo "the first processor (\`taskset -c 0\`). Milliseconds per frame at 320 x 180 over whole"
+    echo "batches, start-up included, the fastest of $ROUNDS rounds (less is better); in brackets"
+    echo "ours / peer. qrb-thumb takes a batch in one process, its four video workers sharing the"
+    echo "core; ffmpegthumbnailer and \`ffmpeg -noaccurate_seek -ss T -i F -frames:v 1\` (scale and"
+    echo "crop, PNG) run once per frame. Frames are taken at (i + 1) / (N + 1) of the duration, the"
+    echo "key frame at or before each moment for all three. Sources: a moving test pattern with"
+    echo "grain, a key frame every 2 s; 1080p 60 s (H.264 6 Mb/s, x264 veryfast; HEVC x265"
+    echo "ultrafast, closed GOPs; the last row x265's default open GOPs), 2160p 20 s (20 Mb/s)."
+    echo "Peak memory: GNU time's maximum resident set of the largest process of a batch, for"
+    echo "qrb-thumb the whole batch with its four workers (pictures above 2 x 1080p are decoded"
+    echo "one at a time). An open-GOP HEVC key frame (CRA) seen without the pictures before it"
+    echo "makes FFmpeg's decoder allocate stand-ins for every reference its successors name, some"
+    echo "90 MiB at 2160p, which no caller can turn off."
     echo
-    echo "| case | qrb-thumb | ffmpegthumbnailer | ffmpegthumbnailer x$CORES | ffmpeg | ffmpeg x$CORES | processor time per thumbnail: ours / ffmpegthumbnailer / ffmpeg | peak memory: ours / ffmpegthumbnailer / ffmpeg |"
-    echo "|---|---|---|---|---|---|---|---|"
+    echo "| case | frames | qrb-thumb, ms per frame | ffmpegthumbnailer | ffmpeg -noaccurate_seek | peak memory: ours / ffmpegthumbnailer / ffmpeg |"
+    echo "|---|---|---|---|---|---|"
     cat "$SCRATCH/table.md"
     echo
-    echo "Machine: $cpu, $CORES processors; Debian $(cat /etc/debian_version 2>/dev/null || echo '?');"
+    echo "Colour check: each test video (testdata/make_video_fixtures.sh) grabbed at its own size"
+    echo "beside FFmpeg's own frame of it, converted with the stream's matrix and range (the usual"
+    echo "ones for its size when untagged), PQ and HLG tone-mapped by the same operator on the whole"
+    echo "picture (zscale to linear light at 203 cd/m2, BT.709 primaries, tonemap=mobius:param=0.5,"
+    echo "BT.709), the sample aspect ratio applied: mean absolute difference, levels of 255."
+    echo
+    echo "| video | matrix / range / transfer | mean difference |"
+    echo "|---|---|---|"
+    cat "$SCRATCH/colour.md"
+    echo
+    echo "Machine: $cpu, $(nproc) processors (one used); Debian $(cat /etc/debian_version 2>/dev/null || echo '?');"
     echo "FFmpeg $ffmpeg_version; ffmpegthumbnailer $thumbnailer_version; build ${build_type:-default};"
     echo "load average before / after: $load_before / $(cut -d' ' -f1-3 /proc/loadavg);"
     echo "$(date -u '+%Y-%m-%d %H:%M UTC')."

@@ -6,7 +6,7 @@ find_package(CURL REQUIRED)
 
 pkg_check_modules(GLIB REQUIRED IMPORTED_TARGET glib-2.0)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
-pkg_check_modules(LIBAV REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil libswscale)
+pkg_check_modules(LIBAV REQUIRED IMPORTED_TARGET libavformat libavcodec libavutil libswscale libavfilter)
 pkg_check_modules(LIBPNG REQUIRED IMPORTED_TARGET libpng)
 pkg_check_modules(LIBISAL REQUIRED IMPORTED_TARGET libisal)
 pkg_check_modules(LIBJPEG REQUIRED IMPORTED_TARGET libjpeg)

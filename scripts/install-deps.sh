@@ -9,7 +9,7 @@ build-essential cmake ninja-build pkg-config git ca-certificates
 clang libclang-rt-14-dev clang-format
 libglib2.0-dev libboost-dev libboost-thread-dev
 libcurl4-openssl-dev libssl-dev openssl
-libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
+libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libavfilter-dev ffmpeg
 libjpeg62-turbo-dev libpng-dev libisal-dev libexif-dev libxml2-dev uuid-dev libgphoto2-dev
 libgtest-dev libgmock-dev googletest
 libcli11-dev nlohmann-json3-dev libcpp-httplib-dev

@@ -64,6 +64,7 @@ SwsContext* SwsGetContext(int src_width, int src_height, int src_format, int dst
 int SwsScale(SwsContext* context, const uint8_t* const src[], const int src_stride[],
              int src_slice_y, int src_slice_h, uint8_t* const dst[], const int dst_stride[]);
 void SwsFreeContext(SwsContext* context);
+int SwsSetSourceFrame(SwsContext* context, const AVFrame* source);
 
 }  // namespace qrbffmpeg
 

@@ -3,6 +3,7 @@
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
 extern "C" {
+#include <libavutil/display.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/mathematics.h>
 }
@@ -10,7 +11,9 @@ extern "C" {
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cmath>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -39,12 +42,116 @@ int DeadlinePassed(void* opaque) {
 }
 
 // What open input hands out: the public record first, the owners behind it. The library sees
-// only the record; close input turns it back into this.
+// only the record; close input turns it back into this. The codec context's opaque field points
+// back here, so that the decode function finds the input its pictures come from.
 struct Input : QRBFFmpegInput {
     Deadline deadline;
     QRBScopedFormatContext ownedFormat;  // null for an adopted input
     QRBScopedCodecContext codec;
+    // A bare stream without timestamps: its clock is the byte position, its duration estimated
+    // (see MeasureDuration), fileBytes its size.
+    bool byteClock = false;
+    int64_t fileBytes = 0;
 };
+
+// How the display matrix turns the stored picture, as an EXIF orientation (1 to 8), in the way
+// FFmpeg's own command line reads the matrix: the angle first, then the signs that tell a
+// mirrored form. Angles other than quarter turns are shown unturned.
+int OrientationOf(const AVStream* stream) {
+    size_t size = 0;
+    const uint8_t* data = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    if (data == nullptr || size < 9 * sizeof(int32_t)) return 1;
+    int32_t m[9];
+    std::memcpy(m, data, sizeof(m));
+    double theta = -av_display_rotation_get(m);  // clockwise, in degrees
+    if (std::isnan(theta)) return 1;
+    theta -= 360 * std::floor(theta / 360 + 0.9 / 360);
+    if (std::fabs(theta - 90) < 1) return m[3] > 0 ? 5 : 6;
+    if (std::fabs(theta - 180) < 1) {
+        const bool h = m[0] < 0;
+        const bool v = m[4] < 0;
+        return h && v ? 3 : h ? 2 : v ? 4 : 1;
+    }
+    if (std::fabs(theta - 270) < 1) return m[3] < 0 ? 7 : 8;
+    if (std::fabs(theta) < 1) return m[4] < 0 ? 4 : 1;
+    return 1;
+}
+
+// A duration for a container that gives none. With timestamps: the end of the last video packet
+// in the file's last kTailBytes. Without any (a bare elementary stream): the file's size over
+// the mean size of its first pictures, at the stream's frame rate, and the input's clock
+// becomes the byte position. Reads at most kSamplePackets + kTailPackets packets; the grabber
+// seeks before every position, so where this leaves the demuxer does not matter.
+constexpr int kSamplePackets = 50;
+constexpr int kTailPackets = 20000;
+constexpr int64_t kTailBytes = 4 * 1024 * 1024;
+
+void MeasureDuration(Input& input, AVFormatContext* context, const AVStream* stream) {
+    const int64_t size = context->pb != nullptr ? avio_size(context->pb) : -1;
+    if (size <= 0) return;
+    QRBScopedPacket packet(av_packet_alloc());
+    if (!packet) return;
+    int pictures = 0;
+    int64_t bytes = 0;
+    bool stamped = false;
+    for (int n = 0; n < kSamplePackets && av_read_frame(context, packet.get()) >= 0; ++n) {
+        if (packet->stream_index == stream->index) {
+            ++pictures;
+            bytes += packet->size;
+            stamped = stamped || packet->pts != AV_NOPTS_VALUE || packet->dts != AV_NOPTS_VALUE;
+        }
+        av_packet_unref(packet.get());
+    }
+    if (pictures == 0) return;
+    if (!stamped) {
+        AVRational rate = stream->avg_frame_rate;
+        if (rate.num <= 0 || rate.den <= 0) rate = stream->r_frame_rate;
+        if (rate.num <= 0 || rate.den <= 0) rate = {25, 1};
+        const double frames = static_cast<double>(size) * pictures / std::max<int64_t>(bytes, 1);
+        // At most a year: a crafted stream of one-byte pictures at a crawling rate stays a
+        // number the clock can hold.
+        const double us = std::min(frames * AV_TIME_BASE / av_q2d(rate), 365.0 * 86400 * 1e6);
+        input.duration = static_cast<int64_t>(us);
+        input.byteClock = true;
+        input.fileBytes = size;
+        return;
+    }
+    input.deadline.Arm();
+    if (av_seek_frame(context, -1, std::max<int64_t>(0, size - kTailBytes), AVSEEK_FLAG_BYTE) < 0) {
+        return;
+    }
+    int64_t end = AV_NOPTS_VALUE;
+    for (int n = 0; n < kTailPackets && av_read_frame(context, packet.get()) >= 0; ++n) {
+        const int64_t t = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+        if (packet->stream_index == stream->index && t != AV_NOPTS_VALUE) {
+            end = std::max(end, t + std::max<int64_t>(packet->duration, 0));
+        }
+        av_packet_unref(packet.get());
+    }
+    if (end == AV_NOPTS_VALUE || end <= input.start_pts) return;
+    input.duration = av_rescale_q(end - input.start_pts, stream->time_base, AV_TIME_BASE_Q);
+}
+
+// Containers made of packets that the demuxer finds again from any byte (transport and program
+// streams), where the first byte is the start.
+bool StartsAtFirstByte(const AVFormatContext* context) {
+    const char* name = context->iformat != nullptr ? context->iformat->name : "";
+    return std::strcmp(name, "mpegts") == 0 || std::strcmp(name, "mpeg") == 0;
+}
+
+// What the decode function does to every picture before handing it out.
+void Finish(AVCodecContext* context, AVFrame* frame) {
+    const Input* input = static_cast<const Input*>(context->opaque);
+    if (input != nullptr && input->byteClock && frame->best_effort_timestamp == AV_NOPTS_VALUE &&
+        frame->pts == AV_NOPTS_VALUE && frame->pkt_pos >= 0 && input->fileBytes > 0 &&
+        input->time_base_num > 0 && input->time_base_den > 0) {
+        // Stamped from where the picture lies in the file, on the byte clock its seeks use.
+        const int64_t us = av_rescale(frame->pkt_pos, input->duration, input->fileBytes);
+        frame->pts = av_rescale_q(us, AV_TIME_BASE_Q,
+                                  AVRational{input->time_base_num, input->time_base_den});
+        frame->best_effort_timestamp = frame->pts;
+    }
+}
 
 // The video stream to grab from: the best one by FFmpeg's measure unless that is a cover
 // picture (an attached picture is a still image, not the video), else the first real one.
@@ -87,19 +194,28 @@ int Describe(Input& input, AVFormatContext* context) {
     // frame threads would hold pictures back.
     codec->thread_count = 1;
 
-    input.duration = context->duration;
-    if (input.duration == AV_NOPTS_VALUE && stream->duration != AV_NOPTS_VALUE) {
-        input.duration = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
-    }
-    if (input.duration == AV_NOPTS_VALUE) input.duration = -1;
     input.width = par->width;
     input.height = par->height;
     input.video_stream_index = index;
     input.time_base_num = stream->time_base.num;
     input.time_base_den = stream->time_base.den;
     input.start_pts = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+    input.sar_num = stream->sample_aspect_ratio.num > 0 && stream->sample_aspect_ratio.den > 0
+                        ? stream->sample_aspect_ratio.num
+                        : 0;
+    input.sar_den = input.sar_num > 0 ? stream->sample_aspect_ratio.den : 1;
+    input.orientation = OrientationOf(stream);
+    input.duration = context->duration;
+    if (input.duration == AV_NOPTS_VALUE && stream->duration != AV_NOPTS_VALUE) {
+        input.duration = av_rescale_q(stream->duration, stream->time_base, AV_TIME_BASE_Q);
+    }
+    if (input.duration == AV_NOPTS_VALUE) {
+        input.duration = -1;
+        MeasureDuration(input, context, stream);
+    }
     input.video_codec = decoder;
     input.format_context = context;
+    codec->opaque = &input;
     input.codec = std::move(codec);
     input.codec_context = input.codec.get();
     return 0;
@@ -223,12 +339,14 @@ int DecodeVideo(AVCodecContext* context, AVFrame* frame, int* got_picture, const
         // counts as used, as the one-call decoders did.
         ret = avcodec_receive_frame(context, frame);
         if (ret < 0) return ret;
+        Finish(context, frame);
         *got_picture = 1;
         return 0;
     }
     if (ret < 0 && ret != AVERROR_EOF) return ret;
     ret = avcodec_receive_frame(context, frame);
     if (ret == 0) {
+        Finish(context, frame);
         *got_picture = 1;
     } else if (ret != AVERROR(EAGAIN) && ret != AVERROR_EOF) {
         return ret;
@@ -244,6 +362,20 @@ int SeekFrame(QRBFFmpegInput* input, int64_t timestamp_us) {
     if (input == nullptr || input->format_context == nullptr) return AVERROR(EINVAL);
     Input* self = static_cast<Input*>(input);
     AVFormatContext* context = input->format_context;
+    if (self->byteClock) {
+        // No timestamps to seek by: the same share of the file as of the duration.
+        const int64_t clamped = std::max<int64_t>(0, std::min(timestamp_us, input->duration));
+        const int64_t pos =
+            input->duration > 0 ? av_rescale(clamped, self->fileBytes, input->duration) : 0;
+        self->deadline.Arm();
+        return av_seek_frame(context, -1, pos, AVSEEK_FLAG_BYTE);
+    }
+    if (timestamp_us <= 0 && StartsAtFirstByte(context)) {
+        // A transport or program stream starts at its first byte: a search by timestamp goes by
+        // decoding times and may land past the first key frame.
+        self->deadline.Arm();
+        if (av_seek_frame(context, -1, 0, AVSEEK_FLAG_BYTE) >= 0) return 0;
+    }
     const AVRational timeBase = {input->time_base_num, input->time_base_den};
     const int64_t target = av_rescale_q(timestamp_us, AV_TIME_BASE_Q, timeBase) + input->start_pts;
     self->deadline.Arm();

@@ -7,7 +7,8 @@
 // definitions), as a forwarder to the real function: the first call opens the library by the
 // soname this build was made against and looks the symbol up; later calls go straight through.
 // The libraries are never closed. The media plug-ins link FFmpeg themselves and do not use
-// this file.
+// this file; FFmpeg's filters, which only some pictures need, are loaded by
+// qrb_avfilter_loader.cpp, here and in the scaler plug-in alike.
 
 #include "qrb_log.h"
 
@@ -28,6 +29,7 @@
 
 #pragma GCC visibility push(hidden)
 extern "C" {
+#include <libavutil/display.h>
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
@@ -87,6 +89,20 @@ QRB_FORWARD(AvUtil, int, av_image_get_buffer_size,
 QRB_FORWARD(AvUtil, const AVPixFmtDescriptor*, av_pix_fmt_desc_get, (enum AVPixelFormat pix_fmt),
             (pix_fmt))
 QRB_FORWARD(AvUtil, int64_t, av_rescale_q, (int64_t a, AVRational bq, AVRational cq), (a, bq, cq))
+QRB_FORWARD(AvUtil, int64_t, av_rescale, (int64_t a, int64_t b, int64_t c), (a, b, c))
+QRB_FORWARD(AvUtil, char*, av_strdup, (const char* s), (s))
+QRB_FORWARD(AvUtil, AVFrame*, av_frame_clone, (const AVFrame* src), (src))
+QRB_FORWARD(AvUtil, void, av_frame_unref, (AVFrame * frame), (frame))
+QRB_FORWARD(AvUtil, void, av_frame_move_ref, (AVFrame * dst, AVFrame* src), (dst, src))
+QRB_FORWARD(AvUtil, int, av_frame_get_buffer, (AVFrame * frame, int align), (frame, align))
+QRB_FORWARD(AvUtil, int, av_frame_make_writable, (AVFrame * frame), (frame))
+QRB_FORWARD(AvUtil, AVFrameSideData*, av_frame_get_side_data,
+            (const AVFrame* frame, enum AVFrameSideDataType type), (frame, type))
+QRB_FORWARD(AvUtil, void, av_image_copy_plane,
+            (uint8_t * dst, int dst_linesize, const uint8_t* src, int src_linesize, int bytewidth,
+             int height),
+            (dst, dst_linesize, src, src_linesize, bytewidth, height))
+QRB_FORWARD(AvUtil, double, av_display_rotation_get, (const int32_t matrix[9]), (matrix))
 
 QRB_FORWARD(AvCodec, int, av_new_packet, (AVPacket * pkt, int size), (pkt, size))
 QRB_FORWARD(AvCodec, AVPacket*, av_packet_alloc, (void), ())
@@ -118,6 +134,10 @@ QRB_FORWARD(AvFormat, int, av_seek_frame,
             (AVFormatContext * s, int stream_index, int64_t timestamp, int flags),
             (s, stream_index, timestamp, flags))
 QRB_FORWARD(AvFormat, AVFormatContext*, avformat_alloc_context, (void), ())
+QRB_FORWARD(AvFormat, uint8_t*, av_stream_get_side_data,
+            (const AVStream* stream, enum AVPacketSideDataType type, size_t* size),
+            (stream, type, size))
+QRB_FORWARD(AvFormat, int64_t, avio_size, (AVIOContext * s), (s))
 QRB_FORWARD(AvFormat, void, avformat_close_input, (AVFormatContext * *s), (s))
 QRB_FORWARD(AvFormat, int, avformat_find_stream_info, (AVFormatContext * ic, AVDictionary** options),
             (ic, options))
@@ -136,3 +156,9 @@ QRB_FORWARD(SwScale, int, sws_scale,
             (struct SwsContext * c, const uint8_t* const srcSlice[], const int srcStride[],
              int srcSliceY, int srcSliceH, uint8_t* const dst[], const int dstStride[]),
             (c, srcSlice, srcStride, srcSliceY, srcSliceH, dst, dstStride))
+QRB_FORWARD(SwScale, const int*, sws_getCoefficients, (int colorspace), (colorspace))
+QRB_FORWARD(SwScale, int, sws_setColorspaceDetails,
+            (struct SwsContext * c, const int inv_table[4], int srcRange, const int table[4],
+             int dstRange, int brightness, int contrast, int saturation),
+            (c, inv_table, srcRange, table, dstRange, brightness, contrast, saturation))
+

@@ -137,6 +137,11 @@ void qrb_init_ffmpeg_api(unsigned char* ready) {
             return;
         }
     }
+    // The scaler's description of its source pictures is an addition of ours to the plug-ins'
+    // interface: a plug-in without it still binds, and converts with its defaults.
+    api.sws_set_source = reinterpret_cast<qrb_ffmpegapi_sws_set_source_fn>(
+        dlsym(api.scaler_library, "gst_ffmpegapi_sws_setSourceFrame"));
+    if (api.sws_set_source == nullptr) QRB_LOGD("the scaler plug-in takes no source description");
     QRB_LOGI("initialize ffmpeg api success.");
     *ready = 1;
 }

@@ -60,12 +60,19 @@ typedef struct QRBFFmpegInput {
     struct AVFormatContext* format_context; /* the plug-in's own; the library does not touch it */
     int64_t start_pts; /* the video stream's first timestamp, in its time base (0 when unknown):
                           frame positions are counted from it */
+    int sar_num;       /* the container's sample aspect ratio (the shape of one stored pixel), */
+    int sar_den;       /*   0 / 1 when it gives none: the decoded pictures' own then holds */
+    int orientation;   /* how the display matrix turns the stored picture, as an EXIF
+                          orientation: 1 upright, 6 a quarter turn clockwise, 3 a half turn,
+                          8 a quarter turn anticlockwise, 2 / 4 / 5 / 7 their mirrored forms */
 } QRBFFmpegInput;
 
 /* Opens path and finds its video stream. 0 and *input set, or a negative error and *input
  * null. Only regular local files in the common video containers are opened (no network, no
  * playlists or manifests that reach other files), probing is bounded, and a video stream above
- * 8192 pixels on a side is refused. */
+ * 8192 pixels on a side is refused. A file whose container gives no duration gets one measured
+ * from its last timestamps or, for a bare stream without any, estimated from its size (it is
+ * then sought by bytes, and its pictures are stamped from where they lie in the file). */
 typedef int (*qrb_ffmpegapi_open_input_fn)(const char* path, QRBFFmpegInput** input);
 /* Releases everything open input made and nulls *input. */
 typedef void (*qrb_ffmpegapi_close_input_fn)(QRBFFmpegInput** input);
@@ -102,7 +109,9 @@ typedef int (*qrb_ffmpegapi_picture_fill_fn)(struct AVFrame* frame, const uint8_
 typedef struct SwsContext* (*qrb_ffmpegapi_sws_get_context_fn)(int src_width, int src_height,
                                                                int src_format, int dst_width,
                                                                int dst_height, int dst_format);
-/* Scales a slice of rows; the number of output rows, <= 0 on failure. */
+/* Scales a slice of rows; the number of output rows, <= 0 on failure. A scaler told of
+ * high-dynamic-range or interlaced pictures (below) takes whole pictures only (slice 0 to the
+ * height). */
 typedef int (*qrb_ffmpegapi_sws_scale_fn)(struct SwsContext* context, const uint8_t* const src[],
                                           const int src_stride[], int src_slice_y, int src_slice_h,
                                           uint8_t* const dst[], const int dst_stride[]);
@@ -112,6 +121,16 @@ typedef void (*qrb_ffmpegapi_free_frame_fn)(struct AVFrame** frame);
 /* 0 when the input can be seeked, non-zero when it cannot. */
 typedef int (*qrb_ffmpegapi_seek_available_fn)(QRBFFmpegInput* input);
 typedef void (*qrb_ffmpegapi_flush_buffers_fn)(struct AVCodecContext* context);
+/* Not one of the table's nineteen, and optional: tells a scaler what the pictures it converts
+ * are, by the decoded frame they come from (its matrix, range, transfer, primaries and light
+ * levels, each falling back on the usual one for the picture's size when the stream does not
+ * say), so that it converts them as a player shows them: with the stream's own matrix and
+ * range, tone-mapped to BT.709 when they are PQ or HLG, and deinterlaced when the frame is
+ * interlaced (the scaler then scales its own progressive copy of the frame, which must be the
+ * one whose rows the scale is handed). 0 on success. Without it a scaler converts with the usual
+ * matrix for the picture's size, limited range. */
+typedef int (*qrb_ffmpegapi_sws_set_source_fn)(struct SwsContext* context,
+                                               const struct AVFrame* source);
 
 #ifdef QRB_FFMPEGAPI_PLUGIN
 /* What the plug-in libraries export, with C linkage. libgstffmpeg.so: */
@@ -140,6 +159,7 @@ int gst_ffmpegapi_sws_scale(struct SwsContext* context, const uint8_t* const src
                             const int src_stride[], int src_slice_y, int src_slice_h,
                             uint8_t* const dst[], const int dst_stride[]);
 void gst_ffmpegapi_sws_freeContext(struct SwsContext* context);
+int gst_ffmpegapi_sws_setSourceFrame(struct SwsContext* context, const struct AVFrame* source);
 #endif
 
 /*
@@ -168,6 +188,9 @@ typedef struct QRBFFmpegApi {
     qrb_ffmpegapi_free_frame_fn free_frame;
     qrb_ffmpegapi_seek_available_fn seek_available;
     qrb_ffmpegapi_flush_buffers_fn flush_buffers;
+    /* Looked up after the nineteen, in the scaler library; null when the plug-in lacks it,
+       which neither stops the binding nor fails the check. */
+    qrb_ffmpegapi_sws_set_source_fn sws_set_source;
 } QRBFFmpegApi;
 
 #ifdef __cplusplus

@@ -195,6 +195,8 @@ TEST_F(BindingTest, CompleteBindingTakesEverySymbolFromItsOwnLibrary) {
               dlsym(api.scaler_library, "gst_ffmpegapi_sws_scale"));
     EXPECT_EQ(reinterpret_cast<void*>(api.flush_buffers),
               dlsym(api.decoder_library, "gst_ffmpegapi_avcodec_flush_buffers"));
+    // A platform scaler without the source description binds all the same.
+    EXPECT_EQ(api.sws_set_source, nullptr);
 }
 
 // The plug-ins this project builds, bound and used: every symbol comes from the library it
@@ -222,6 +224,10 @@ TEST_F(BindingTest, RealPluginsBindCompletelyAndGrabAFrame) {
         void* other = scaler ? g_QRBFFmpegApi.decoder_library : g_QRBFFmpegApi.scaler_library;
         EXPECT_EQ(dlsym(other, m.symbol), nullptr);
     }
+    // Ours also takes the description of its source pictures.
+    EXPECT_EQ(reinterpret_cast<void*>(g_QRBFFmpegApi.sws_set_source),
+              dlsym(g_QRBFFmpegApi.scaler_library, "gst_ffmpegapi_sws_setSourceFrame"));
+    EXPECT_NE(g_QRBFFmpegApi.sws_set_source, nullptr);
 
     boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
     _stRequestedItem request = VideoRequest();

@@ -5,9 +5,11 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 #include "video-decoder/qrb_ffmpeg_api_impl.h"
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
+#include "video-decoder/qrb_video_frame_grabber.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -45,46 +47,6 @@ private:
 void CloseDrmManager(divx_drm_manager* manager) { divx_drm_close(manager); }
 using ScopedDrmManager = QRBScoped<divx_drm_manager, CloseDrmManager>;
 
-void CloseStdioFile(FILE* file) { std::fclose(file); }
-using ScopedStdioFile = QRBScoped<FILE, CloseStdioFile>;
-
-// Frames, inputs, opened codecs and scalers made through a media table are released through the
-// same table; the packet object itself is released with av_packet_free (the table's contract).
-struct ApiFrameFree {
-    qrb_ffmpegapi_free_frame_fn free_frame;
-    void operator()(AVFrame* frame) const noexcept {
-        if (frame != nullptr) free_frame(&frame);
-    }
-};
-using QRBApiFrame = std::unique_ptr<AVFrame, ApiFrameFree>;
-
-struct ApiInputClose {
-    qrb_ffmpegapi_close_input_fn close_input;
-    void operator()(QRBFFmpegInput* input) const noexcept {
-        if (input != nullptr) close_input(&input);
-    }
-};
-using QRBApiInput = std::unique_ptr<QRBFFmpegInput, ApiInputClose>;
-
-// An opened codec: closed at the end; the context itself belongs to the input.
-struct ApiCodecClose {
-    qrb_ffmpegapi_codec_close_fn codec_close;
-    void operator()(AVCodecContext* context) const noexcept {
-        if (context != nullptr) codec_close(context);
-    }
-};
-using QRBApiOpenCodec = std::unique_ptr<AVCodecContext, ApiCodecClose>;
-
-struct ApiSwsFree {
-    qrb_ffmpegapi_sws_free_context_fn sws_free_context;
-    void operator()(SwsContext* context) const noexcept {
-        if (context != nullptr) sws_free_context(context);
-    }
-};
-using QRBApiSwsContext = std::unique_ptr<SwsContext, ApiSwsFree>;
-
-using QRBMallocBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
-
 // The direct grabber's table: this library's own FFmpeg functions, in the plug-ins' shapes.
 const QRBFFmpegApi& DirectApi() {
     static const QRBFFmpegApi api = [] {
@@ -108,29 +70,10 @@ const QRBFFmpegApi& DirectApi() {
         t.free_frame = &qrbffmpeg::FreeFrame;
         t.seek_available = &qrbffmpeg::SeekAvailable;
         t.flush_buffers = &qrbffmpeg::FlushBuffers;
+        t.sws_set_source = &qrbffmpeg::SwsSetSourceFrame;
         return t;
     }();
     return api;
-}
-
-// The output size that covers width x height with the source's aspect ratio (the callback then
-// crops the centre); 0 in either wanted side keeps the source size. 64-bit products: sides up
-// to INT_MAX cannot overflow.
-void CoverSize(long long srcW, long long srcH, long long w, long long h, long long* outW,
-               long long* outH) {
-    if (w == 0 || h == 0) {
-        *outW = srcW;
-        *outH = srcH;
-    } else if (w * srcH < h * srcW) {
-        *outW = h * srcW / srcH;
-        *outH = h;
-    } else if (w * srcH > h * srcW) {
-        *outW = w;
-        *outH = w * srcH / srcW;
-    } else {
-        *outW = w;
-        *outH = h;
-    }
 }
 
 }  // namespace
@@ -415,200 +358,13 @@ bool CQRBThumbnailVideoDecoder::m_GetFrameFromArcplayer(
     return m_GrabFrames(api, input, request, item, callback, user);
 }
 
-bool CQRBThumbnailVideoDecoder::m_GrabFrames(const QRBFFmpegApi& api, QRBFFmpegInput* rawInput,
+bool CQRBThumbnailVideoDecoder::m_GrabFrames(const QRBFFmpegApi& api, QRBFFmpegInput* input,
                                              _stRequestedItem& request,
                                              boost::intrusive_ptr<CQRBThumbnailItem> item,
                                              FrameCallback callback, void* user) {
-    QRBApiInput input(rawInput, ApiInputClose{api.close_input});
-    if (api.seek_available(input.get()) != 0) {
-        QRB_LOGW("ffmpeg_av_seek_frame_available fail!");
-        return false;
-    }
-    // Both sides must reach 4K: a 3840 x 2000 picture is decoded like any other.
-    const bool is4K = input->width >= 3840 && input->height >= 2160;
-    QRB_LOGD("width [%d], height[%d]\n", input->width, input->height);
-    if (is4K) QRB_LOGD("4K video: only key frames are decoded");
-    AVCodecContext* context = input->codec_context;
-    if (context == nullptr) {
-        QRB_LOGW("codec_context pointer is NULL\n");
-        return false;
-    }
-    if (input->video_codec == nullptr) {
-        QRB_LOGW("video_codec pointer is NULL\n");
-        return false;
-    }
-    if (api.codec_open(context, input->video_codec) < 0) {
-        QRB_LOGW("ffmpeg_avcodec_open2 error");
-        return false;
-    }
-    QRBApiOpenCodec codec(context, ApiCodecClose{api.codec_close});
-
-    QRBApiFrame frame(api.alloc_frame(), ApiFrameFree{api.free_frame});
-    QRBApiFrame scaled(api.alloc_frame(), ApiFrameFree{api.free_frame});
-    if (!frame || !scaled) {
-        QRB_LOGW("alloc frame error");
-        return false;
-    }
-    QRBScopedPacket packet(api.alloc_packet());
-    if (!packet) {
-        QRB_LOGW("ffmpeg_avcodec_alloc_packet fail!");
-        return false;
-    }
-    // An unknown length (-1) has no positions to spread over. A container that says 0 still
-    // has its pictures: every position is then the start.
-    const long long duration = input->duration;
-    if (duration < 0) {
-        QRB_LOGW("duration [%lld] error", duration);
-        return false;
-    }
-
-    const int frameCount = request.FrameCount;
-    const long long step = duration / (frameCount + 1);
-    const AVRational timeBase = {input->time_base_num > 0 ? input->time_base_num : 1,
-                                 input->time_base_den > 0 ? input->time_base_den : 1};
-    bool ok = true;
-    for (int i = 0; i < frameCount && ok; ++i) {
-        if (AbandonRequested()) {
-            QRB_LOGW("stop requested, frame grabbing abandoned at frame[%d]", i);
-            ok = false;
-            break;
-        }
-        QRB_LOGD("get frame[%d]", i);
-        const long long target = step * (i + 1);
-        if (api.seek_frame(input.get(), target) < 0) {
-            // Read on from where the demuxer stands: the frame comes out late, not wrong.
-            QRB_LOGW("seek to %lld failed", target);
-        }
-        api.init_packet(packet.get());
-
-        int attempts = 0;
-        int decoded = 0;
-        int skipped = 0;
-        bool got = false;
-        while (!got) {
-            if (AbandonRequested()) break;
-            if (api.read_frame(input.get(), packet.get()) < 0) {
-                api.free_packet(packet.get());
-                QRB_LOGD("bFind:%d,frame:%d", got ? 1 : 0, i);
-                break;
-            }
-            if (packet->stream_index != input->video_stream_index) {
-                api.free_packet(packet.get());
-                api.init_packet(packet.get());
-                continue;
-            }
-            // Decoding starts at a key frame and then follows the packets until a picture is
-            // complete; a 4K video decodes key frames only, the others cost too much.
-            const bool key = (packet->flags & AV_PKT_FLAG_KEY) != 0;
-            if (is4K ? !key : (!key && decoded == 0)) {
-                ++skipped;
-                api.free_packet(packet.get());
-                api.init_packet(packet.get());
-                continue;
-            }
-            int gotPicture = 0;
-            const int len = api.decode_video(context, frame.get(), &gotPicture, packet.get());
-            ++decoded;
-            if (len < 0) {
-                ++attempts;
-                QRB_LOGW("Decode Falied: len < 0");
-                api.free_packet(packet.get());
-                if (attempts < 201) {
-                    api.init_packet(packet.get());
-                    continue;
-                }
-                break;
-            }
-            if (gotPicture == 0) {
-                ++attempts;
-                QRB_LOGD("frame:[%d] decode not finished.", i);
-                api.free_packet(packet.get());
-                if (attempts > 200) break;
-                api.init_packet(packet.get());
-                continue;
-            }
-            got = true;
-        }
-        QRB_LOGD("frame[%d]: %d packets decoded, %d skipped", i, decoded, skipped);
-        if (AbandonRequested()) {
-            QRB_LOGW("stop requested, frame grabbing abandoned at frame[%d]", i);
-            ok = false;
-            break;
-        }
-        // Between positions the decoder forgets what it held, whether or not this position gave
-        // a picture: the next one starts from another key frame.
-        if (frameCount > i + 1) api.flush_buffers(context);
-        api.free_packet(packet.get());
-        if (!got) continue;
-        QRB_LOGD("pts=%lld,dts:%lld", static_cast<long long>(frame->pts),
-                 static_cast<long long>(frame->pkt_dts));
-
-        // The decoded picture's own size and format, not the stream's: a stream may change
-        // them midway, and the scaler must read exactly what the frame holds.
-        const int srcW = frame->width;
-        const int srcH = frame->height;
-        long long outW = 0;
-        long long outH = 0;
-        CoverSize(srcW, srcH, request.width, request.height, &outW, &outH);
-        const int numBytes = (outW > 0 && outH > 0 && outW <= INT_MAX && outH <= INT_MAX)
-                                 ? api.picture_size(QRB_FFMPEGAPI_FMT_ARGB, static_cast<int>(outW),
-                                                    static_cast<int>(outH))
-                                 : -1;
-        if (numBytes < 1) {
-            QRB_LOGW("numBytes[%d]\n", numBytes);
-            ok = false;
-            break;
-        }
-        QRBMallocBuffer buffer(static_cast<unsigned char*>(std::malloc(numBytes)), &std::free);
-        if (!buffer) {
-            QRB_LOGW("malloc fail!");
-            ok = false;
-            break;
-        }
-        long long pts = frame->best_effort_timestamp;
-        if (pts == AV_NOPTS_VALUE) pts = frame->pts;
-        if (pts == AV_NOPTS_VALUE) pts = input->start_pts;
-        // Milliseconds from the start of the video stream.
-        const long long timestamp = av_rescale_q(pts - input->start_pts, timeBase, {1, 1000});
-        if (api.picture_fill(scaled.get(), buffer.get(), QRB_FFMPEGAPI_FMT_ARGB,
-                             static_cast<int>(outW), static_cast<int>(outH)) < 0) {
-            QRB_LOGW("ffmpeg_av_picture_fill fail!");
-            ok = false;
-            break;
-        }
-        QRBApiSwsContext sws(api.sws_get_context(srcW, srcH, frame->format, static_cast<int>(outW),
-                                                 static_cast<int>(outH), QRB_FFMPEGAPI_FMT_ARGB),
-                             ApiSwsFree{api.sws_free_context});
-        if (!sws) {
-            QRB_LOGW("ffmpeg_av_sws_getcontent fail!");
-            ok = false;
-            break;
-        }
-        QRB_LOGD("begin to scale");
-        if (api.sws_scale(sws.get(), frame->data, frame->linesize, 0, srcH, scaled->data,
-                          scaled->linesize) <= 0) {
-            QRB_LOGW("ffmpeg_av_sws_scale fail!");
-            ok = false;
-            break;
-        }
-        sws.reset();
-        QRB_LOGD(
-            "success get video thumbnail:frame=%d,coded_width=%d,coded_height=%d,timestamp:%lld,"
-            "frame_data[%p].",
-            i, srcW, srcH, timestamp, static_cast<void*>(buffer.get()));
-        // The callback owns the buffer from here on, whatever it answers.
-        callback(request, buffer.release(), nullptr, timestamp, static_cast<int>(outW),
-                 static_cast<int>(outH), user, item);
-    }
-
-    QRB_LOGD("release ffmpeg resource begin");
-    scaled.reset();
-    frame.reset();
-    packet.reset();
-    codec.reset();
-    input.reset();
-    QRB_LOGD("release ffmpeg resource end");
-    return ok;
+    QRBVideoFrameGrabber grabber(api, input, request, std::move(item), callback, user,
+                                 [this] { return AbandonRequested(); });
+    return grabber.Run();
 }
 
 bool CQRBThumbnailVideoDecoder::m_GetFrame(AVFormatContext* context, int frameCount, int width,
@@ -735,20 +491,18 @@ bool CQRBThumbnailVideoDecoder::m_IsFileExist(const char* path) {
 
 bool CQRBThumbnailVideoDecoder::m_WriteFlashFile(const char* path, const char* data, int size) {
     if (path == nullptr || (data == nullptr && size > 0) || size < 0) return false;
-    // A link planted at the name is not followed.
-    int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    ScopedStdioFile file(fd >= 0 ? fdopen(fd, "wb") : nullptr);
-    if (!file) {
-        if (fd >= 0) close(fd);
+    // Written beside and renamed over the name: a link planted at the name is replaced, never
+    // followed, and a failed write leaves what was there.
+    QRBTempFile file;
+    if (!m_CreateBeside(path, file)) {
         QRB_LOGW("Failed to create %s  file.\n", path);
         return false;
     }
-    if (size > 0 &&
-        std::fwrite(data, 1, static_cast<size_t>(size), file.get()) != static_cast<size_t>(size)) {
+    if (!file.Write(data, static_cast<size_t>(size)) || !file.Close()) {
         QRB_LOGW("write %s fail\n", path);
         return false;
     }
-    return std::fclose(file.release()) == 0;
+    return file.RenameTo(path);
 }
 
 uint32_t CQRBThumbnailVideoDecoder::m_TimeTick() {

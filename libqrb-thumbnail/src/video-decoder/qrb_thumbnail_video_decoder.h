@@ -27,6 +27,8 @@ extern "C" {
 struct AVFormatContext;
 }
 
+class QRBTempFile;
+
 class CQRBThumbnailVideoDecoder : public QRBThumbnailDecodeBsae {
 public:
     // Receives one grabbed frame; see Video_Complete_Cb.
@@ -85,6 +87,9 @@ public:
     bool m_ParseVideoMtaFile(_stRequestedItem& request, std::string mediaId,
                              boost::intrusive_ptr<CQRBThumbnailItem>& item);
     static std::string m_VideoMtaPath(const std::string& mediaId);
+    // Creates a fresh temporary file beside path (its name plus ".pid.n.tmp"), to be renamed
+    // over path once written.
+    static bool m_CreateBeside(const std::string& path, QRBTempFile& file);
 
     // True when the DRM library can open the file as a protected one.
     bool m_CheckDrm(const char* path);

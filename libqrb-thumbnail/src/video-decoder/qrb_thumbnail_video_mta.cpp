@@ -16,6 +16,7 @@
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
+#include "qrb_temp_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -43,8 +44,6 @@ constexpr size_t kFrameHeadBytes = 2 + 4;           // marker, timestamp
 
 const unsigned char kMagic[6] = {'F', 'S', 'm', 't', 'a', 0};
 
-void CloseStdioFile(FILE* file) { std::fclose(file); }
-using ScopedStdioFile = QRBScoped<FILE, CloseStdioFile>;
 
 using PixelBuffer = std::unique_ptr<unsigned char, decltype(&std::free)>;
 
@@ -65,33 +64,12 @@ uint32_t GetU32(const unsigned char* in) {
            (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
 }
 
-// Removes the temporary file unless it was renamed into place.
-class TempFileGuard {
-public:
-    explicit TempFileGuard(std::string path) : m_Path(std::move(path)) {}
-    ~TempFileGuard() {
-        if (!m_Committed) unlink(m_Path.c_str());
-    }
-    TempFileGuard(const TempFileGuard&) = delete;
-    TempFileGuard& operator=(const TempFileGuard&) = delete;
-    void Commit() { m_Committed = true; }
-
-private:
-    std::string m_Path;
-    bool m_Committed = false;
-};
-
-std::string TempNameFor(const std::string& path) {
-    static std::atomic<unsigned> counter{0};
-    char suffix[48];
-    std::snprintf(suffix, sizeof(suffix), ".%d.%u.tmp", static_cast<int>(getpid()), counter++);
-    return path + suffix;
-}
-
+// The file's records, written straight to the descriptor (a few dozen bytes of records and the
+// frames themselves: nothing to gain from buffering).
 class MtaWriter {
 public:
-    explicit MtaWriter(FILE* file) : m_File(file) {}
-    bool Bytes(const void* data, size_t n) { return std::fwrite(data, 1, n, m_File) == n; }
+    explicit MtaWriter(QRBTempFile& file) : m_File(file) {}
+    bool Bytes(const void* data, size_t n) { return m_File.Write(data, n); }
     bool Record(char a, char b, uint32_t value) {
         unsigned char record[6] = {static_cast<unsigned char>(a), static_cast<unsigned char>(b)};
         PutU32(record + 2, value);
@@ -99,13 +77,23 @@ public:
     }
 
 private:
-    FILE* m_File;
+    QRBTempFile& m_File;
 };
 
 }  // namespace
 
 std::string CQRBThumbnailVideoDecoder::m_VideoMtaPath(const std::string& mediaId) {
     return QRBSystemPath(QRB_VIDEO_DIR) + mediaId + ".mta";
+}
+
+bool CQRBThumbnailVideoDecoder::m_CreateBeside(const std::string& path, QRBTempFile& file) {
+    static std::atomic<unsigned> counter{0};
+    return file.Create([&path] {
+        char suffix[48];
+        std::snprintf(suffix, sizeof(suffix), ".%d.%u.tmp", static_cast<int>(getpid()),
+                      counter++);
+        return path + suffix;
+    });
 }
 
 bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
@@ -148,21 +136,12 @@ bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
 
     // Written under a fresh name and renamed into place: a reader never sees half a file, a
     // failure leaves nothing behind, and a link planted at either name is never followed.
-    const std::string temp = TempNameFor(path);
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    QRBTempFile file;
+    if (!m_CreateBeside(path, file)) {
         QRB_LOGW("Failed to create %s  file.\n", path.c_str());
         return false;
     }
-    TempFileGuard guard(temp);
-    ScopedStdioFile file(fdopen(fd, "wb"));
-    if (!file) {
-        close(fd);
-        QRB_LOGW("Failed to create %s  file.\n", path.c_str());
-        return false;
-    }
-
-    MtaWriter out(file.get());
+    MtaWriter out(file);
     const unsigned char countTail[2] = {0, 0};
     bool ok = out.Bytes(kMagic, sizeof(kMagic)) && out.Record('F', 'W', static_cast<uint32_t>(w)) &&
               out.Record('F', 'H', static_cast<uint32_t>(h)) &&
@@ -181,49 +160,47 @@ bool CQRBThumbnailVideoDecoder::m_WriteVideoMtaFile(std::string& path,
         ok = out.Bytes(stamp, sizeof(stamp)) && out.Bytes(images[i]->GetBuffer(), frameBytes);
     }
     const unsigned char trailer[2] = {'F', 'E'};
-    ok = ok && out.Bytes(trailer, sizeof(trailer));
-    ok = ok && std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
+    ok = ok && out.Bytes(trailer, sizeof(trailer)) && fsync(file.Fd()) == 0 && file.Close();
     if (!ok) {
         QRB_LOGW("write %s fail\n", path.c_str());
         return false;
     }
-    if (std::fclose(file.release()) != 0) {
-        QRB_LOGW("write %s fail\n", path.c_str());
+    if (!file.RenameTo(path)) {
+        QRB_LOGW("rename to %s fail, errno:%d\n", path.c_str(), file.Error());
         return false;
     }
-    if (rename(temp.c_str(), path.c_str()) != 0) {
-        QRB_LOGW("rename to %s fail, errno:%d\n", path.c_str(), errno);
-        return false;
-    }
-    guard.Commit();
     QRB_LOGD("m_WriteVideoMtaFile end");
     return true;
 }
 
-bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, std::string mediaId,
-                                                    boost::intrusive_ptr<CQRBThumbnailItem>& item) {
-    if (!item) return false;
-    if (mediaId.empty()) {
-        QRB_LOGW("media id empty!!\n");
-        return false;
-    }
-    const std::string path = m_VideoMtaPath(mediaId);
-    // Only a regular file, never through a link, and never blocking on a planted FIFO.
+namespace {
+
+// What the header of an MTA file announces.
+struct MtaHeader {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t depth = 0;
+    uint32_t count = 0;
+};
+
+// Opens an MTA file to read: only a regular file, never through a link, and never blocking on a
+// planted FIFO. Null (and its size untouched) when there is none.
+QRBScopedFile OpenMtaFile(const std::string& path, struct stat* st) {
     int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    struct stat st {};
-    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    if (fd >= 0 && (fstat(fd, st) != 0 || !S_ISREG(st->st_mode))) {
         close(fd);
         fd = -1;
     }
-    ScopedStdioFile file(fd >= 0 ? fdopen(fd, "rb") : nullptr);
-    if (!file) {
-        if (fd >= 0) close(fd);
-        QRB_LOGW("open %s fail\n", path.c_str());
-        return false;
-    }
+    QRBScopedFile file(fd >= 0 ? fdopen(fd, "rb") : nullptr);
+    if (!file && fd >= 0) close(fd);
+    return file;
+}
 
+// Reads and checks the records before the frames. False, with its message, on any mismatch or
+// on sizes the reader does not take.
+bool ReadMtaHeader(FILE* file, const std::string& path, MtaHeader* header) {
     unsigned char head[kHeaderBytes];
-    if (std::fread(head, 1, sizeof(head), file.get()) != sizeof(head)) {
+    if (std::fread(head, 1, sizeof(head), file) != sizeof(head)) {
         QRB_LOGW("mta file %s too short\n", path.c_str());
         return false;
     }
@@ -243,34 +220,27 @@ bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, s
         QRB_LOGW("mta record FC mismatch\n");
         return false;
     }
-    const uint32_t width = GetU32(fields + 2);
-    const uint32_t height = GetU32(fields + 6 + 2);
-    const uint32_t depth = GetU32(fields + 12 + 2);
-    const uint32_t count = GetU32(fields + 18 + 2);
+    header->width = GetU32(fields + 2);
+    header->height = GetU32(fields + 6 + 2);
+    header->depth = GetU32(fields + 12 + 2);
+    header->count = GetU32(fields + 18 + 2);
     QRB_LOGD("image_width=%d, image_height=%d, image_depth=%d, frame_count=%d",
-             static_cast<int>(width), static_cast<int>(height), static_cast<int>(depth),
-             static_cast<int>(count));
-    if (!SizeStorable(width, height, depth) || count < 1 || count > kMaxFrames) {
+             static_cast<int>(header->width), static_cast<int>(header->height),
+             static_cast<int>(header->depth), static_cast<int>(header->count));
+    if (!SizeStorable(header->width, header->height, header->depth) || header->count < 1 ||
+        header->count > kMaxFrames) {
         QRB_LOGW("get width, height, depth, count fail");
         return false;
     }
+    return true;
+}
 
-    // At most 5 x (6 + 10^9) bytes: no overflow in 64 bits, and nothing is allocated before the
-    // file is known to hold every frame it announces.
-    const unsigned long long frameBytes = static_cast<unsigned long long>(width) * height * depth;
-    const unsigned long long needed = kHeaderBytes + count * (kFrameHeadBytes + frameBytes);
-    if (static_cast<unsigned long long>(st.st_size) < needed) {
-        QRB_LOGW("mta file size %lld is less than %llu for %d frames of %dx%dx%d\n",
-                 static_cast<long long>(st.st_size), needed, static_cast<int>(count),
-                 static_cast<int>(width), static_cast<int>(height), static_cast<int>(depth));
-        return false;
-    }
-
-    std::vector<PixelBuffer> buffers;
-    std::vector<long long> stamps;
-    for (uint32_t i = 0; i < count; ++i) {
+// Reads every frame the header announces, in order, into buffers and stamps.
+bool ReadMtaFrames(FILE* file, const MtaHeader& header, unsigned long long frameBytes,
+                   std::vector<PixelBuffer>* buffers, std::vector<long long>* stamps) {
+    for (uint32_t i = 0; i < header.count; ++i) {
         unsigned char frameHead[kFrameHeadBytes];
-        if (std::fread(frameHead, 1, sizeof(frameHead), file.get()) != sizeof(frameHead)) {
+        if (std::fread(frameHead, 1, sizeof(frameHead), file) != sizeof(frameHead)) {
             QRB_LOGW("read frame[%d] fail\n", static_cast<int>(i));
             return false;
         }
@@ -279,24 +249,61 @@ bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, s
             return false;
         }
         // The low 32 bits of the timestamp, read back as a signed value.
-        stamps.push_back(static_cast<long long>(static_cast<int32_t>(GetU32(frameHead + 2))));
+        stamps->push_back(static_cast<long long>(static_cast<int32_t>(GetU32(frameHead + 2))));
         PixelBuffer pixels(static_cast<unsigned char*>(std::malloc(frameBytes)), &std::free);
         if (!pixels) {
             QRB_LOGW("malloc fail, size=%llu\n", frameBytes);
             return false;
         }
-        if (std::fread(pixels.get(), 1, frameBytes, file.get()) != frameBytes) {
+        if (std::fread(pixels.get(), 1, frameBytes, file) != frameBytes) {
             QRB_LOGW("read frame[%d] fail\n", static_cast<int>(i));
             return false;
         }
-        buffers.push_back(std::move(pixels));
+        buffers->push_back(std::move(pixels));
     }
+    return true;
+}
+
+}  // namespace
+
+bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, std::string mediaId,
+                                                    boost::intrusive_ptr<CQRBThumbnailItem>& item) {
+    if (!item) return false;
+    if (mediaId.empty()) {
+        QRB_LOGW("media id empty!!\n");
+        return false;
+    }
+    const std::string path = m_VideoMtaPath(mediaId);
+    struct stat st {};
+    QRBScopedFile file = OpenMtaFile(path, &st);
+    if (!file) {
+        QRB_LOGW("open %s fail\n", path.c_str());
+        return false;
+    }
+    MtaHeader header;
+    if (!ReadMtaHeader(file.get(), path, &header)) return false;
+
+    // At most 5 x (6 + 10^9) bytes: no overflow in 64 bits, and nothing is allocated before the
+    // file is known to hold every frame it announces.
+    const unsigned long long frameBytes =
+        static_cast<unsigned long long>(header.width) * header.height * header.depth;
+    const unsigned long long needed = kHeaderBytes + header.count * (kFrameHeadBytes + frameBytes);
+    if (static_cast<unsigned long long>(st.st_size) < needed) {
+        QRB_LOGW("mta file size %lld is less than %llu for %d frames of %dx%dx%d\n",
+                 static_cast<long long>(st.st_size), needed, static_cast<int>(header.count),
+                 static_cast<int>(header.width), static_cast<int>(header.height),
+                 static_cast<int>(header.depth));
+        return false;
+    }
+    std::vector<PixelBuffer> buffers;
+    std::vector<long long> stamps;
+    if (!ReadMtaFrames(file.get(), header, frameBytes, &buffers, &stamps)) return false;
 
     bool added = true;
-    for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t i = 0; i < header.count; ++i) {
         boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-        image->Create(width, height, depth, static_cast<long>(width) * 4, buffers[i].release(),
-                      stamps[i]);
+        image->Create(header.width, header.height, header.depth,
+                      static_cast<long>(header.width) * 4, buffers[i].release(), stamps[i]);
         // The event path copies no more than this from the buffer.
         image->SetBufSize(static_cast<long>(frameBytes));
         added = item->AddImage(image) && added;

@@ -23,3 +23,7 @@ QRB_PLUGIN_EXPORT int gst_ffmpegapi_sws_scale(SwsContext* context, const uint8_t
 QRB_PLUGIN_EXPORT void gst_ffmpegapi_sws_freeContext(SwsContext* context) {
     qrbffmpeg::SwsFreeContext(context);
 }
+
+QRB_PLUGIN_EXPORT int gst_ffmpegapi_sws_setSourceFrame(SwsContext* context, const AVFrame* source) {
+    return qrbffmpeg::SwsSetSourceFrame(context, source);
+}

@@ -2,7 +2,12 @@
 
 #include "video-decoder/qrb_ffmpeg_scoped.h"
 
+extern "C" {
+#include <libavutil/dovi_meta.h>
+}
+
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -120,7 +125,18 @@ std::vector<std::string> CutKeyFrames(const std::string& path, int count) {
     return frames;
 }
 
-void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
+namespace {
+
+// Stream side data to attach to a copy: its type and bytes.
+struct SideData {
+    AVPacketSideDataType type;
+    std::string bytes;
+};
+
+// src's video stream copied into dst's container: each packet's bytes zeroed when blank is set,
+// the side data attached, the muxer allowed what its format's unofficial extensions need.
+void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
+                     const std::vector<SideData>& sideData) {
     QRBScopedFormatContext input = OpenForTest(src);
     const int index = VideoStream(input.get());
     AVFormatContext* raw = nullptr;
@@ -136,6 +152,12 @@ void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
     avcodec_parameters_copy(out->codecpar, input->streams[index]->codecpar);
     out->codecpar->codec_tag = 0;
     out->time_base = input->streams[index]->time_base;
+    for (const SideData& data : sideData) {
+        uint8_t* side = av_stream_new_side_data(out, data.type, data.bytes.size());
+        if (side == nullptr) throw std::runtime_error("no memory");
+        std::memcpy(side, data.bytes.data(), data.bytes.size());
+    }
+    output->strict_std_compliance = FF_COMPLIANCE_UNOFFICIAL;
     if (avio_open(&output->pb, dst.c_str(), AVIO_FLAG_WRITE) < 0 ||
         avformat_write_header(output.get(), nullptr) < 0) {
         throw std::runtime_error("cannot write " + dst);
@@ -143,20 +165,58 @@ void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
     QRBScopedPacket packet(av_packet_alloc());
     while (av_read_frame(input.get(), packet.get()) >= 0) {
         if (packet->stream_index == index) {
-            QRBScopedPacket blank(av_packet_alloc());
-            av_new_packet(blank.get(), packet->size);  // zero-filled
-            std::fill(blank->data, blank->data + blank->size, 0);
-            blank->pts = packet->pts;
-            blank->dts = packet->dts;
-            blank->duration = packet->duration;
-            blank->flags = packet->flags;
-            blank->stream_index = 0;
-            av_packet_rescale_ts(blank.get(), input->streams[index]->time_base, out->time_base);
-            av_interleaved_write_frame(output.get(), blank.get());
+            if (blank && av_packet_make_writable(packet.get()) == 0) {
+                std::fill(packet->data, packet->data + packet->size, 0);
+            }
+            packet->stream_index = 0;
+            packet->pos = -1;
+            av_packet_rescale_ts(packet.get(), input->streams[index]->time_base, out->time_base);
+            av_interleaved_write_frame(output.get(), packet.get());
         }
         av_packet_unref(packet.get());
     }
     av_write_trailer(output.get());
+}
+
+}  // namespace
+
+void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
+    CopyVideoStream(src, dst, true, {});
+}
+
+void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
+                            int d) {
+    const int32_t one = 1 << 16;
+    const int32_t matrix[9] = {a * one, b * one, 0, c * one, d * one, 0, 0, 0, 1 << 30};
+    CopyVideoStream(src, dst, false,
+                    {{AV_PKT_DATA_DISPLAYMATRIX,
+                      std::string(reinterpret_cast<const char*>(matrix), sizeof(matrix))}});
+}
+
+void WriteWithDolbyVision(const std::string& src, const std::string& dst, int profile,
+                          int compatibility) {
+    size_t size = 0;
+    std::unique_ptr<AVDOVIDecoderConfigurationRecord, void (*)(void*)> record(av_dovi_alloc(&size),
+                                                                              &av_free);
+    if (!record) throw std::runtime_error("no memory");
+    record->dv_version_major = 1;
+    record->dv_profile = static_cast<uint8_t>(profile);
+    record->dv_level = 1;
+    record->rpu_present_flag = 1;
+    record->bl_present_flag = 1;
+    record->dv_bl_signal_compatibility_id = static_cast<uint8_t>(compatibility);
+    CopyVideoStream(src, dst, false,
+                    {{AV_PKT_DATA_DOVI_CONF,
+                      std::string(reinterpret_cast<const char*>(record.get()), size)}});
+}
+
+int DolbyVisionProfile(const std::string& path) {
+    QRBScopedFormatContext context = OpenForTest(path);
+    size_t size = 0;
+    const uint8_t* data = av_stream_get_side_data(context->streams[VideoStream(context.get())],
+                                                  AV_PKT_DATA_DOVI_CONF, &size);
+    if (data == nullptr || size < sizeof(AVDOVIDecoderConfigurationRecord)) return -1;
+    return reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(data)->dv_profile;
 }
 
 std::string ZeroMp4Durations(std::string bytes) {

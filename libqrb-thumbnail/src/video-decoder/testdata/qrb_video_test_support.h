@@ -48,6 +48,19 @@ std::vector<std::string> CutKeyFrames(const std::string& path, int count);
 // a well-formed container around a stream that never gives a picture.
 void WriteBlankedVideoCopy(const std::string& src, const std::string& dst);
 
+// A copy of src whose video stream carries the display matrix (a, b, 0; c, d, 0; 0, 0, 1): a
+// point (x, y) of the stored picture is shown at (a x + c y, b x + d y), y downwards, as a
+// phone's or an editor's turn and mirror record it.
+void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
+                            int d);
+
+// A copy of src in an MP4 file whose video stream carries a Dolby Vision configuration record
+// of this profile and base-layer compatibility (1 HDR10, 4 HLG), as such a file states it.
+void WriteWithDolbyVision(const std::string& src, const std::string& dst, int profile,
+                          int compatibility);
+// The Dolby Vision profile a file's video stream states, -1 for none.
+int DolbyVisionProfile(const std::string& path);
+
 // The bytes of an MP4 file with every duration its header gives (movie, track, media) set to 0.
 std::string ZeroMp4Durations(std::string bytes);
 
