@@ -149,23 +149,12 @@ void CQRBThumbnailVideoDecoder::t_Process() {
                  static_cast<int>(request.eThumbnailType));
         boost::intrusive_ptr<CQRBThumbnailItem> item;
         bool ok = false;
-        // The worker boundary: whatever happens inside, the request gets its one event.
-        try {
-            ok = m_Serve(request, item);
-        } catch (const std::exception& e) {
-            QRB_LOGW("Exception caught: %s, url=%s", e.what(), request.strURL.c_str());
-            ok = false;
-            item = nullptr;
-        } catch (...) {
-            QRB_LOGW("Exception caught, url=%s", request.strURL.c_str());
+        // Whatever happens inside, the request gets its one event.
+        if (!t_ServeGuarded(request, [&] { ok = m_Serve(request, item); })) {
             ok = false;
             item = nullptr;
         }
-        try {
-            m_pList->SendEvent(request.user_data, request.strURL, request.callback, item, ok);
-        } catch (...) {
-            QRB_LOGW("Exception caught, url=%s", request.strURL.c_str());
-        }
+        t_ServeGuarded(request, [&] { t_SendEvent(&request, item, ok); });
     }
     QRB_LOGD("t_Process end");
 }
@@ -219,10 +208,7 @@ bool CQRBThumbnailVideoDecoder::m_FindInCache(const _stRequestedItem& request,
     item = new CQRBThumbnailItem;
     item->AddImage(image);
     item->SetSize(image->GetWidth() * image->GetHeight() * 4);
-    item->SetRID(request.RID);
-    item->SetThumbnailType(request.eThumbnailType);
-    item->SetURL(request.strURL);
-    item->SetUsedCache(request.bUsedCache);
+    item->StampRequest(request);
     return true;
 }
 
@@ -439,20 +425,13 @@ bool CQRBThumbnailVideoDecoder::Video_Complete_Cb(_stRequestedItem request, unsi
     bool created =
         image->Create(width, height, 4, static_cast<long>(width) * 4, buffer.release(), timestamp);
     image->SetBufSize(static_cast<long>(bytes));
-    if (request.width != 0 && request.width <= image->GetWidth() && request.height != 0 &&
-        request.height <= image->GetHeight()) {
-        image->CropARGB((image->GetWidth() - request.width) / 2,
-                        (image->GetHeight() - request.height) / 2, request.width, request.height);
-    }
+    image->CropCentre(request.width, request.height);
     if (!item->AddImage(image)) {
         QRB_LOGW("item already holds %d images; frame dropped", item->GetImageCount());
         return false;
     }
     item->SetSize(image->GetWidth() * image->GetHeight() * 4);
-    item->SetRID(request.RID);
-    item->SetThumbnailType(request.eThumbnailType);
-    item->SetURL(request.strURL);
-    item->SetUsedCache(request.bUsedCache);
+    item->StampRequest(request);
     return created;
 }
 

@@ -309,10 +309,7 @@ bool CQRBThumbnailVideoDecoder::m_ParseVideoMtaFile(_stRequestedItem& request, s
         added = item->AddImage(image) && added;
     }
     if (item->GetImageCount() > 0) {
-        item->SetRID(request.RID);
-        item->SetThumbnailType(request.eThumbnailType);
-        item->SetURL(request.strURL);
-        item->SetUsedCache(request.bUsedCache);
+        item->StampRequest(request);
         QRB_LOGD("parse mta success");
     }
     return added;
