@@ -65,7 +65,8 @@ protected:
         return run;
     }
     std::string At(const std::string& name) const { return root.Path() + "/" + name; }
-    std::string OutDir() const { return root.Path() + "/thumbs"; }
+    // Made with its parents by the tool.
+    std::string OutDir() const { return root.Path() + "/thumbs/of/today"; }
 
     qrbtest::ScratchRoot root;
 };
@@ -87,7 +88,10 @@ TEST_F(ToolBinary, MissingFilesEachGetOneFailLineAndExitOne) {
     EXPECT_NE(lines[2].find("(video)"), std::string::npos) << lines[2];
     EXPECT_NE(lines[3].find("(unknown)"), std::string::npos) << lines[3];
     EXPECT_NE(run.err.find("4 inputs: 0 ok, 4 failed"), std::string::npos) << run.err;
-    EXPECT_EQ(root.CountEntries("/thumbs"), 0);  // made, and left empty
+    struct stat st;
+    ASSERT_EQ(stat(OutDir().c_str(), &st), 0) << "the output folder is made with its parents";
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(root.CountEntries("/thumbs/of/today"), 0);
 }
 
 TEST_F(ToolBinary, JsonOutputIsOneWellFormedArray) {
@@ -157,7 +161,7 @@ TEST_F(ToolBinary, SignatureAndKindOverrideReachTheRequest) {
     EXPECT_EQ(parsed[0]["device"], 106);
 }
 
-TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReport) {
+TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReportAndHelpExitsZero) {
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {}, {"-n", "9", "a.jpg"}, {"-s", "big", "a.jpg"}, {"-k", "movie", "a.jpg"}}) {
         const ToolRun run = Run(args);
@@ -165,12 +169,9 @@ TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReport) {
         EXPECT_EQ(run.out, "");
         EXPECT_FALSE(run.err.empty());
     }
-}
-
-TEST_F(ToolBinary, HelpExitsZero) {
-    const ToolRun run = Run({"--help"});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_NE(run.out.find("Usage: qrb-thumb"), std::string::npos) << run.out;
+    const ToolRun help = Run({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("Usage: qrb-thumb"), std::string::npos) << help.out;
 }
 
 TEST_F(ToolBinary, ContactSheetListsEveryInputEscaped) {
@@ -184,21 +185,11 @@ TEST_F(ToolBinary, ContactSheetListsEveryInputEscaped) {
     EXPECT_EQ(html.find("<b>&"), std::string::npos);
     EXPECT_NE(html.find("plain.png"), std::string::npos);
     EXPECT_NE(html.find("2 inputs: 0 ok, 2 failed"), std::string::npos);
-}
-
-TEST_F(ToolBinary, AnUnwritableSheetFailsTheRun) {
-    const ToolRun run =
+    // A sheet that cannot be written fails the run.
+    const ToolRun unwritable =
         Run({"--sheet", At("no/such/dir/index.html"), "-o", OutDir(), "-k", "picture", At("x")});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("no/such/dir/index.html"), std::string::npos) << run.err;
-}
-
-TEST_F(ToolBinary, TheOutputFolderIsMadeWithItsParents) {
-    const ToolRun run = Run({"-o", At("a/b/c"), At("x.jpg")});
-    EXPECT_EQ(run.exitCode, 1);
-    struct stat st;
-    ASSERT_EQ(stat(At("a/b/c").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(unwritable.exitCode, 1);
+    EXPECT_NE(unwritable.err.find("no/such/dir/index.html"), std::string::npos) << unwritable.err;
 }
 
 TEST_F(ToolBinary, TheLibraryStaysQuietUnlessVerbose) {
