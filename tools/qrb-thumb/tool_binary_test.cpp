@@ -1,4 +1,5 @@
 // Runs the built qrb-thumb as a user would, on a scratch root.
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +22,6 @@ std::string Quote(const std::string& text) {
     std::string quoted = "'";
     for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return quoted + "'";
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -60,8 +54,8 @@ protected:
         ToolRun run;
         // A crash shows as 128 + signal, as a shell reports it.
         run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        run.out = ReadFile(out);
-        run.err = ReadFile(err);
+        run.out = qrbtest::ReadFileBytes(out);
+        run.err = qrbtest::ReadFileBytes(err);
         return run;
     }
     std::string At(const std::string& name) const { return root.Path() + "/" + name; }
@@ -180,7 +174,7 @@ TEST_F(ToolBinary, ContactSheetListsEveryInputEscaped) {
     const ToolRun run =
         Run({"--sheet", sheet, "-o", OutDir(), At("<b>&\"x'.jpg"), At("plain.png")});
     EXPECT_EQ(run.exitCode, 1) << run.err;
-    const std::string html = ReadFile(sheet);
+    const std::string html = qrbtest::ReadFileBytes(sheet);
     EXPECT_NE(html.find("&lt;b&gt;&amp;&quot;x&#39;.jpg"), std::string::npos) << html;
     EXPECT_EQ(html.find("<b>&"), std::string::npos);
     EXPECT_NE(html.find("plain.png"), std::string::npos);
@@ -230,7 +224,7 @@ TEST_F(ToolBinary, AnEncodedWebItemIsSavedAsDownloaded) {
     EXPECT_EQ(parsed[0]["device"], 104);
     EXPECT_EQ(parsed[0]["frames"], 1);
     EXPECT_EQ(parsed[0]["outputs"], nlohmann::json::array({OutDir() + "/beach.jpg.jpg"}));
-    EXPECT_EQ(ReadFile(OutDir() + "/beach.jpg.jpg"), jpeg);
+    EXPECT_EQ(qrbtest::ReadFileBytes(OutDir() + "/beach.jpg.jpg"), jpeg);
 }
 
 }  // namespace

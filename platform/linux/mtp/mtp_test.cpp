@@ -4,6 +4,7 @@
 #include "mtp.h"
 #include "mtp_object_table.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_gphoto2.h"
 #include "qrb_test_jpeg_writer.h"
 #include "qrb_test_ptpip_responder.h"
@@ -28,11 +29,6 @@ namespace {
 
 using qrbtest::PtpipResponder;
 using ThumbFault = PtpipResponder::ThumbFault;
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Width x height of a JPEG's first frame header, "" when there is none.
 std::string JpegSize(const std::string& jpeg) {
@@ -278,8 +274,8 @@ TEST_F(MtpClientTest, ThumbnailReplacesThePathOnlyWhenComplete) {
     ASSERT_EQ(lstat(Dest().c_str(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_EQ(JpegSize(ReadFile(Dest())), "160x120");  // the EXIF thumbnail, not the picture
-    EXPECT_EQ(ReadFile(victim), "keep");
+    EXPECT_EQ(JpegSize(qrbtest::ReadFileBytes(Dest())), "160x120");  // the EXIF thumbnail, not the picture
+    EXPECT_EQ(qrbtest::ReadFileBytes(victim), "keep");
     EXPECT_EQ(LeftInOut(), 2);  // the thumbnail and the victim: no temporary left
 
     unsigned char* data = nullptr;
@@ -309,7 +305,7 @@ TEST_F(MtpClientTest, CallsFromSeveralThreadsAtOnceAllSucceed) {
                     ++failures;
                 }
                 if (mtp_get_thumbnail(device, a, dest.c_str()) != MTP_ERROR_NONE ||
-                    JpegSize(ReadFile(dest)) != "160x120") {
+                    JpegSize(qrbtest::ReadFileBytes(dest)) != "160x120") {
                     ++failures;
                 }
             }
