@@ -294,4 +294,26 @@ std::string GradientJpeg(int width, int height) {
     return MakeJpeg(spec);
 }
 
+bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
+    if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
+        static_cast<uint8_t>(jpeg[1]) != 0xD8)
+        return false;
+    size_t at = 2;
+    while (at + 4 <= jpeg.size()) {
+        if (static_cast<uint8_t>(jpeg[at]) != 0xFF) return false;
+        const uint8_t marker = static_cast<uint8_t>(jpeg[at + 1]);
+        const size_t length =
+            (static_cast<uint8_t>(jpeg[at + 2]) << 8) | static_cast<uint8_t>(jpeg[at + 3]);
+        if (marker >= 0xC0 && marker <= 0xC2 && at + 9 <= jpeg.size()) {
+            *height =
+                (static_cast<uint8_t>(jpeg[at + 5]) << 8) | static_cast<uint8_t>(jpeg[at + 6]);
+            *width = (static_cast<uint8_t>(jpeg[at + 7]) << 8) | static_cast<uint8_t>(jpeg[at + 8]);
+            return true;
+        }
+        if (marker == 0xDA || length < 2) return false;
+        at += 2 + length;
+    }
+    return false;
+}
+
 }  // namespace qrbtest

@@ -73,6 +73,9 @@ JpegColor PatternColor(const JpegSpec& spec, int x, int y);
 // assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail);
 
+// Width and height from a JPEG's first frame header (SOF0 to SOF2); false when there is none.
+bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height);
+
 }  // namespace qrbtest
 
 #endif

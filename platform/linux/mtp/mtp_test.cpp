@@ -32,19 +32,8 @@ using ThumbFault = PtpipResponder::ThumbFault;
 
 // Width x height of a JPEG's first frame header, "" when there is none.
 std::string JpegSize(const std::string& jpeg) {
-    for (size_t at = 2; at + 9 <= jpeg.size();) {
-        const unsigned marker = static_cast<unsigned char>(jpeg[at + 1]);
-        if (marker >= 0xC0 && marker <= 0xC2) {
-            const int h = (static_cast<unsigned char>(jpeg[at + 5]) << 8) |
-                          static_cast<unsigned char>(jpeg[at + 6]);
-            const int w = (static_cast<unsigned char>(jpeg[at + 7]) << 8) |
-                          static_cast<unsigned char>(jpeg[at + 8]);
-            return std::to_string(w) + "x" + std::to_string(h);
-        }
-        at += 2 + ((static_cast<unsigned char>(jpeg[at + 2]) << 8) |
-                   static_cast<unsigned char>(jpeg[at + 3]));
-    }
-    return "";
+    uint32_t w = 0, h = 0;
+    return qrbtest::JpegFrameSize(jpeg, &w, &h) ? std::to_string(w) + "x" + std::to_string(h) : "";
 }
 
 class MtpClientTest : public ::testing::Test {
@@ -274,7 +263,8 @@ TEST_F(MtpClientTest, ThumbnailReplacesThePathOnlyWhenComplete) {
     ASSERT_EQ(lstat(Dest().c_str(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_EQ(JpegSize(qrbtest::ReadFileBytes(Dest())), "160x120");  // the EXIF thumbnail, not the picture
+    EXPECT_EQ(JpegSize(qrbtest::ReadFileBytes(Dest())),
+              "160x120");  // the EXIF thumbnail, not the picture
     EXPECT_EQ(qrbtest::ReadFileBytes(victim), "keep");
     EXPECT_EQ(LeftInOut(), 2);  // the thumbnail and the victim: no temporary left
 
