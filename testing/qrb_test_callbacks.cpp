@@ -108,6 +108,15 @@ std::map<void*, int> CallbackRecorder::PerUser() const {
     return counts;
 }
 
+RecordedResult MissingResult() {
+    RecordedResult none;
+    none.status = -99;
+    none.buffers.resize(QRB_THUMB_MAX_IMAGES);
+    none.sizes.resize(QRB_THUMB_MAX_IMAGES);
+    none.timestamps.resize(QRB_THUMB_MAX_IMAGES);
+    return none;
+}
+
 std::vector<RecordedResult> CallbackRecorder::For(void* tag) const {
     std::vector<RecordedResult> found;
     for (const auto& r : Results()) {
@@ -134,7 +143,7 @@ RecordedResult CallbackRecorder::Request(const std::string& url, qrb_item_media_
     }
     const std::vector<RecordedResult> found = For(tag);
     EXPECT_EQ(found.size(), 1u) << url;
-    return found.size() == 1 ? found[0] : RecordedResult{};
+    return found.size() == 1 ? found[0] : MissingResult();
 }
 
 }  // namespace qrbtest

@@ -30,6 +30,10 @@ struct RecordedResult {
     bool hadPreset = false;
 };
 
+// Stands in for a result that did not come: status -99 and empty slots a test may index
+// without a second failure.
+RecordedResult MissingResult();
+
 class CallbackRecorder {
 public:
     CallbackRecorder();
@@ -49,7 +53,7 @@ public:
     std::vector<RecordedResult> For(void* tag) const;
 
     // One request through thumbnail_request_async under a fresh tag, waited for: its one
-    // result (an empty one, and a test failure, when it does not come exactly once).
+    // result (status -99 and empty slots, and a test failure, when it does not come once).
     RecordedResult Request(const std::string& url, qrb_item_media_type media,
                            qrb_extend_dev_type dev, int width, int height, int useCache = 0,
                            int frames = 1);

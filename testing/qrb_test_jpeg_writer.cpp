@@ -2,6 +2,7 @@
 
 #include "qrb_scoped.h"
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
@@ -154,21 +155,28 @@ void PutEntry(std::string& s, const IfdEntry& e, bool big) {
 }  // namespace
 
 JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
+    const bool sideways = spec.storedFor >= 5 && spec.storedFor <= 8;
+    const int w = sideways ? spec.height : spec.width;  // the scene's size
+    const int h = sideways ? spec.width : spec.height;
+    // The scene point stored at (x, y), from which side the stored rows and columns run along.
+    const int mirrorX[9] = {0, 0, 1, 1, 0, 0, 1, 1, 0};
+    const int mirrorY[9] = {0, 0, 0, 1, 1, 0, 0, 1, 1};
+    const int o = spec.storedFor >= 0 && spec.storedFor <= 8 ? spec.storedFor : 0;
+    int sx = sideways ? y : x;
+    int sy = sideways ? x : y;
+    if (mirrorX[o]) sx = w - 1 - sx;
+    if (mirrorY[o]) sy = h - 1 - sy;
     switch (spec.pattern) {
         case JpegPattern::kSolid:
             return spec.color;
         case JpegPattern::kQuadrants: {
-            const bool right = x >= spec.width / 2;
-            const bool bottom = y >= spec.height / 2;
-            if (!bottom) return right ? JpegColor{0, 255, 0} : JpegColor{255, 0, 0};
-            return right ? JpegColor{255, 255, 255} : JpegColor{0, 0, 255};
+            const bool right = sx >= w / 2;
+            if (sy < h / 2) return right ? JpegColor{0, 255, 0} : JpegColor{255, 0, 0};
+            return right ? spec.lowerRight : JpegColor{0, 0, 255};
         }
-        case JpegPattern::kGradient: {
-            const int w = spec.width > 1 ? spec.width - 1 : 1;
-            const int h = spec.height > 1 ? spec.height - 1 : 1;
-            return JpegColor{static_cast<uint8_t>(x * 255 / w), static_cast<uint8_t>(y * 255 / h),
-                             spec.color.b};
-        }
+        case JpegPattern::kGradient:
+            return JpegColor{static_cast<uint8_t>(sx * 255 / std::max(w - 1, 1)),
+                             static_cast<uint8_t>(sy * 255 / std::max(h - 1, 1)), spec.color.b};
     }
     return spec.color;
 }
@@ -221,6 +229,11 @@ std::string MakeJpeg(const JpegSpec& spec) {
         t.width = spec.thumbWidth;
         t.height = spec.thumbHeight;
         t.color = spec.thumbColor;
+        if (spec.thumbScene) {
+            t.pattern = spec.pattern;
+            t.storedFor = spec.storedFor;
+            t.lowerRight = spec.thumbColor;
+        }
         thumbnail = MakeJpeg(t);
         if (thumbnail.empty()) return std::string();
     }
@@ -279,6 +292,28 @@ std::string GradientJpeg(int width, int height) {
     spec.pattern = JpegPattern::kGradient;
     spec.color = {0, 0, 100};
     return MakeJpeg(spec);
+}
+
+bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
+    if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
+        static_cast<uint8_t>(jpeg[1]) != 0xD8)
+        return false;
+    size_t at = 2;
+    while (at + 4 <= jpeg.size()) {
+        if (static_cast<uint8_t>(jpeg[at]) != 0xFF) return false;
+        const uint8_t marker = static_cast<uint8_t>(jpeg[at + 1]);
+        const size_t length =
+            (static_cast<uint8_t>(jpeg[at + 2]) << 8) | static_cast<uint8_t>(jpeg[at + 3]);
+        if (marker >= 0xC0 && marker <= 0xC2 && at + 9 <= jpeg.size()) {
+            *height =
+                (static_cast<uint8_t>(jpeg[at + 5]) << 8) | static_cast<uint8_t>(jpeg[at + 6]);
+            *width = (static_cast<uint8_t>(jpeg[at + 7]) << 8) | static_cast<uint8_t>(jpeg[at + 8]);
+            return true;
+        }
+        if (marker == 0xDA || length < 2) return false;
+        at += 2 + length;
+    }
+    return false;
 }
 
 }  // namespace qrbtest

@@ -37,6 +37,11 @@ struct JpegSpec {
     bool ycck = false;  // with cmyk: stored as YCCK, decoded back to CMYK by libjpeg
     JpegPattern pattern = JpegPattern::kSolid;
     JpegColor color{200, 40, 40};
+    JpegColor lowerRight{255, 255, 255};  // the fourth quadrant of kQuadrants
+    // The pattern is an upright scene that a camera held in this EXIF orientation stores: the
+    // stored pixel (x, y) shows the scene point the tag's definition says. For 5 to 8 the
+    // scene is height wide and width high. 0 or 1: stored upright.
+    int storedFor = 0;
 
     // APP1 EXIF. Written when `exif` is set or any field below asks for it.
     bool exif = false;
@@ -45,6 +50,8 @@ struct JpegSpec {
     int thumbWidth = 0;      // IFD1 JPEG thumbnail (solid thumbColor); 0 = no IFD1
     int thumbHeight = 0;
     JpegColor thumbColor{40, 200, 40};
+    bool thumbScene = false;   // the thumbnail shows the picture's pattern, stored the same way,
+                               // with thumbColor in the fourth quadrant (else solid thumbColor)
     int thumbOrientation = 0;  // IFD1 Orientation tag, 0 = no tag
 
     // APP2 segment whose payload is a whole JPEG (solid largeThumbColor), as the picture
@@ -65,6 +72,9 @@ JpegColor PatternColor(const JpegSpec& spec, int x, int y);
 // The APP1 EXIF segment MakeJpeg writes for spec (marker and length included), for tests that
 // assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail);
+
+// Width and height from a JPEG's first frame header (SOF0 to SOF2); false when there is none.
+bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height);
 
 }  // namespace qrbtest
 

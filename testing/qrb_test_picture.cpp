@@ -3,6 +3,7 @@
 #include "image-decoder/qrb_image_processor.h"
 #include "qrb_test_files.h"
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstdlib>
 #include <cstring>
@@ -48,6 +49,45 @@ Raster RasterOf(const std::string& bytes, int width, int height) {
     r.height = height;
     r.pixels.assign(bytes.begin(), bytes.end());
     return r;
+}
+
+std::string Quadrants(const Raster& r) {
+    if (r.width < 2 || r.height < 2) return "too small";
+    const struct {
+        char letter;
+        int rgb[3];
+    } palette[] = {{'R', {255, 0, 0}},
+                   {'G', {0, 255, 0}},
+                   {'B', {0, 0, 255}},
+                   {'W', {255, 255, 255}},
+                   {'K', {0, 0, 0}}};
+    const int centres[4][2] = {{1, 1}, {3, 1}, {3, 3}, {1, 3}};  // in quarters of the raster
+    std::string letters;
+    for (const auto& c : centres) {
+        const int x = c[0] * r.width / 4;
+        const int y = c[1] * r.height / 4;
+        long sum[3] = {0, 0, 0};
+        for (int dy = -1; dy <= 1; ++dy) {
+            for (int dx = -1; dx <= 1; ++dx) {
+                const uint8_t* p = r.At(std::min(std::max(x + dx, 0), r.width - 1),
+                                        std::min(std::max(y + dy, 0), r.height - 1));
+                for (int k = 0; k < 3; ++k) sum[k] += p[2 - k];
+            }
+        }
+        long best = -1;
+        char letter = '?';
+        for (const auto& colour : palette) {
+            long d = 0;
+            for (int k = 0; k < 3; ++k)
+                d += (sum[k] / 9 - colour.rgb[k]) * (sum[k] / 9 - colour.rgb[k]);
+            if (best < 0 || d < best) {
+                best = d;
+                letter = colour.letter;
+            }
+        }
+        letters.push_back(letter);
+    }
+    return letters;
 }
 
 Raster CropCentre(const Raster& in, int width, int height) {

@@ -37,6 +37,10 @@ Raster RasterOf(const CQRBThumbImage& image);
 Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item);
 // Pixels of a result buffer of width x height.
 Raster RasterOf(const std::string& bytes, int width, int height);
+// For pictures of four coloured quadrants: the colour nearest the mean of a 3 x 3 patch at the
+// centre of each quadrant, as letters clockwise from the top left (R red, G green, B blue,
+// W white, K black). An upright qrbtest::JpegPattern::kQuadrants picture reads "RGWB".
+std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);
 

@@ -1,5 +1,7 @@
 #include "qrb_test_ptpip_responder.h"
 
+#include "qrb_test_jpeg_writer.h"
+
 #include "qrb_scoped.h"
 
 #include <arpa/inet.h>
@@ -136,29 +138,6 @@ uint16_t FormatOf(const std::string& name) {
     return kFormatUndefined;
 }
 
-// Width and height from a JPEG's first frame header; false when there is none.
-bool JpegSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
-    if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
-        static_cast<uint8_t>(jpeg[1]) != 0xD8)
-        return false;
-    size_t at = 2;
-    while (at + 4 <= jpeg.size()) {
-        if (static_cast<uint8_t>(jpeg[at]) != 0xFF) return false;
-        const uint8_t marker = static_cast<uint8_t>(jpeg[at + 1]);
-        const size_t length =
-            (static_cast<uint8_t>(jpeg[at + 2]) << 8) | static_cast<uint8_t>(jpeg[at + 3]);
-        if (marker >= 0xC0 && marker <= 0xC2 && at + 9 <= jpeg.size()) {
-            *height =
-                (static_cast<uint8_t>(jpeg[at + 5]) << 8) | static_cast<uint8_t>(jpeg[at + 6]);
-            *width = (static_cast<uint8_t>(jpeg[at + 7]) << 8) | static_cast<uint8_t>(jpeg[at + 8]);
-            return true;
-        }
-        if (marker == 0xDA || length < 2) return false;
-        at += 2 + length;
-    }
-    return false;
-}
-
 void FreeExif(ExifData* data) { exif_data_unref(data); }
 using ScopedExif = QRBScoped<ExifData, FreeExif>;
 
@@ -280,9 +259,9 @@ uint32_t PtpipResponder::AddFile(uint32_t storage, uint32_t parent, const std::s
     object->name = name;
     object->format = FormatOf(name);
     if (object->format == kFormatJpeg) {
-        JpegSize(bytes, &object->width, &object->height);
+        JpegFrameSize(bytes, &object->width, &object->height);
         object->thumb = ExifThumbnail(bytes);
-        JpegSize(object->thumb, &object->thumbWidth, &object->thumbHeight);
+        JpegFrameSize(object->thumb, &object->thumbWidth, &object->thumbHeight);
     }
     object->bytes = std::make_shared<const std::string>(std::move(bytes));
 

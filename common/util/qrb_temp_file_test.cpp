@@ -1,5 +1,6 @@
 #include "qrb_temp_file.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -13,13 +14,6 @@
 #include <sstream>
 
 namespace {
-
-std::string Content(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 bool Exists(const std::string& path) {
     struct stat st;
@@ -80,13 +74,13 @@ TEST_P(TempFileTest, PassesOverWhatStandsAtANameAndRemovesItsFile) {
         ASSERT_TRUE(file.WriteWhole(Namer(), "bytes", 5));
         path = file.Path();
         EXPECT_EQ(path, GetParam().planted == Planted::Nothing ? first : folder + "/name2");
-        EXPECT_EQ(Content(path), "bytes");
+        EXPECT_EQ(qrbtest::ReadFileBytes(path), "bytes");
         struct stat st;
         ASSERT_EQ(stat(path.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0600u);
     }
     EXPECT_FALSE(Exists(path));
-    EXPECT_EQ(Content(victim), "precious");
+    EXPECT_EQ(qrbtest::ReadFileBytes(victim), "precious");
     EXPECT_EQ(Exists(first), GetParam().planted != Planted::Nothing);
     EXPECT_FALSE(Exists(folder + "/nowhere"));
 }
@@ -112,7 +106,7 @@ TEST(TempFile, GivesUpWhenEveryNameIsTakenOrTheFolderRefuses) {
         3));
     EXPECT_EQ(file.Error(), EEXIST);
     EXPECT_EQ(asked, 3);
-    EXPECT_EQ(Content(taken), "x");
+    EXPECT_EQ(qrbtest::ReadFileBytes(taken), "x");
 
     // Any other failure is not retried.
     asked = 0;
@@ -138,8 +132,8 @@ TEST(TempFile, KeptOrRenamedFilesStayAndAFailedWriteLeavesNothing) {
         ASSERT_TRUE(b.Write("new", 3));
         ASSERT_TRUE(b.RenameTo(final));
     }
-    EXPECT_EQ(Content(kept), "k");
-    EXPECT_EQ(Content(final), "new");
+    EXPECT_EQ(qrbtest::ReadFileBytes(kept), "k");
+    EXPECT_EQ(qrbtest::ReadFileBytes(final), "new");
     EXPECT_FALSE(Exists(root.Path() + "/part"));
 
     // Writing to /dev/full stands for a full disk: the file that was made is removed.

@@ -1,5 +1,6 @@
 #include "contact_sheet.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -87,10 +88,7 @@ TEST(ToolContactSheet, WritesThePageAndReportsAnUnwritableOne) {
     const std::string page = root.Path() + "/index.html";
     std::string error;
     ASSERT_TRUE(WriteContactSheet({Made("a.jpg", {root.Path() + "/a.png"})}, page, &error));
-    std::ifstream in(page);
-    std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ(text.str(), RenderContactSheet({Made("a.jpg", {root.Path() + "/a.png"})}, page));
+    EXPECT_EQ(qrbtest::ReadFileBytes(page), RenderContactSheet({Made("a.jpg", {root.Path() + "/a.png"})}, page));
     EXPECT_FALSE(WriteContactSheet({}, root.Path() + "/missing/index.html", &error));
     EXPECT_NE(error.find("missing/index.html"), std::string::npos);
 }

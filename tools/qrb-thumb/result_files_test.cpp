@@ -1,5 +1,6 @@
 #include "result_files.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -39,13 +40,6 @@ Answer Raster(int width, int height, std::initializer_list<int> slots) {
             Image(slot, std::string(static_cast<size_t>(width) * height * 4, char('a' + slot))));
     }
     return answer;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 bool PngOfSize(const std::string& path, png_uint_32 width, png_uint_32 height) {
@@ -146,7 +140,7 @@ TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
     EXPECT_EQ(o.frames, 1);
     EXPECT_EQ(o.width, 0);  // encoded bytes carry no size the tool knows
     ASSERT_EQ(o.outputs, (std::vector<std::string>{Path("pic.jpg")}));
-    EXPECT_EQ(ReadFile(Path("pic.jpg")), jpeg);
+    EXPECT_EQ(qrbtest::ReadFileBytes(Path("pic.jpg")), jpeg);
 
     // Several encoded pictures (a DLNA item's chapters) are told apart by their slot.
     const std::string png("\x89PNG\r\n\x1A\n rest", 13);
@@ -155,8 +149,8 @@ TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
     EXPECT_TRUE(two.ok) << two.note;
     EXPECT_EQ(two.frames, 2);
     ASSERT_EQ(two.outputs, (std::vector<std::string>{Path("item-0.jpg"), Path("item-2.png")}));
-    EXPECT_EQ(ReadFile(Path("item-0.jpg")), jpeg);
-    EXPECT_EQ(ReadFile(Path("item-2.png")), png);
+    EXPECT_EQ(qrbtest::ReadFileBytes(Path("item-0.jpg")), jpeg);
+    EXPECT_EQ(qrbtest::ReadFileBytes(Path("item-2.png")), png);
 }
 
 TEST_F(ToolResultFilesWrite, FailureUnansweredAndEmptyAnswersWriteNothingAndSayWhy) {

@@ -1,4 +1,5 @@
 // Runs the built qrb-thumb as a user would, on a scratch root.
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +22,6 @@ std::string Quote(const std::string& text) {
     std::string quoted = "'";
     for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return quoted + "'";
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -60,12 +54,13 @@ protected:
         ToolRun run;
         // A crash shows as 128 + signal, as a shell reports it.
         run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        run.out = ReadFile(out);
-        run.err = ReadFile(err);
+        run.out = qrbtest::ReadFileBytes(out);
+        run.err = qrbtest::ReadFileBytes(err);
         return run;
     }
     std::string At(const std::string& name) const { return root.Path() + "/" + name; }
-    std::string OutDir() const { return root.Path() + "/thumbs"; }
+    // Made with its parents by the tool.
+    std::string OutDir() const { return root.Path() + "/thumbs/of/today"; }
 
     qrbtest::ScratchRoot root;
 };
@@ -87,7 +82,10 @@ TEST_F(ToolBinary, MissingFilesEachGetOneFailLineAndExitOne) {
     EXPECT_NE(lines[2].find("(video)"), std::string::npos) << lines[2];
     EXPECT_NE(lines[3].find("(unknown)"), std::string::npos) << lines[3];
     EXPECT_NE(run.err.find("4 inputs: 0 ok, 4 failed"), std::string::npos) << run.err;
-    EXPECT_EQ(root.CountEntries("/thumbs"), 0);  // made, and left empty
+    struct stat st;
+    ASSERT_EQ(stat(OutDir().c_str(), &st), 0) << "the output folder is made with its parents";
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(root.CountEntries("/thumbs/of/today"), 0);
 }
 
 TEST_F(ToolBinary, JsonOutputIsOneWellFormedArray) {
@@ -157,7 +155,7 @@ TEST_F(ToolBinary, SignatureAndKindOverrideReachTheRequest) {
     EXPECT_EQ(parsed[0]["device"], 106);
 }
 
-TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReport) {
+TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReportAndHelpExitsZero) {
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {}, {"-n", "9", "a.jpg"}, {"-s", "big", "a.jpg"}, {"-k", "movie", "a.jpg"}}) {
         const ToolRun run = Run(args);
@@ -165,12 +163,9 @@ TEST_F(ToolBinary, UsageErrorsExitTwoWithoutAReport) {
         EXPECT_EQ(run.out, "");
         EXPECT_FALSE(run.err.empty());
     }
-}
-
-TEST_F(ToolBinary, HelpExitsZero) {
-    const ToolRun run = Run({"--help"});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_NE(run.out.find("Usage: qrb-thumb"), std::string::npos) << run.out;
+    const ToolRun help = Run({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("Usage: qrb-thumb"), std::string::npos) << help.out;
 }
 
 TEST_F(ToolBinary, ContactSheetListsEveryInputEscaped) {
@@ -179,26 +174,16 @@ TEST_F(ToolBinary, ContactSheetListsEveryInputEscaped) {
     const ToolRun run =
         Run({"--sheet", sheet, "-o", OutDir(), At("<b>&\"x'.jpg"), At("plain.png")});
     EXPECT_EQ(run.exitCode, 1) << run.err;
-    const std::string html = ReadFile(sheet);
+    const std::string html = qrbtest::ReadFileBytes(sheet);
     EXPECT_NE(html.find("&lt;b&gt;&amp;&quot;x&#39;.jpg"), std::string::npos) << html;
     EXPECT_EQ(html.find("<b>&"), std::string::npos);
     EXPECT_NE(html.find("plain.png"), std::string::npos);
     EXPECT_NE(html.find("2 inputs: 0 ok, 2 failed"), std::string::npos);
-}
-
-TEST_F(ToolBinary, AnUnwritableSheetFailsTheRun) {
-    const ToolRun run =
+    // A sheet that cannot be written fails the run.
+    const ToolRun unwritable =
         Run({"--sheet", At("no/such/dir/index.html"), "-o", OutDir(), "-k", "picture", At("x")});
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("no/such/dir/index.html"), std::string::npos) << run.err;
-}
-
-TEST_F(ToolBinary, TheOutputFolderIsMadeWithItsParents) {
-    const ToolRun run = Run({"-o", At("a/b/c"), At("x.jpg")});
-    EXPECT_EQ(run.exitCode, 1);
-    struct stat st;
-    ASSERT_EQ(stat(At("a/b/c").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(unwritable.exitCode, 1);
+    EXPECT_NE(unwritable.err.find("no/such/dir/index.html"), std::string::npos) << unwritable.err;
 }
 
 TEST_F(ToolBinary, TheLibraryStaysQuietUnlessVerbose) {
@@ -239,7 +224,7 @@ TEST_F(ToolBinary, AnEncodedWebItemIsSavedAsDownloaded) {
     EXPECT_EQ(parsed[0]["device"], 104);
     EXPECT_EQ(parsed[0]["frames"], 1);
     EXPECT_EQ(parsed[0]["outputs"], nlohmann::json::array({OutDir() + "/beach.jpg.jpg"}));
-    EXPECT_EQ(ReadFile(OutDir() + "/beach.jpg.jpg"), jpeg);
+    EXPECT_EQ(qrbtest::ReadFileBytes(OutDir() + "/beach.jpg.jpg"), jpeg);
 }
 
 }  // namespace

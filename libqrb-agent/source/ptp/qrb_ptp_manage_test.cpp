@@ -2,6 +2,7 @@
 #include "qrb_ptp_manage.h"
 
 #include "mtp.h"
+#include "qrb_test_files.h"
 #include "qrb_test_gphoto2.h"
 #include "qrb_test_jpeg_writer.h"
 #include "qrb_test_log.h"
@@ -68,11 +69,6 @@ protected:
         camera.AddPath(second, "MISC/y.jpg", jpeg);
         ASSERT_TRUE(camera.Start());
         setenv("QRB_PTPIP_CAMERA", camera.Address().c_str(), 1);
-    }
-
-    std::string ReadFile(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
 
     qrbtest::ScratchRoot root;
@@ -260,7 +256,7 @@ TEST_F(PtpManageTest, DownloadsAThumbnailAndAWholeFile) {
     const int a = all.Named("a.jpg")->nObjectHandle;
     const std::string dest = root.Path() + "/t.jpg";
     ASSERT_TRUE(manage.DownloadExif(1, 2, std::to_string(a), dest));
-    const std::string thumb = ReadFile(dest);
+    const std::string thumb = qrbtest::ReadFileBytes(dest);
     EXPECT_EQ(thumb.substr(0, 2), "\xFF\xD8");
     EXPECT_LT(thumb.size(), jpeg.size());  // the camera's small picture, not the file
     EXPECT_TRUE(log.Contains("object_handle : " + std::to_string(a)));

@@ -5,6 +5,7 @@
 
 #include "dlna-helper/qrb_dlna_test_support.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_http_server.h"
 #include "qrb_test_log.h"
 #include "qrb_test_raw_peer.h"
@@ -28,13 +29,6 @@ using namespace qrbdlnatest;
 using namespace std::chrono_literals;
 
 constexpr auto kWait = 20s;  // liveness bound only: a hang fails instead of stalling
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream bytes;
-    bytes << in.rdbuf();
-    return in ? bytes.str() : "<missing>";
-}
 
 TEST(QRBDlnaAsfDecodeTest, ExactlyFiveChaptersDecodeAndAnyOtherCountGivesTwo) {
     qrbtest::ScratchRoot root;
@@ -149,7 +143,7 @@ protected:
 
 TEST_F(QRBDlnaAsfDownloadTest, CompletedDownloadLiesAtThePathAndFailuresKeepTheOldFile) {
     EXPECT_EQ(Download(m_Server.Url("/item.mta"), "item.mta"), 0);
-    EXPECT_TRUE(ReadFile(Path("item.mta")) == qrbtest::PatternBytes(0, kBody));
+    EXPECT_TRUE(qrbtest::ReadFileBytes(Path("item.mta")) == qrbtest::PatternBytes(0, kBody));
     EXPECT_EQ(m_Root.CountEntries("/dl/"), 1) << "the temporary file was left behind";
     EXPECT_TRUE(m_Log.Contains("Download Complete"));
     EXPECT_TRUE(m_Log.Contains("received " + std::to_string(kBody) + " /" + std::to_string(kBody)));
@@ -173,7 +167,7 @@ TEST_F(QRBDlnaAsfDownloadTest, CompletedDownloadLiesAtThePathAndFailuresKeepTheO
     for (const auto& c : cases) {
         m_Log.Clear();
         EXPECT_EQ(Download(c.uri, "item.mta"), -1) << c.uri;
-        EXPECT_EQ(ReadFile(Path("item.mta")), "old") << c.uri;
+        EXPECT_EQ(qrbtest::ReadFileBytes(Path("item.mta")), "old") << c.uri;
         EXPECT_EQ(m_Root.CountEntries("/dl/"), 1) << c.uri;
         EXPECT_EQ(m_Log.Contains("DOWNLOAD_STATUS_ERROR"), !c.refused) << c.uri;
         EXPECT_EQ(m_Log.Contains("asf_provider_download error: -1 "), c.refused) << c.uri;
@@ -191,13 +185,13 @@ TEST_F(QRBDlnaAsfDownloadTest, ProgressNeitherWakesTheCallerNorLeavesACountBehin
     m_Gate.Open();
     ASSERT_EQ(held.wait_for(kWait), std::future_status::ready);
     EXPECT_EQ(held.get(), 0);
-    EXPECT_TRUE(ReadFile(Path("held.mta")) == qrbtest::PatternBytes(0, kBody));
+    EXPECT_TRUE(qrbtest::ReadFileBytes(Path("held.mta")) == qrbtest::PatternBytes(0, kBody));
 
     // Had the progress calls counted, the next callers would be released before their own
     // downloads end and answer -1.
     for (const char* name : {"next1.mta", "next2.mta"}) {
         EXPECT_EQ(Download(m_Server.Url("/item.mta"), name), 0) << name;
-        EXPECT_TRUE(ReadFile(Path(name)) == qrbtest::PatternBytes(0, kBody)) << name;
+        EXPECT_TRUE(qrbtest::ReadFileBytes(Path(name)) == qrbtest::PatternBytes(0, kBody)) << name;
     }
 }
 
@@ -228,8 +222,8 @@ TEST_F(QRBDlnaAsfDownloadTest, TwoDownloadsInFlightShareOneCompletionSignal) {
     }
     // Two releases need two completions: both downloads have reported.
     EXPECT_EQ(m_Log.Count("Download Complete"), 2);
-    EXPECT_TRUE(ReadFile(Path("held.mta")) == qrbtest::PatternBytes(0, kBody));
-    EXPECT_TRUE(ReadFile(Path("quick.mta")) == qrbtest::PatternBytes(0, kBody));
+    EXPECT_TRUE(qrbtest::ReadFileBytes(Path("held.mta")) == qrbtest::PatternBytes(0, kBody));
+    EXPECT_TRUE(qrbtest::ReadFileBytes(Path("quick.mta")) == qrbtest::PatternBytes(0, kBody));
 }
 
 }  // namespace

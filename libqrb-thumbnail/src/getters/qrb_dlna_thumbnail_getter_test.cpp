@@ -55,18 +55,7 @@ protected:
         return Local(name) + ";" + m_Server.Url("/" + name) + ";text/xml";
     }
     RecordedResult Request(const std::string& uri) {
-        const size_t n = m_Recorder.Count();
-        thumbnail_request_async(uri.c_str(), MEDIA_TYPE_DLNA, DEV_TYPE_LOCAL, 0, 160, 120, 0, 5,
-                                &CallbackRecorder::Callback, m_Recorder.Tag(static_cast<int>(n)));
-        if (m_Recorder.WaitForCount(n + 1, std::chrono::seconds(20)))
-            return m_Recorder.Results().back();
-        ADD_FAILURE() << "no callback for " << uri;
-        RecordedResult none;
-        none.status = -99;
-        none.sizes.resize(QRB_THUMB_MAX_IMAGES);
-        none.buffers.resize(QRB_THUMB_MAX_IMAGES);
-        none.timestamps.resize(QRB_THUMB_MAX_IMAGES);
-        return none;
+        return m_Recorder.Request(uri, MEDIA_TYPE_DLNA, DEV_TYPE_LOCAL, 160, 120, 0, 5);
     }
 
     qrbtest::ScratchRoot m_Root;

@@ -187,7 +187,7 @@ protected:
     RecordedResult One(int i) {
         const auto found = m_Recorder.For(m_Recorder.Tag(i));
         EXPECT_EQ(found.size(), 1u) << "request " << i;
-        return found.size() == 1 ? found[0] : RecordedResult{};
+        return found.size() == 1 ? found[0] : qrbtest::MissingResult();
     }
 
     void WriteCaBundle(const std::string& pem) { m_Root.WriteFile("opt/down/cert/ca.pem", pem); }

@@ -1,53 +1,19 @@
-// Shared by the music tests only (header-only, never built into the library): where the shared
-// corpus is, reading files, and small builders for the byte layouts whose sizes are tedious to
-// count by hand (ASF objects with 64-bit little-endian sizes, ID3 tags around a large picture,
-// BMP pictures small enough for a "WM/Picture" value).
+// Shared by the music tests only (header-only, never built into the library): builders for the
+// byte layouts whose sizes are tedious to count by hand (ASF objects with 64-bit little-endian
+// sizes, ID3 tags around a large picture, BMP pictures small enough for a "WM/Picture" value).
 #ifndef QRB_MUSIC_TEST_SUPPORT_H
 #define QRB_MUSIC_TEST_SUPPORT_H
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+#include "qrb_test_files.h"
 
 #include <cstdint>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 namespace qrbmusictest {
 
-// The shared corpus beside the project (QRB_TEST_SOURCE_DIR is set by ctest), or "".
-inline std::string CorpusDir() {
-    const char* source = std::getenv("QRB_TEST_SOURCE_DIR");
-    if (source == nullptr || *source == '\0') return std::string();
-    const std::string dir = std::string(source) + "/../shared/corpus";
-    struct stat st;
-    if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::string();
-    return dir;
-}
-
-#define QRB_REQUIRE_MUSIC_CORPUS(dir)                    \
-    const std::string dir = ::qrbmusictest::CorpusDir(); \
-    if (dir.empty()) GTEST_SKIP() << "shared corpus not found beside the project"
-
-inline std::string ReadFileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline std::string LE(uint64_t value, int bytes) {
-    std::string out;
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-    return out;
-}
-
-inline std::string BE(uint64_t value, int bytes) {
-    std::string out;
-    for (int i = bytes - 1; i >= 0; --i)
-        out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
-    return out;
-}
+using qrbtest::BigEndian;
+using qrbtest::LittleEndian;
 
 inline std::string Synchsafe(uint32_t value) {
     std::string out;
@@ -67,10 +33,10 @@ inline std::string Id3Tag(int major, const std::string& body) {
            Synchsafe(static_cast<uint32_t>(body.size())) + body;
 }
 inline std::string V23Frame(const std::string& id, const std::string& body) {
-    return id + BE(body.size(), 4) + std::string(2, '\0') + body;
+    return id + BigEndian(body.size(), 4) + std::string(2, '\0') + body;
 }
 inline std::string V22Frame(const std::string& id, const std::string& body) {
-    return id + BE(body.size(), 3) + body;
+    return id + BigEndian(body.size(), 3) + body;
 }
 // An APIC body: Latin-1, the MIME type, front cover, an empty description.
 inline std::string ApicBody(const std::string& mime, const std::string& picture) {
@@ -98,13 +64,14 @@ inline std::string DataGuid() {
     return Guid("\x36\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C");
 }
 inline std::string AsfObject(const std::string& guid, const std::string& body) {
-    return guid + LE(24 + body.size(), 8) + body;
+    return guid + LittleEndian(24 + body.size(), 8) + body;
 }
 // A header object holding the given sub-objects.
 inline std::string AsfHeader(const std::vector<std::string>& objects) {
     std::string body;
     for (const auto& o : objects) body += o;
-    return HeaderGuid() + LE(30 + body.size(), 8) + LE(objects.size(), 4) + "\x01\x02" + body;
+    return HeaderGuid() + LittleEndian(30 + body.size(), 8) + LittleEndian(objects.size(), 4) +
+           "\x01\x02" + body;
 }
 // ASCII (or Latin-1 bytes) as UTF-16LE, with a terminator when asked.
 inline std::string Utf16(const std::string& text, bool terminate = true) {
@@ -118,18 +85,19 @@ inline std::string Utf16(const std::string& text, bool terminate = true) {
 }
 inline std::string Descriptor(const std::string& name, int type, const std::string& value) {
     const std::string n = Utf16(name);
-    return LE(n.size(), 2) + n + LE(type, 2) + LE(value.size(), 2) + value;
+    return LittleEndian(n.size(), 2) + n + LittleEndian(type, 2) + LittleEndian(value.size(), 2) +
+           value;
 }
 inline std::string ExtContentDescription(const std::vector<std::string>& descriptors) {
-    std::string body = LE(descriptors.size(), 2);
+    std::string body = LittleEndian(descriptors.size(), 2);
     for (const auto& d : descriptors) body += d;
     return AsfObject(ExtContentDescriptionGuid(), body);
 }
 // A "WM/Picture" value: type, size, MIME type, description, picture.
 inline std::string WmPictureValue(const std::string& picture, const std::string& mime = "image/bmp",
                                   const std::string& description = "") {
-    return std::string(1, '\x03') + LE(picture.size(), 4) + Utf16(mime) + Utf16(description) +
-           picture;
+    return std::string(1, '\x03') + LittleEndian(picture.size(), 4) + Utf16(mime) +
+           Utf16(description) + picture;
 }
 
 // A 24-bit bottom-up BMP of w x h whose pixel (x, y) has colour(x, y) = 0xRRGGBB.
@@ -137,16 +105,15 @@ template <typename ColourFn>
 inline std::string Bmp(int w, int h, ColourFn colour) {
     const int stride = (w * 3 + 3) & ~3;
     const uint32_t pixels = static_cast<uint32_t>(stride * h);
-    std::string out = "BM" + LE(54 + pixels, 4) + LE(0, 4) + LE(54, 4);
-    out += LE(40, 4) + LE(w, 4) + LE(h, 4) + LE(1, 2) + LE(24, 2) + LE(0, 4) + LE(pixels, 4) +
-           LE(2835, 4) + LE(2835, 4) + LE(0, 4) + LE(0, 4);
+    std::string out = "BM" + LittleEndian(54 + pixels, 4) + LittleEndian(0, 4) + LittleEndian(54, 4);
+    out += LittleEndian(40, 4) + LittleEndian(w, 4) + LittleEndian(h, 4) + LittleEndian(1, 2) +
+           LittleEndian(24, 2) + LittleEndian(0, 4) + LittleEndian(pixels, 4) +
+           LittleEndian(2835, 4) + LittleEndian(2835, 4) + LittleEndian(0, 8);
     for (int y = h - 1; y >= 0; --y) {
         std::string row;
         for (int x = 0; x < w; ++x) {
             const uint32_t c = colour(x, y);
-            row.push_back(static_cast<char>(c & 0xFF));
-            row.push_back(static_cast<char>((c >> 8) & 0xFF));
-            row.push_back(static_cast<char>((c >> 16) & 0xFF));
+            row += LittleEndian(c, 3);  // blue, green, red
         }
         row.resize(static_cast<size_t>(stride), '\0');
         out += row;

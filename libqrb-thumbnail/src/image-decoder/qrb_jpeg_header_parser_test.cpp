@@ -14,7 +14,6 @@
 
 namespace {
 
-
 std::string Bytes(std::initializer_list<int> values) {
     std::string s;
     for (int v : values) s.push_back(static_cast<char>(v));
@@ -90,136 +89,108 @@ protected:
 
 TEST_F(JpegExifParserTest, ReadsIfd0OrientationInBothByteOrders) {
     bool ok = false;
-    QRBJpegHeaderInfo intel = ParseExif(kIntelOrientation6, 100, 1 << 20, &ok);
+    EXPECT_EQ(6u, ParseExif(kIntelOrientation6, 100, 1 << 20, &ok).orientation);
     EXPECT_TRUE(ok);
-    EXPECT_TRUE(intel.hasExif);
-    EXPECT_EQ(6u, intel.orientation);
-    EXPECT_EQ(0u, intel.exifThumbSize);
     EXPECT_TRUE(log.Contains("dwNum:[1], bIsInterOrder[1]"));
     EXPECT_TRUE(log.Contains("m_InFileInfo.uOrientation [6], tmpOrientation[6]"));
-
-    QRBJpegHeaderInfo motorola = ParseExif(kMotorolaOrientation8, 100, 1 << 20, &ok);
+    const QRBJpegHeaderInfo motorola = ParseExif(kMotorolaOrientation8, 100, 1 << 20, &ok);
     EXPECT_TRUE(ok);
+    EXPECT_TRUE(motorola.hasExif);
     EXPECT_EQ(8u, motorola.orientation);
+    EXPECT_EQ(0u, motorola.exifThumbSize);
     EXPECT_TRUE(log.Contains("dwNum:[1], bIsInterOrder[0]"));
 }
 
-TEST_F(JpegExifParserTest, OrientationOutsideOneToEightCountsAsAbsent) {
-    // Value bytes of the Intel block's entry sit at 6 + 8 + 2 + 8.
-    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 24, {0x09})).orientation);
-    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 24, {0x00})).orientation);
-    EXPECT_TRUE(log.Contains("m_InFileInfo.uOrientation [0], tmpOrientation[9]"));
-    // A LONG orientation is read as well; an ASCII one is not an orientation at all.
-    EXPECT_EQ(3u, ParseExif(Patch(kIntelOrientation6, 18,
-                                  {0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00}))
-                      .orientation);
-    EXPECT_EQ(0u, ParseExif(Patch(kIntelOrientation6, 18, {0x02})).orientation);
+// Offsets in kIntelWithIfd1: IFD0's entry count at 6 + 8, its link at 6 + 22; IFD1 at 6 + 26,
+// its entries (orientation, thumbnail offset, thumbnail length) 12 bytes apart from 6 + 28,
+// its link at 6 + 64. A block read at 100 puts the TIFF header at 106.
+struct ExifCase {
+    const char* what;
+    std::string block;
+    uint64_t fileSize;
+    bool ok;
+    uint32_t orientation;
+    uint64_t thumbOffset;  // 0 with thumbSize 0: no thumbnail
+    uint64_t thumbSize;
+    const char* logged;
+};
+
+void PrintTo(const ExifCase& c, std::ostream* os) { *os << c.what; }
+
+class JpegExifBlockTest : public JpegExifParserTest,
+                          public ::testing::WithParamInterface<ExifCase> {};
+
+TEST_P(JpegExifBlockTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
+    const ExifCase& c = GetParam();
+    bool ok = !c.ok;
+    const QRBJpegHeaderInfo info = ParseExif(c.block, 100, c.fileSize, &ok);
+    EXPECT_EQ(c.ok, ok);
+    EXPECT_EQ(c.orientation, info.orientation);
+    EXPECT_EQ(c.thumbOffset, info.exifThumbOffset);
+    EXPECT_EQ(c.thumbSize, info.exifThumbSize);
+    if (*c.logged) EXPECT_TRUE(log.Contains(c.logged));
 }
 
-TEST_F(JpegExifParserTest, Ifd1GivesTheThumbnailsAbsoluteFileOffsetInBothByteOrders) {
-    for (const std::string& block : {kIntelWithIfd1, kMotorolaWithIfd1}) {
-        QRBJpegHeaderInfo info = ParseExif(block, 100, 1000);
-        // TIFF header at 100 + 6; the directory's offset 0x40 counts from there.
-        EXPECT_EQ(106u + 0x40u, info.exifThumbOffset);
-        EXPECT_EQ(0x20u, info.exifThumbSize);
+constexpr uint64_t kThumb = 106 + 0x40;
+
+INSTANTIATE_TEST_SUITE_P(
+    Blocks, JpegExifBlockTest,
+    ::testing::Values(
         // IFD0 says 1, IFD1 says 8: the picture's orientation is IFD0's.
-        EXPECT_EQ(1u, info.orientation);
-    }
-}
-
-TEST_F(JpegExifParserTest, Ifd1OrientationIsNeverThePictures) {
-    // IFD0's only entry renamed to an unrelated tag: the picture has no orientation, although
-    // IFD1 carries one.
-    const std::string noIfd0Orientation = Patch(kIntelWithIfd1, 16, {0x0E, 0x01});
-    QRBJpegHeaderInfo info = ParseExif(noIfd0Orientation, 100, 1000);
-    EXPECT_EQ(0u, info.orientation);
-    EXPECT_EQ(0x20u, info.exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, ThumbnailMustLieInsideTheFile) {
-    // Ends exactly at the end of the file: taken.
-    QRBJpegHeaderInfo exact = ParseExif(kIntelWithIfd1, 100, 106 + 0x40 + 0x20);
-    EXPECT_EQ(0x20u, exact.exifThumbSize);
-    // One byte short: refused, nothing half-set.
-    QRBJpegHeaderInfo shorter = ParseExif(kIntelWithIfd1, 100, 106 + 0x40 + 0x20 - 1);
-    EXPECT_EQ(0u, shorter.exifThumbOffset);
-    EXPECT_EQ(0u, shorter.exifThumbSize);
-    // An offset near 2^32 must not wrap around into the file.
-    const std::string huge = Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 8, {0xF0, 0xFF, 0xFF, 0xFF});
-    EXPECT_EQ(0u, ParseExif(huge, 100, 1000).exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, ZeroLengthThumbnailIsNoThumbnail) {
-    const std::string zero = Patch(kIntelWithIfd1, 6 + 26 + 2 + 24 + 8, {0x00});
-    QRBJpegHeaderInfo info = ParseExif(zero, 100, 1000);
-    EXPECT_EQ(0u, info.exifThumbOffset);
-    EXPECT_EQ(0u, info.exifThumbSize);
-    // Offset without length, and length without offset, are no thumbnail either.
-    EXPECT_EQ(0u,
-              ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 24, {0x99}), 100, 1000).exifThumbSize);
-    EXPECT_EQ(0u,
-              ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 12, {0x99}), 100, 1000).exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, ShortTypedThumbnailTagsAreRead) {
-    std::string s = Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 2, {0x03});  // offset as SHORT
-    s = Patch(s, 6 + 26 + 2 + 24 + 2, {0x03});                           // length as SHORT
-    QRBJpegHeaderInfo info = ParseExif(s, 100, 1000);
-    EXPECT_EQ(106u + 0x40u, info.exifThumbOffset);
-    EXPECT_EQ(0x20u, info.exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, DirectoryCyclesEndTheWalk) {
-    // IFD0 linking to itself.
-    QRBJpegHeaderInfo self = ParseExif(Patch(kIntelWithIfd1, 6 + 22, {0x08}), 100, 1000);
-    EXPECT_EQ(1u, self.orientation);
-    EXPECT_EQ(0u, self.exifThumbSize);
-    EXPECT_TRUE(log.Contains("IFD1 link 8 ignored"));
-    // IFD1 linking back to IFD0: its own entries are read once, the link is not followed.
-    QRBJpegHeaderInfo back = ParseExif(Patch(kIntelWithIfd1, 6 + 26 + 2 + 36, {0x08}), 100, 1000);
-    EXPECT_EQ(0x20u, back.exifThumbSize);
-    EXPECT_EQ(1u, back.orientation);
-}
-
-TEST_F(JpegExifParserTest, EntryCountsLargerThanTheBlockReadOnlyWhatIsThere) {
-    // IFD0 claims 65535 entries; one is really there.
-    bool ok = false;
-    QRBJpegHeaderInfo info = ParseExif(Patch(kIntelWithIfd1, 6 + 8, {0xFF, 0xFF}), 100, 1000, &ok);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(1u, info.orientation);
-    EXPECT_EQ(0u, info.exifThumbSize);  // the link would lie past the block
-    EXPECT_TRUE(log.Contains("IFD0 claims 65535 entries"));
-    // IFD1 claims 65535: its three entries inside the block are still read.
-    QRBJpegHeaderInfo ifd1 = ParseExif(Patch(kIntelWithIfd1, 6 + 26, {0xFF, 0xFF}), 100, 1000);
-    EXPECT_EQ(0x20u, ifd1.exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, DirectoryOffsetsOutsideTheBlockAreRefused) {
-    bool ok = true;
-    ParseExif(Patch(kIntelOrientation6, 6 + 4, {0xFF, 0x7F}), 100, 1000, &ok);  // IFD0 at 32767
-    EXPECT_FALSE(ok);
-    EXPECT_TRUE(log.Contains("Wrong EXIF Foramt or Wrong Information ~!!!"));
-    ParseExif(Patch(kIntelOrientation6, 6 + 4, {0x02}), 100, 1000, &ok);  // inside the header
-    EXPECT_FALSE(ok);
-    // IFD1 past the block: IFD0 is still good.
-    QRBJpegHeaderInfo info = ParseExif(Patch(kIntelWithIfd1, 6 + 22, {0xF0, 0x0F}), 100, 1000, &ok);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(1u, info.orientation);
-    EXPECT_EQ(0u, info.exifThumbSize);
-}
-
-TEST_F(JpegExifParserTest, RefusesBlocksThatAreNotExif) {
-    bool ok = true;
-    ParseExif(std::string("http://ns.adobe.com/xap/1.0/\0", 29), 100, 1000, &ok);
-    EXPECT_FALSE(ok);
-    ParseExif(Patch(kIntelOrientation6, 6, {'I', 'M'}), 100, 1000, &ok);  // no byte order
-    EXPECT_FALSE(ok);
-    ParseExif(Patch(kIntelOrientation6, 8, {0x2B}), 100, 1000, &ok);  // not 42
-    EXPECT_FALSE(ok);
-    ParseExif(kIntelOrientation6.substr(0, 6 + 7), 100, 1000, &ok);  // TIFF header cut short
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(3, log.Count("Wrong EXIF Foramt or Wrong Information ~!!!"));
-}
+        ExifCase{"IFD1 thumbnail, Intel", kIntelWithIfd1, 1000, true, 1, kThumb, 0x20, ""},
+        ExifCase{"IFD1 thumbnail, Motorola", kMotorolaWithIfd1, 1000, true, 1, kThumb, 0x20, ""},
+        ExifCase{"orientation 9 counts as absent", Patch(kIntelOrientation6, 24, {0x09}), 1000,
+                 true, 0, 0, 0, "m_InFileInfo.uOrientation [0], tmpOrientation[9]"},
+        ExifCase{"orientation 0", Patch(kIntelOrientation6, 24, {0x00}), 1000, true, 0, 0, 0, ""},
+        ExifCase{"a LONG orientation is read",
+                 Patch(kIntelOrientation6, 18,
+                       {0x04, 0x00, 0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00}),
+                 1000, true, 3, 0, 0, ""},
+        ExifCase{"an ASCII orientation is none", Patch(kIntelOrientation6, 18, {0x02}), 1000, true,
+                 0, 0, 0, ""},
+        // IFD0's only entry renamed: the picture has no orientation, although IFD1 carries one.
+        ExifCase{"IFD1's orientation is never the picture's",
+                 Patch(kIntelWithIfd1, 16, {0x0E, 0x01}), 1000, true, 0, kThumb, 0x20, ""},
+        ExifCase{"thumbnail ending at the end of the file", kIntelWithIfd1, kThumb + 0x20, true, 1,
+                 kThumb, 0x20, ""},
+        ExifCase{"thumbnail a byte past the file", kIntelWithIfd1, kThumb + 0x20 - 1, true, 1, 0, 0,
+                 ""},
+        ExifCase{"thumbnail offset near 2^32 does not wrap",
+                 Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 8, {0xF0, 0xFF, 0xFF, 0xFF}), 1000, true,
+                 1, 0, 0, ""},
+        ExifCase{"zero-length thumbnail", Patch(kIntelWithIfd1, 6 + 26 + 2 + 24 + 8, {0x00}), 1000,
+                 true, 1, 0, 0, ""},
+        ExifCase{"offset without length", Patch(kIntelWithIfd1, 6 + 26 + 2 + 24, {0x99}), 1000,
+                 true, 1, 0, 0, ""},
+        ExifCase{"length without offset", Patch(kIntelWithIfd1, 6 + 26 + 2 + 12, {0x99}), 1000,
+                 true, 1, 0, 0, ""},
+        ExifCase{
+            "SHORT-typed thumbnail tags",
+            Patch(Patch(kIntelWithIfd1, 6 + 26 + 2 + 12 + 2, {0x03}), 6 + 26 + 2 + 24 + 2, {0x03}),
+            1000, true, 1, kThumb, 0x20, ""},
+        ExifCase{"IFD0 linking to itself", Patch(kIntelWithIfd1, 6 + 22, {0x08}), 1000, true, 1, 0,
+                 0, "IFD1 link 8 ignored"},
+        // Its own entries are read once, the link is not followed.
+        ExifCase{"IFD1 linking back to IFD0", Patch(kIntelWithIfd1, 6 + 26 + 2 + 36, {0x08}), 1000,
+                 true, 1, kThumb, 0x20, ""},
+        // One entry is really there; the link would lie past the block.
+        ExifCase{"IFD0 claiming 65535 entries", Patch(kIntelWithIfd1, 6 + 8, {0xFF, 0xFF}), 1000,
+                 true, 1, 0, 0, "IFD0 claims 65535 entries"},
+        ExifCase{"IFD1 claiming 65535 entries", Patch(kIntelWithIfd1, 6 + 26, {0xFF, 0xFF}), 1000,
+                 true, 1, kThumb, 0x20, ""},
+        ExifCase{"IFD0 past the block", Patch(kIntelOrientation6, 6 + 4, {0xFF, 0x7F}), 1000, false,
+                 0, 0, 0, "Wrong EXIF Foramt or Wrong Information ~!!!"},
+        ExifCase{"IFD0 inside the header", Patch(kIntelOrientation6, 6 + 4, {0x02}), 1000, false, 0,
+                 0, 0, ""},
+        ExifCase{"IFD1 past the block", Patch(kIntelWithIfd1, 6 + 22, {0xF0, 0x0F}), 1000, true, 1,
+                 0, 0, ""},
+        ExifCase{"XMP, not EXIF", std::string("http://ns.adobe.com/xap/1.0/\0", 29), 1000, false, 0,
+                 0, 0, ""},
+        ExifCase{"no byte order", Patch(kIntelOrientation6, 6, {'I', 'M'}), 1000, false, 0, 0, 0,
+                 ""},
+        ExifCase{"not 42", Patch(kIntelOrientation6, 8, {0x2B}), 1000, false, 0, 0, 0, ""},
+        ExifCase{"TIFF header cut short", kIntelOrientation6.substr(0, 6 + 7), 1000, false, 0, 0, 0,
+                 ""}));
 
 TEST_F(JpegExifParserTest, EveryTruncationOfABlockIsSafe) {
     // Cut at every length: no read past the end (ASan checks), and only complete data counts.

@@ -1,6 +1,7 @@
-// The pixel operations of CQRBThumbImage (scale, rotate) on small rasters built here. Expected
-// pixels are worked out by hand from the sampling rules, or, for whole-image checks, from a
-// direct division that the fixed-point implementation must agree with on exact ratios.
+// The pixel operations of CQRBThumbImage (scale, rotate) on small rasters built here. Scaling is
+// where the interleaved scaler's sampling rules (CQRBImageUtil::ScaleARGBLinear) are tested.
+// Expected pixels are worked out by hand from the sampling rules, or, for whole-image checks,
+// from a direct division that the fixed-point implementation must agree with on exact ratios.
 #include "qrb_thumb_image.h"
 
 #include "qrb_test_log.h"

@@ -161,18 +161,6 @@ TEST_F(ServiceTest, ThrowingGetterStillGetsExactlyOneFailure) {
     EXPECT_TRUE(log.Contains("Exception caught"));
 }
 
-TEST_F(ServiceTest, KindsWithoutAGetterFailHonestly) {
-    // Pictures, music, DLNA and SCSA items have no getter yet: one -1 each.
-    thumbnail_request_async("/no/picture.jpg", MEDIA_TYPE_PICTURE, DEV_TYPE_LOCAL, 0, 10, 10, 0, 1,
-                            &CallbackRecorder::Callback, recorder.Tag(1));
-    thumbnail_request_async("/no/song.mp3", MEDIA_TYPE_MUSIC, DEV_TYPE_LOCAL, 0, 10, 10, 0, 1,
-                            &CallbackRecorder::Callback, recorder.Tag(2));
-    thumbnail_request_async("/no/a;b;c", MEDIA_TYPE_DLNA, DEV_TYPE_LOCAL, 0, 10, 10, 0, 1,
-                            &CallbackRecorder::Callback, recorder.Tag(3));
-    ASSERT_TRUE(recorder.WaitForCount(3, 5s));
-    for (const auto& r : recorder.Results()) EXPECT_EQ(r.status, -1);
-}
-
 TEST_F(ServiceTest, UnroutedRequestGetsNoCallback) {
     thumbnail_request_async("/x.bin", MEDIA_TYPE_NONE, DEV_TYPE_LOCAL, 0, 0, 0, 0, 1,
                             &CallbackRecorder::Callback, recorder.Tag(1));

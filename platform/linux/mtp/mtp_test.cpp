@@ -4,6 +4,7 @@
 #include "mtp.h"
 #include "mtp_object_table.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_gphoto2.h"
 #include "qrb_test_jpeg_writer.h"
 #include "qrb_test_ptpip_responder.h"
@@ -29,26 +30,10 @@ namespace {
 using qrbtest::PtpipResponder;
 using ThumbFault = PtpipResponder::ThumbFault;
 
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Width x height of a JPEG's first frame header, "" when there is none.
 std::string JpegSize(const std::string& jpeg) {
-    for (size_t at = 2; at + 9 <= jpeg.size();) {
-        const unsigned marker = static_cast<unsigned char>(jpeg[at + 1]);
-        if (marker >= 0xC0 && marker <= 0xC2) {
-            const int h = (static_cast<unsigned char>(jpeg[at + 5]) << 8) |
-                          static_cast<unsigned char>(jpeg[at + 6]);
-            const int w = (static_cast<unsigned char>(jpeg[at + 7]) << 8) |
-                          static_cast<unsigned char>(jpeg[at + 8]);
-            return std::to_string(w) + "x" + std::to_string(h);
-        }
-        at += 2 + ((static_cast<unsigned char>(jpeg[at + 2]) << 8) |
-                   static_cast<unsigned char>(jpeg[at + 3]));
-    }
-    return "";
+    uint32_t w = 0, h = 0;
+    return qrbtest::JpegFrameSize(jpeg, &w, &h) ? std::to_string(w) + "x" + std::to_string(h) : "";
 }
 
 class MtpClientTest : public ::testing::Test {
@@ -278,8 +263,9 @@ TEST_F(MtpClientTest, ThumbnailReplacesThePathOnlyWhenComplete) {
     ASSERT_EQ(lstat(Dest().c_str(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_EQ(JpegSize(ReadFile(Dest())), "160x120");  // the EXIF thumbnail, not the picture
-    EXPECT_EQ(ReadFile(victim), "keep");
+    EXPECT_EQ(JpegSize(qrbtest::ReadFileBytes(Dest())),
+              "160x120");  // the EXIF thumbnail, not the picture
+    EXPECT_EQ(qrbtest::ReadFileBytes(victim), "keep");
     EXPECT_EQ(LeftInOut(), 2);  // the thumbnail and the victim: no temporary left
 
     unsigned char* data = nullptr;
@@ -309,7 +295,7 @@ TEST_F(MtpClientTest, CallsFromSeveralThreadsAtOnceAllSucceed) {
                     ++failures;
                 }
                 if (mtp_get_thumbnail(device, a, dest.c_str()) != MTP_ERROR_NONE ||
-                    JpegSize(ReadFile(dest)) != "160x120") {
+                    JpegSize(qrbtest::ReadFileBytes(dest)) != "160x120") {
                     ++failures;
                 }
             }

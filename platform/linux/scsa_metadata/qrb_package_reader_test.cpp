@@ -6,11 +6,11 @@
 #include "scsa_metadata_extractor.h"
 
 #include "qrb_test_box_writer.h"
+#include "qrb_test_files.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -408,15 +408,9 @@ TEST_F(PackageExtractorTest, NoPackageIsRefusedAndAReplacedFileIsReadAgain) {
         root.Path(),
     };
     // Real media files from the shared corpus, when it is there: walked, never mistaken.
-    const char* source = std::getenv("QRB_TEST_SOURCE_DIR");
-    const std::string corpus =
-        std::string(source ? source : "") + "/../shared/corpus/androidx-media/mp4";
-    if (DIR* dir = source ? opendir(corpus.c_str()) : nullptr) {
-        while (dirent* e = readdir(dir)) {
-            if (std::string(e->d_name).find(".mp4") != std::string::npos)
-                paths.push_back(corpus + "/" + e->d_name);
-        }
-        closedir(dir);
+    const std::string corpus = CorpusDir() + "/androidx-media/mp4";
+    for (const std::string& name : ListDir(CorpusDir().empty() ? "" : corpus, ".mp4")) {
+        paths.push_back(corpus + "/" + name);
     }
     for (const std::string& path : paths) {
         std::vector<std::string> files{"stale"};
