@@ -3,7 +3,8 @@
 // into 8-bit RGBA.
 //
 // Source: the first page not marked reduced-resolution is the picture. A reduced-resolution
-// page of the same picture (pyramids, previews; its aspect ratio within 2% of the picture's)
+// page of the same picture (pyramids written as further pages or as SubIFDs of the first page,
+// previews; its aspect ratio within 2% of the picture's)
 // is used instead when it is at least half the request in both directions: the smallest such
 // page that still covers the request, else the largest. The page's Orientation tag is handed to
 // the caller, as a JPEG's EXIF orientation is.
@@ -70,7 +71,8 @@ int OnTiffWarning(TIFF*, void* user, const char* module, const char* fmt, va_lis
 }
 
 struct Page {
-    tdir_t index;
+    tdir_t index;        // in the main chain
+    uint64_t subOffset;  // a SubIFD's file offset instead; 0 for pages of the main chain
     uint32_t width;
     uint32_t height;
     bool reduced;
@@ -96,8 +98,12 @@ public:
     int Decode(unsigned char* out, uint32_t outW, uint32_t outH) override;
 
 private:
-    // The pages libtiff can read into RGBA, in file order.
+    // The pages libtiff can read into RGBA: the main chain in file order, then the SubIFDs of
+    // its first page.
     std::vector<Page> m_ListPages();
+    // The current directory as a page; false when libtiff cannot read it into RGBA.
+    bool m_ReadPage(Page* page);
+    bool m_SelectPage(const Page& page);
 
     TiffMessages m_Messages;  // outlives the handle, which points at it
     ScopedTiff m_pTiff;
@@ -105,29 +111,55 @@ private:
     Page m_Source{};
 };
 
+bool CQRBTiffReader::m_ReadPage(Page* page) {
+    TIFF* tif = m_pTiff.get();
+    uint32_t subfile = 0;
+    uint16_t orientation = 0;
+    char message[1024];
+    if (TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &page->width) != 1 ||
+        TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &page->height) != 1 || page->width == 0 ||
+        page->height == 0 || TIFFRGBAImageOK(tif, message) != 1) {
+        return false;
+    }
+    page->reduced = TIFFGetField(tif, TIFFTAG_SUBFILETYPE, &subfile) == 1 &&
+                    (subfile & FILETYPE_REDUCEDIMAGE) != 0;
+    if (TIFFGetField(tif, TIFFTAG_ORIENTATION, &orientation) == 1 && orientation >= 1 &&
+        orientation <= 8) {
+        page->orientation = orientation;
+    }
+    return true;
+}
+
 std::vector<Page> CQRBTiffReader::m_ListPages() {
     std::vector<Page> pages;
+    std::vector<uint64_t> subIfds;
     TIFF* tif = m_pTiff.get();
     tdir_t index = 0;
     do {
-        Page page{index, 0, 0, false, 0};
-        uint32_t subfile = 0;
-        uint16_t orientation = 0;
-        char message[1024];
-        if (TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &page.width) == 1 &&
-            TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &page.height) == 1 && page.width != 0 &&
-            page.height != 0 && TIFFRGBAImageOK(tif, message) == 1) {
-            page.reduced = TIFFGetField(tif, TIFFTAG_SUBFILETYPE, &subfile) == 1 &&
-                           (subfile & FILETYPE_REDUCEDIMAGE) != 0;
-            if (TIFFGetField(tif, TIFFTAG_ORIENTATION, &orientation) == 1 && orientation >= 1 &&
-                orientation <= 8) {
-                page.orientation = orientation;
+        if (index == 0) {
+            uint16_t count = 0;
+            uint64_t* offsets = nullptr;  // libtiff's own storage
+            if (TIFFGetField(tif, TIFFTAG_SUBIFD, &count, &offsets) == 1 && offsets != nullptr) {
+                subIfds.assign(offsets, offsets + std::min<uint16_t>(count, kMaxPages));
             }
-            pages.push_back(page);
         }
+        Page page{index, 0, 0, 0, false, 0};
+        if (m_ReadPage(&page)) pages.push_back(page);
         ++index;
     } while (index < kMaxPages && TIFFReadDirectory(tif) == 1);
+    for (uint64_t offset : subIfds) {
+        Page page{0, offset, 0, 0, false, 0};
+        if (offset != 0 && TIFFSetSubDirectory(tif, offset) == 1 && m_ReadPage(&page)) {
+            pages.push_back(page);
+        }
+    }
     return pages;
+}
+
+bool CQRBTiffReader::m_SelectPage(const Page& page) {
+    TIFF* tif = m_pTiff.get();
+    return page.subOffset != 0 ? TIFFSetSubDirectory(tif, page.subOffset) == 1
+                               : TIFFSetDirectory(tif, page.index) == 1;
 }
 
 int CQRBTiffReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
@@ -182,16 +214,16 @@ int CQRBTiffReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
                  static_cast<unsigned long long>(kMaxPixels));
         return -1;
     }
-    QRB_LOGD("TIFF %u x %u, %zu page(s); page %u (%u x %u) chosen, orientation %u",
-             m_Picture.width, m_Picture.height, pages.size(), static_cast<unsigned>(m_Source.index),
-             m_Source.width, m_Source.height, m_Source.orientation);
+    QRB_LOGD("TIFF %u x %u, %zu page(s); page %u x %u chosen, orientation %u", m_Picture.width,
+             m_Picture.height, pages.size(), m_Source.width, m_Source.height,
+             m_Source.orientation);
     return 0;
 }
 
 int CQRBTiffReader::Decode(unsigned char* out, uint32_t outW, uint32_t outH) {
     if (out == nullptr || !m_pTiff) return -1;
     TIFF* tif = m_pTiff.get();
-    if (TIFFSetDirectory(tif, m_Source.index) != 1) return -1;
+    if (!m_SelectPage(m_Source)) return -1;
     TIFFRGBAImage img;
     char message[1024];
     if (TIFFRGBAImageBegin(&img, tif, 1, message) != 1) {
