@@ -25,6 +25,7 @@
 #include <libheif/heif.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -34,11 +35,12 @@ namespace {
 constexpr int kMaxSide = 16384;
 // 2^26 pixels (e.g. 8192 x 8192; a 48-megapixel phone photo is 8064 x 6048).
 constexpr uint64_t kMaxPixels = 1ull << 26;
-// What a decode holds per pixel at its peak: the decoded planes (1.5 to 3 bytes for 8-bit
-// 4:2:0 to 4:4:4) and libheif's RGBA copy (4 bytes); twice the planes above 8 bits; one more
-// byte for an alpha plane.
-constexpr uint64_t kBytesPerPixel = 7;
-constexpr uint64_t kBytesPerPixelDeep = 10;
+// What a decode holds per pixel at its peak, as measured: the codec's picture and libheif's copy
+// of its planes (1.5 bytes each at 8-bit 4:2:0, up to 3 at 4:4:4) and libheif's RGBA
+// conversion (4 bytes); 97 MiB for a 12-megapixel photo. Half as much again above 8 bits; one
+// more byte for an alpha plane.
+constexpr uint64_t kBytesPerPixel = 8;
+constexpr uint64_t kBytesPerPixelDeep = 12;
 
 void FreeContext(heif_context* ctx) { heif_context_free(ctx); }
 using ScopedHeifContext = QRBScoped<heif_context, FreeContext>;
@@ -51,7 +53,11 @@ using ScopedHeifOptions = QRBScoped<heif_decoding_options, FreeOptions>;
 
 bool Failed(const heif_error& err, const char* what) {
     if (err.code == heif_error_Ok) return false;
-    QRB_LOGW("HEIF %s: %s (%d.%d)", what, err.message ? err.message : "", err.code, err.subcode);
+    std::string message = err.message != nullptr ? err.message : "";
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) {
+        message.pop_back();  // libheif ends some messages with a line break
+    }
+    QRB_LOGW("HEIF %s: %s (%d.%d)", what, message.c_str(), err.code, err.subcode);
     const bool limit = err.subcode == heif_suberror_Security_limit_exceeded ||
                        err.code == heif_error_Memory_allocation_error;
     QRBNoteFailure(limit ? QRBFailure::kTooLarge : QRBFailure::kDamaged);

@@ -9,9 +9,11 @@
 
 #include "qrb_test_jpeg_writer.h"
 
+#include <gif_lib.h>
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sys/resource.h>
+#include <tiffio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +40,8 @@ using qrbpicturetest::Decode;
 using qrbpicturetest::PngChunk;
 using qrbpicturetest::PngWithHeader;
 using qrbpicturetest::ScratchDir;
+using qrbpicturetest::BigEndian32;
+using qrbpicturetest::ReadFileBytes;
 using qrbtest::JpegSpec;
 using qrbtest::MakeJpeg;
 
@@ -327,6 +331,146 @@ TEST_F(PictureHostileInputTest, TruncatedMalformedAndCyclicFiles) {
     // PNG and BMP cut short.
     Check("png-cut.png", LargePng(300, 200).substr(0, 500), Expect::kFails);
     Check("bmp-cut.bmp", BmpOver(300, 200, 24, 0, std::string(1000, '\x40')), Expect::kFails);
+}
+
+// ---- HEIF, AVIF, WebP, GIF and TIFF (testdata/make_format_fixtures.sh, patched or cut)
+
+std::string FormatFixture(const char* name) {
+    return ReadFileBytes(std::string(QRB_FORMAT_FIXTURE_DIR) + "/" + name);
+}
+
+// Every "ispe" box (a HEIF item's stored size) saying w x h.
+std::string HeifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    for (size_t at = bytes.find("ispe"); at != std::string::npos && at + 16 <= bytes.size();
+         at = bytes.find("ispe", at + 4)) {
+        bytes.replace(at + 8, 8, BigEndian32(w) + BigEndian32(h));
+    }
+    return bytes;
+}
+
+// A simple lossy WebP (cwebp's) whose key frame says w x h.
+std::string WebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    if (bytes.compare(12, 4, "VP8 ") != 0) return std::string();
+    bytes.replace(26, 4, Le16(w & 0x3FFF) + Le16(h & 0x3FFF));
+    return bytes;
+}
+
+// A lossless WebP whose bitstream header says w x h.
+std::string LosslessWebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    if (bytes.compare(12, 4, "VP8L") != 0) return std::string();
+    const uint32_t bits = (w - 1) | ((h - 1) << 14);  // alpha and version bits left 0
+    bytes.replace(21, 4, Le32(bits));
+    return bytes;
+}
+
+// A GIF whose logical screen says w x h.
+std::string GifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    bytes.replace(6, 4, Le16(w) + Le16(h));
+    return bytes;
+}
+
+int AppendGif(GifFileType* gif, const GifByteType* data, int n) {
+    static_cast<std::string*>(gif->UserData)->append(reinterpret_cast<const char*>(data), n);
+    return n;
+}
+
+// A genuine GIF of one colour: a canvas of w x h and one frame of fw x fh, written row by row
+// (a few hundred KiB for a hundred megapixels).
+std::string FlatGif(int w, int h, int fw, int fh, bool interlaced) {
+    std::string out;
+    int error = 0;
+    GifFileType* gif = EGifOpen(&out, AppendGif, &error);
+    if (gif == nullptr) return std::string();
+    GifColorType colours[2] = {{200, 40, 40}, {0, 0, 0}};
+    ColorMapObject* map = GifMakeMapObject(2, colours);
+    bool ok = EGifPutScreenDesc(gif, w, h, 1, 0, map) == GIF_OK &&
+              EGifPutImageDesc(gif, 0, 0, fw, fh, interlaced, nullptr) == GIF_OK;
+    std::vector<GifPixelType> line(static_cast<size_t>(fw), 0);
+    for (int y = 0; ok && y < fh; ++y) ok = EGifPutLine(gif, line.data(), fw) == GIF_OK;
+    GifFreeMapObject(map);
+    ok = EGifCloseFile(gif, &error) == GIF_OK && ok;
+    return ok ? out : std::string();
+}
+
+// A TIFF header declaring w x h grey pixels in one strip of 16 bytes.
+std::string TiffDeclaring(uint32_t w, uint32_t h) {
+    const auto entry = [](uint16_t tag, uint16_t type, uint32_t value) {
+        return Le16(tag) + Le16(type) + Le32(1) + (type == 3 ? Le16(value) + Le16(0) : Le32(value));
+    };
+    const uint32_t data = 8 + 2 + 9 * 12 + 4;
+    const std::string ifd = Le16(9) + entry(256, 4, w) + entry(257, 4, h) + entry(258, 3, 8) +
+                            entry(259, 3, 1) + entry(262, 3, 1) + entry(273, 4, data) +
+                            entry(277, 3, 1) + entry(278, 4, h) + entry(279, 4, 16) + Le32(0);
+    return std::string("II*\0", 4) + Le32(8) + ifd + std::string(16, '\x40');
+}
+
+// A genuine deflate-compressed TIFF of w x h zero samples in strips of `rowsPerStrip` rows.
+std::string FlatTiff(ScratchDir& scratch, const std::string& name, uint32_t w, uint32_t h,
+                     uint16_t samples, uint32_t rowsPerStrip) {
+    const std::string path = scratch.Path() + "/" + name + ".tmp";
+    TIFF* tif = TIFFOpen(path.c_str(), "w");
+    if (tif == nullptr) return std::string();
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, samples == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    TIFFSetField(tif, TIFFTAG_ZIPQUALITY, 1);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
+    std::vector<uint8_t> row(static_cast<size_t>(w) * samples, 0);
+    bool ok = true;
+    for (uint32_t y = 0; ok && y < h; ++y) ok = TIFFWriteScanline(tif, row.data(), y, 0) == 1;
+    TIFFClose(tif);
+    std::string bytes = ok ? ReadFileBytes(path) : std::string();
+    unlink(path.c_str());
+    return bytes;
+}
+
+TEST_F(PictureHostileInputTest, LibraryFormatsDeclaringHugePicturesFailBeforeDecoding) {
+    const std::string heic = FormatFixture("quad.heic");
+    // libheif's own limit on a side, then ours on pixels.
+    Check("heif-65535.heic", HeifDeclaring(heic, 65535, 65535), Expect::kFails);
+    Check("heif-12000.heic", HeifDeclaring(heic, 12000, 12000), Expect::kFails);
+    Check("avif-65535.avif", HeifDeclaring(FormatFixture("quad.avif"), 65535, 65535),
+          Expect::kFails);
+    Check("webp-16383.webp", WebpDeclaring(FormatFixture("quad.webp"), 16383, 16383),
+          Expect::kFails);
+    Check("webp-lossless-16000.webp",
+          LosslessWebpDeclaring(FormatFixture("quad_lossless.webp"), 16000, 16000),
+          Expect::kFails);
+    Check("gif-65535.gif", GifDeclaring(FormatFixture("quad.gif"), 65535, 65535), Expect::kFails);
+    Check("tiff-65535.tif", TiffDeclaring(65535, 65535), Expect::kFails);
+}
+
+TEST_F(PictureHostileInputTest, LibraryFormatBombsFailOrStayWithinTheBound) {
+    // Small files that expand to more pixels than a decode may walk: refused from the header.
+    Check("gif-bomb-12000.gif", FlatGif(12000, 12000, 12000, 12000, false), Expect::kFails);
+    Check("tiff-bomb-12000.tif", FlatTiff(scratch, "tb", 12000, 12000, 1, 256), Expect::kFails);
+    // One compressed strip of 192 MiB: libtiff is allowed 64 MiB at once.
+    Check("tiff-one-strip-8000.tif", FlatTiff(scratch, "ts", 8000, 8000, 3, 8000),
+          Expect::kFails);
+    // A frame far larger than its 64 x 64 canvas: only what lies on the canvas is read, or,
+    // interlaced, every row is decoded one at a time and dropped.
+    Check("gif-frame-bomb.gif", FlatGif(64, 64, 10000, 10000, false), Expect::kDecodes, 64, 64);
+    Check("gif-frame-bomb-interlaced.gif", FlatGif(64, 64, 10000, 10000, true),
+          Expect::kDecodes, 64, 64);
+}
+
+TEST_F(PictureHostileInputTest, LibraryFormatsCutShortFail) {
+    for (const char* name : {"quad.heic", "quad.avif", "quad.webp", "quad_lossless.webp",
+                             "quad_interlaced.gif", "quad_lzw.tif"}) {
+        const std::string bytes = FormatFixture(name);
+        Check(std::string("cut-") + name, bytes.substr(0, bytes.size() / 2), Expect::kFails);
+    }
+}
+
+TEST_F(PictureHostileInputTest, PhonePhotoInHeifTakesNoMoreThanItsDecodedPicture) {
+    // libheif decodes a picture whole: about 8 bytes a pixel of a 12-megapixel photo at the peak.
+    CheckFile("large_4000x3000.heic",
+              std::string("file://") + QRB_FORMAT_FIXTURE_DIR + "/large_4000x3000.heic",
+              Expect::kDecodes, 320, 240, 92);
 }
 
 }  // namespace
