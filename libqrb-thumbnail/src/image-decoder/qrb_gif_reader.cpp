@@ -43,7 +43,7 @@ bool Failed(int result, const GifFileType* gif, const char* what) {
 
 class CQRBGifReader : public CQRBPictureReader {
 public:
-    int Open(const char* path, uint32_t reqW, uint32_t reqH) override;
+    int Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) override;
     uint32_t PictureWidth() const override { return m_uWidth; }
     uint32_t PictureHeight() const override { return m_uHeight; }
     uint32_t SourceWidth() const override { return m_uWidth; }
@@ -60,7 +60,7 @@ private:
     uint32_t m_uHeight = 0;
 };
 
-int CQRBGifReader::Open(const char* path, uint32_t, uint32_t) {
+int CQRBGifReader::Open(const char* path, uint32_t, uint32_t, bool) {
     int error = 0;
     m_pGif.reset(DGifOpenFileName(path, &error));
     if (!m_pGif) {

@@ -68,7 +68,7 @@ uint32_t Side(int value) { return value > 0 ? static_cast<uint32_t>(value) : 0; 
 
 class CQRBHeifReader : public CQRBPictureReader {
 public:
-    int Open(const char* path, uint32_t reqW, uint32_t reqH) override;
+    int Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) override;
     uint32_t PictureWidth() const override { return m_uPictureWidth; }
     uint32_t PictureHeight() const override { return m_uPictureHeight; }
     uint32_t SourceWidth() const override { return m_uSourceWidth; }
@@ -88,7 +88,7 @@ private:
     uint32_t m_uSourceHeight = 0;
 };
 
-int CQRBHeifReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
+int CQRBHeifReader::Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) {
     m_pContext.reset(heif_context_alloc());
     if (!m_pContext) return -1;
     heif_context_set_maximum_image_size_limit(m_pContext.get(), kMaxSide);
@@ -108,7 +108,10 @@ int CQRBHeifReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
     }
     QRB_LOGD("HEIF %u x %u, %d thumbnail(s)", m_uPictureWidth, m_uPictureHeight,
              heif_image_handle_get_number_of_thumbnails(primary));
-    m_ChooseThumbnail(reqW != 0 ? reqW : m_uPictureWidth, reqH != 0 ? reqH : m_uPictureHeight);
+    if (!wholePicture) {
+        m_ChooseThumbnail(reqW != 0 ? reqW : m_uPictureWidth,
+                          reqH != 0 ? reqH : m_uPictureHeight);
+    }
     if (m_pSource) return 0;
     // Only the primary picture is limited here: a huge one with a thumbnail that serves is fine.
     if (static_cast<uint64_t>(m_uPictureWidth) * m_uPictureHeight > kMaxPixels) {

@@ -66,7 +66,7 @@ CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int a
             m_CalculateDimension(m_uPictureWidth, m_uPictureHeight);
         }
     } else if (IsReaderType(m_nThumbnailType)) {
-        ret = m_OpenReader();
+        ret = m_OpenReader(forceFull);
     } else if (m_nThumbnailType != kTypePtp && m_nThumbnailType != kTypeHttp) {
         // A PTP object or an HTTP URI is no file of ours: its type stands and nothing is parsed.
         // The source is chosen on the request as given; only then does a zero side take the
@@ -159,11 +159,12 @@ const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
     return path;
 }
 
-int CQRBImageDecoder::m_OpenReader() {
+int CQRBImageDecoder::m_OpenReader(bool forceFull) {
     if (m_pPath == nullptr) return -1;
     m_pReader = QRBMakePictureReader(ReaderFormat(m_nThumbnailType));
     // A zero side of the request stands for the picture's own, as the reader sees it.
-    if (!m_pReader || m_pReader->Open(m_pPath, m_uRequestWidth, m_uRequestHeight) != 0) {
+    if (!m_pReader ||
+        m_pReader->Open(m_pPath, m_uRequestWidth, m_uRequestHeight, forceFull) != 0) {
         m_pReader.reset();
         return -1;
     }

@@ -121,7 +121,7 @@ private:
     int m_ReadPNGThumbnail(unsigned char* out);
 
     // The formats with a reader: opens it and fills the sizes. 0 or -1.
-    int m_OpenReader();
+    int m_OpenReader(bool forceFull);
 
     int m_ParseBMPThumbInfo();
     int m_ReadBMPThumbnail(unsigned char* out);

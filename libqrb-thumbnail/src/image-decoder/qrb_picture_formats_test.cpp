@@ -331,6 +331,7 @@ TEST(PictureFormatSourceTest, HeifThumbnailServesRequestsUpToTwiceItsSize) {
         {400, 299, false},  // 400 is not less than twice 200
         {0, 0, false},      // the picture's own size
     };
+    EXPECT_EQ("", StoredQuadrants(Decode(url, 160, 120, true))) << "forceFull skips it";
     for (const auto& row : rows) {
         const Raster r = Decode(url, row.w, row.h);
         ASSERT_FALSE(r.Empty()) << row.w << "x" << row.h;
@@ -362,6 +363,7 @@ TEST(PictureFormatSourceTest, TiffReducedPageThatServesIsDecodedInsteadOfThePict
         {640, 480, kRed},     // no reduced page serves
         {0, 0, kRed},
     };
+    EXPECT_EQ("", StoredQuadrants(Decode(url, 160, 120, true))) << "forceFull skips them";
     for (const auto& row : rows) {
         const Raster r = Decode(url, row.w, row.h);
         ASSERT_FALSE(r.Empty()) << row.w << "x" << row.h;

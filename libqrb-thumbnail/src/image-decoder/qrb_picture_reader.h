@@ -34,9 +34,10 @@ public:
     virtual ~CQRBPictureReader() = default;
 
     // Reads the headers of the file at path and chooses the source for a request of
-    // reqW x reqH (both non-zero). 0, or -1 with the reason logged (and noted: too large,
-    // damaged).
-    virtual int Open(const char* path, uint32_t reqW, uint32_t reqH) = 0;
+    // reqW x reqH (a zero side stands for the picture's own); wholePicture skips every
+    // embedded thumbnail and reduced page. 0, or -1 with the reason logged (and noted: too
+    // large, damaged).
+    virtual int Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) = 0;
     // After Open: the picture's own size, as shown (after any rotation the format applies
     // itself), and the size of the chosen source, which the output size is computed from.
     virtual uint32_t PictureWidth() const = 0;

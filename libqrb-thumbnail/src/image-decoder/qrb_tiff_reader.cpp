@@ -89,7 +89,7 @@ bool SameAspect(const Page& a, const Page& b) {
 
 class CQRBTiffReader : public CQRBPictureReader {
 public:
-    int Open(const char* path, uint32_t reqW, uint32_t reqH) override;
+    int Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) override;
     uint32_t PictureWidth() const override { return m_Picture.width; }
     uint32_t PictureHeight() const override { return m_Picture.height; }
     uint32_t SourceWidth() const override { return m_Source.width; }
@@ -162,7 +162,7 @@ bool CQRBTiffReader::m_SelectPage(const Page& page) {
                                : TIFFSetDirectory(tif, page.index) == 1;
 }
 
-int CQRBTiffReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
+int CQRBTiffReader::Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) {
     ScopedTiffOptions options(TIFFOpenOptionsAlloc());
     if (!options) return -1;
     TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), kMaxSingleAlloc);
@@ -188,7 +188,7 @@ int CQRBTiffReader::Open(const char* path, uint32_t reqW, uint32_t reqH) {
     m_Source = m_Picture;
     const Page* best = nullptr;
     for (const Page& page : pages) {
-        if (!page.reduced || !SameAspect(page, m_Picture) ||
+        if (wholePicture || !page.reduced || !SameAspect(page, m_Picture) ||
             !QRBServesRequest(page.width, page.height, reqW, reqH)) {
             continue;
         }

@@ -43,7 +43,7 @@ using ScopedDemux = QRBScoped<WebPDemuxer, DeleteDemux>;
 
 class CQRBWebpReader : public CQRBPictureReader {
 public:
-    int Open(const char* path, uint32_t reqW, uint32_t reqH) override;
+    int Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) override;
     uint32_t PictureWidth() const override { return m_uWidth; }
     uint32_t PictureHeight() const override { return m_uHeight; }
     uint32_t SourceWidth() const override { return m_uWidth; }
@@ -111,7 +111,7 @@ void CQRBWebpReader::m_ReadOrientation() {
     }
 }
 
-int CQRBWebpReader::Open(const char* path, uint32_t, uint32_t) {
+int CQRBWebpReader::Open(const char* path, uint32_t, uint32_t, bool) {
     if (!m_ReadFile(path)) return -1;
     const WebPData data = {m_Bytes.data(), m_Bytes.size()};
     m_pDemux.reset(WebPDemux(&data));
