@@ -47,6 +47,7 @@ bench: build
 	bench/music.sh build
 	bench/video.sh build
 	bench/local.sh build
+	bench/formats.sh build
 
 build-fuzz/CMakeCache.txt:
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \

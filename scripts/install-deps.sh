@@ -11,9 +11,11 @@ libglib2.0-dev libboost-dev libboost-thread-dev
 libcurl4-openssl-dev libssl-dev openssl
 libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libavfilter-dev ffmpeg
 libjpeg62-turbo-dev libpng-dev libisal-dev libexif-dev libxml2-dev uuid-dev libgphoto2-dev
+libheif-dev libwebp-dev libgif-dev libtiff-dev libtag1-dev
 libgtest-dev libgmock-dev googletest
 libcli11-dev nlohmann-json3-dev libcpp-httplib-dev
 imagemagick libimage-exiftool-perl time ffmpegthumbnailer libvips-tools hyperfine
+libheif-examples webp
 "
 
 missing=""

@@ -1,8 +1,9 @@
 #!/bin/sh
 # Makes the local sample media the demo and the installed-layout test use, with Debian's
 # ImageMagick, exiftool and ffmpeg: pictures in every orientation with and without EXIF
-# thumbnails, PNG, BMP, songs with ID3v2.3, ID3v2.2 and WMA covers (and one without), videos in
-# several codecs and containers, a recording with its key frames, a content package.
+# thumbnails, PNG, BMP, HEIF, AVIF, WebP (heif-enc, cwebp), GIF, TIFF, songs with ID3v2.3,
+# ID3v2.2 and WMA covers (and one without) and with covers in FLAC, M4A, Ogg Vorbis and Opus,
+# videos in several codecs and containers, a recording with its key frames, a content package.
 #
 #   scripts/make-media.sh BUILD_DIR MEDIA_DIR RECORDINGS_DIR WORK_DIR
 #
@@ -69,6 +70,24 @@ exiftool -q -q -@ "$ARGS" >/dev/null
 convert "$WORK/upright.png" -resize 400x300 "$MEDIA/picture.png"
 convert "$WORK/upright.png" -resize 400x300 "BMP3:$MEDIA/picture.bmp"
 
+# What phones and the web store today: HEIF and AVIF, WebP, an animated GIF (its first frame is
+# shown), a TIFF. heif-enc wants 8-bit RGB (the AV1 encoder refuses palette pictures).
+convert "$WORK/upright.png" -resize 400x300 PNG24:"$WORK/modern.png"
+if command -v heif-enc >/dev/null 2>&1; then
+    heif-enc -q 80 "$WORK/modern.png" -o "$MEDIA/picture.heic"
+    heif-enc -A -q 80 "$WORK/modern.png" -o "$MEDIA/picture.avif"
+else
+    echo "make-media: heif-enc is missing; the HEIF and AVIF pictures are skipped"
+fi
+if command -v cwebp >/dev/null 2>&1; then
+    cwebp -quiet -q 85 "$WORK/modern.png" -o "$MEDIA/picture.webp"
+else
+    echo "make-media: cwebp is missing; the WebP picture is skipped"
+fi
+convert -delay 50 "$WORK/modern.png" \( "$WORK/modern.png" -negate \) -loop 0 \
+    "$MEDIA/animation.gif"
+convert "$WORK/modern.png" -compress lzw "$MEDIA/picture.tif"
+
 # Cover art, square as album covers are.
 convert -size 300x300 gradient:'#ff9966-#ff5e62' -fill white \
     -draw 'circle 150,150 150,60' -fill '#ff5e62' -draw 'circle 150,150 150,130' \
@@ -82,6 +101,15 @@ $FFMPEG -f lavfi -i "sine=frequency=440:duration=2" -i "$WORK/cover.jpg" \
     "$MEDIA/song-with-cover.mp3"
 $FFMPEG -f lavfi -i "sine=frequency=330:duration=2" -c:a libmp3lame -b:a 64k -id3v2_version 3 \
     -metadata title="No cover" "$MEDIA/song-without-cover.mp3"
+
+# Covers in the containers music shops and rippers use: FLAC and M4A through ffmpeg's attached
+# pictures; Ogg Vorbis and Opus as a METADATA_BLOCK_PICTURE comment (a FLAC picture record in
+# base64), which ffmpeg writes as any other comment, after the byte helpers below.
+$FFMPEG -f lavfi -i "sine=frequency=494:duration=2" -i "$WORK/cover.jpg" -map 0:a -map 1:v \
+    -c:v copy -disposition:v attached_pic -metadata:s:v comment="Cover (front)" \
+    "$MEDIA/song-with-cover.flac"
+$FFMPEG -f lavfi -i "sine=frequency=587:duration=2" -i "$WORK/cover.jpg" -map 0:a -map 1:v \
+    -c:a aac -b:a 64k -c:v copy -disposition:v attached_pic "$MEDIA/song-with-cover.m4a"
 
 # Byte helpers for the two tags written by hand below: a number as N little-endian or
 # big-endian bytes, an ID3 synchsafe size, ASCII as zero-terminated UTF-16LE, hex as bytes.
@@ -108,6 +136,16 @@ utf16() {
 }
 hexbytes() { for h in "$@"; do byte $((0x$h)); done; }
 filesize() { wc -c < "$1" | tr -d ' '; }
+
+{
+    be 3 4; be 10 4; printf 'image/jpeg'; be 0 4; be 300 4; be 300 4; be 24 4; be 0 4
+    be "$(filesize "$WORK/cover.jpg")" 4; cat "$WORK/cover.jpg"
+} > "$WORK/cover.flacpicture"
+picture=$(base64 -w 0 "$WORK/cover.flacpicture")
+$FFMPEG -f lavfi -i "sine=frequency=659:duration=2" -c:a libvorbis \
+    -metadata METADATA_BLOCK_PICTURE="$picture" "$MEDIA/song-with-cover.ogg"
+$FFMPEG -f lavfi -i "sine=frequency=698:duration=2" -c:a libopus -b:a 48k \
+    -metadata METADATA_BLOCK_PICTURE="$picture" "$MEDIA/song-with-cover.opus"
 
 # An ID3v2.2 tag (which ffmpeg no longer writes) with a PIC frame in front of untagged audio.
 convert -size 300x300 gradient:'#11998e-#38ef7d' -fill white \

@@ -44,8 +44,9 @@ before=$(leftovers)
 TOOL=$PREFIX/bin/qrb-thumb
 M=$SCRATCH/media
 as_user "$TOOL" -o "$SCRATCH/out" --json "$M/orientation-6-exif-thumbnail.jpg" "$M/picture.png" \
-    "$M/picture.bmp" "$M/song-with-cover.mp3" "$M/song-id3v22-cover.mp3" "$M/song-wma-cover.wma" \
-    "$M/clip.mp4" "$M/clip-hevc.mkv" "$SCRATCH/recordings/news.srf" "$M/feature.uvu" \
+    "$M/picture.bmp" "$M/picture.heic" "$M/picture.webp" "$M/song-with-cover.mp3" \
+    "$M/song-id3v22-cover.mp3" "$M/song-wma-cover.wma" "$M/song-with-cover.flac" "$M/clip.mp4" \
+    "$M/clip-hevc.mkv" "$SCRATCH/recordings/news.srf" "$M/feature.uvu" \
     "$M/song-without-cover.mp3" > "$SCRATCH/report.json" || true
 python3 - "$SCRATCH/report.json" <<'PY' || fail "the installed tool did not answer every kind"
 import json, sys
@@ -55,7 +56,7 @@ for r in bad: print("  failed:", r["input"], r.get("reason", r.get("note")), fil
 last = report[-1]
 if last["status"] != "fail" or last.get("reason") != "no cover art":
     print("  the song without cover art:", last, file=sys.stderr); bad.append(last)
-sys.exit(1 if bad or len(report) != 11 else 0)
+sys.exit(1 if bad or len(report) != 14 else 0)
 PY
 [ -n "$(find "$SCRATCH/out" -name 'news.srf-0.png')" ] || fail "no key frame thumbnail"
 

@@ -46,7 +46,12 @@ MediaKind ExtensionKind(const std::string& path) {
         {"m2ts", MediaKind::Video},    {"avi", MediaKind::Video},    {"mov", MediaKind::Video},
         {"mpg", MediaKind::Video},     {"mpeg", MediaKind::Video},   {"wmv", MediaKind::Video},
         {"srf", MediaKind::Recording}, {"uvu", MediaKind::Scsa},     {"uva", MediaKind::Scsa},
-        {"uvt", MediaKind::Scsa},      {"scsa", MediaKind::Scsa},
+        {"uvt", MediaKind::Scsa},      {"scsa", MediaKind::Scsa},     {"heic", MediaKind::Picture},
+        {"heif", MediaKind::Picture},  {"avif", MediaKind::Picture},  {"webp", MediaKind::Picture},
+        {"gif", MediaKind::Picture},   {"tif", MediaKind::Picture},   {"tiff", MediaKind::Picture},
+        {"flac", MediaKind::Music},    {"ogg", MediaKind::Music},     {"oga", MediaKind::Music},
+        {"opus", MediaKind::Music},    {"m4b", MediaKind::Music},     {"ape", MediaKind::Music},
+        {"wv", MediaKind::Music},      {"ogv", MediaKind::Video},
     };
     for (const auto& row : kTable) {
         if (ext == row.ext) return row.kind;
@@ -58,9 +63,31 @@ bool HasBytes(const std::string& head, size_t offset, const char* bytes, size_t 
     return head.size() >= offset + n && std::memcmp(head.data() + offset, bytes, n) == 0;
 }
 
+// The major brands of HEIF and AVIF pictures (and picture sequences) in an ISO file type box.
+bool IsHeifBrand(const std::string& head) {
+    if (!HasBytes(head, 4, "ftyp", 4) || head.size() < 12) return false;
+    static const char* const kBrands[] = {"heic", "heix", "heim", "heis", "hevc", "hevx",
+                                          "mif1", "msf1", "avif", "avis"};
+    for (const char* brand : kBrands) {
+        if (HasBytes(head, 8, brand, 4)) return true;
+    }
+    return false;
+}
+
 // Signatures that say what the content is, whatever the name claims.
 MediaKind ContentMagic(const std::string& head) {
     if (HasBytes(head, 0, "\xFF\xD8\xFF", 3)) return MediaKind::Picture;
+    if (HasBytes(head, 0, "GIF87a", 6) || HasBytes(head, 0, "GIF89a", 6)) return MediaKind::Picture;
+    if (HasBytes(head, 0, "RIFF", 4) && HasBytes(head, 8, "WEBP", 4)) return MediaKind::Picture;
+    if (HasBytes(head, 0, "II*\0", 4) || HasBytes(head, 0, "MM\0*", 4) ||
+        HasBytes(head, 0, "II+\0", 4) || HasBytes(head, 0, "MM\0+", 4)) {
+        return MediaKind::Picture;  // TIFF and BigTIFF
+    }
+    if (IsHeifBrand(head)) return MediaKind::Picture;
+    if (HasBytes(head, 0, "fLaC", 4) || HasBytes(head, 0, "MAC ", 4) ||
+        HasBytes(head, 0, "wvpk", 4)) {
+        return MediaKind::Music;  // FLAC, Monkey's Audio, WavPack
+    }
     if (HasBytes(head, 0, "\x89PNG\r\n\x1A\n", 8)) return MediaKind::Picture;
     // "BM" alone is two letters of text; the four reserved header bytes must be zero as well.
     if (HasBytes(head, 0, "BM", 2) && HasBytes(head, 6, "\0\0\0\0", 4)) return MediaKind::Picture;
@@ -80,6 +107,16 @@ MediaKind ContainerMagic(const std::string& head) {
         return MediaKind::Video;
     }
     if (HasBytes(head, 0, "\x1A\x45\xDF\xA3", 4)) return MediaKind::Video;  // Matroska / WebM
+    // Ogg: the first stream's identification header, after a page header of 27 bytes and its
+    // segment table, names the codec.
+    if (HasBytes(head, 0, "OggS", 4) && head.size() > 27) {
+        const size_t packet = 27 + static_cast<unsigned char>(head[26]);
+        if (HasBytes(head, packet, "\x01vorbis", 7) || HasBytes(head, packet, "OpusHead", 8) ||
+            HasBytes(head, packet, "\x7F" "FLAC", 5) || HasBytes(head, packet, "Speex   ", 8)) {
+            return MediaKind::Music;
+        }
+        return MediaKind::Video;
+    }
     if (HasBytes(head, 0, "RIFF", 4) && HasBytes(head, 8, "AVI ", 4)) return MediaKind::Video;
     if (HasBytes(head, 0, "\x00\x00\x01\xBA", 4)) return MediaKind::Video;  // MPEG program stream
     // Transport stream: a sync byte at the start of two consecutive 188-byte packets.

@@ -152,5 +152,40 @@ TEST(ToolMediaKind, KindNamesRoundTripAndRouteToTheLibrarysTypes) {
     EXPECT_EQ(RouteOf(MediaKind::Unknown).media, MEDIA_TYPE_NONE);
 }
 
+TEST(ToolMediaKind, NewerPictureAndSongFormatsByContentThenName) {
+    const std::string ogg = Bytes("OggS\0\x02", 6) + std::string(20, '\0') + Bytes("\x01\x1E", 2);
+    const struct {
+        const char* name;
+        std::string head;
+        MediaKind want;
+    } rows[] = {
+        // Signatures decide whatever the name says.
+        {"photo.jpg", Bytes("\0\0\0\x18" "ftypheic\0\0\0\0", 16), MediaKind::Picture},
+        {"photo", Bytes("\0\0\0\x1C" "ftypavif\0\0\0\0", 16), MediaKind::Picture},
+        {"photo.mp4", Bytes("\0\0\0\x18" "ftypmif1\0\0\0\0", 16), MediaKind::Picture},
+        {"anim.mp3", "GIF89a\x10\0\x10\0", MediaKind::Picture},
+        {"pic", Bytes("RIFF\x24\0\0\0WEBPVP8 ", 16), MediaKind::Picture},
+        {"scan", Bytes("II*\0\x08\0\0\0", 8), MediaKind::Picture},
+        {"scan.mp4", Bytes("MM\0*\0\0\0\x08", 8), MediaKind::Picture},
+        {"song.jpg", "fLaC\0\0\0\x22", MediaKind::Music},
+        {"song", "MAC \x96\x0f", MediaKind::Music},
+        {"song", "wvpk\x20\0\0\0", MediaKind::Music},
+        // Ogg decides by its first codec only when the name does not.
+        {"song", ogg + "\x01vorbis", MediaKind::Music},
+        {"song", ogg + "OpusHead", MediaKind::Music},
+        {"clip", ogg + "\x80theora", MediaKind::Video},
+        {"clip.ogv", ogg + "\x01vorbis", MediaKind::Video},
+        // Names alone.
+        {"a.HEIC", "", MediaKind::Picture}, {"a.heif", "", MediaKind::Picture},
+        {"a.avif", "", MediaKind::Picture}, {"a.webp", "", MediaKind::Picture},
+        {"a.gif", "", MediaKind::Picture},  {"a.tif", "", MediaKind::Picture},
+        {"a.tiff", "", MediaKind::Picture}, {"a.flac", "", MediaKind::Music},
+        {"a.ogg", "", MediaKind::Music},    {"a.oga", "", MediaKind::Music},
+        {"a.opus", "", MediaKind::Music},   {"a.m4b", "", MediaKind::Music},
+        {"a.ape", "", MediaKind::Music},    {"a.wv", "", MediaKind::Music},
+    };
+    for (const auto& row : rows) EXPECT_EQ(GuessKind(row.name, row.head), row.want) << row.name;
+}
+
 }  // namespace
 }  // namespace qrbthumb

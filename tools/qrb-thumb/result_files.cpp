@@ -105,6 +105,11 @@ const char* EncodedExtension(const unsigned char* bytes, size_t size) {
     if (starts(0, "GIF87a", 6) || starts(0, "GIF89a", 6)) return "gif";
     if (starts(0, "RIFF", 4) && starts(8, "WEBP", 4)) return "webp";
     if (starts(0, "BM", 2)) return "bmp";
+    if (starts(0, "II*\0", 4) || starts(0, "MM\0*", 4)) return "tif";
+    if (starts(4, "ftypavif", 8)) return "avif";
+    if (starts(4, "ftypheic", 8) || starts(4, "ftypheix", 8) || starts(4, "ftypmif1", 8)) {
+        return "heic";
+    }
     return "bin";
 }
 

@@ -86,6 +86,10 @@ TEST(ToolResultFiles, EncodedExtensionFollowsTheSignature) {
     EXPECT_EQ(ext("GIF89a..."), "gif");
     EXPECT_EQ(ext(std::string("RIFF\x10\0\0\0WEBPVP8 ", 16)), "webp");
     EXPECT_EQ(ext("BM...."), "bmp");
+    EXPECT_EQ(ext(std::string("II*\0\x08\0\0\0", 8)), "tif");
+    EXPECT_EQ(ext(std::string("\0\0\0\x18" "ftypheic", 12)), "heic");
+    EXPECT_EQ(ext(std::string("\0\0\0\x1C" "ftypavif", 12)), "avif");
+    EXPECT_EQ(ext(std::string("\0\0\0\x18" "ftypisom", 12)), "bin");
     EXPECT_EQ(ext("<html>"), "bin");
     EXPECT_EQ(ext(""), "bin");
     EXPECT_EQ(ext("\xFF\xD8"), "bin");  // cut short

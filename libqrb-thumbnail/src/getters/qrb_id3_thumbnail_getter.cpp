@@ -90,6 +90,10 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::ExtractThumbnail
     if (m_ExtractExtension(path).find("wma") != std::string::npos) {
         return m_WMAExtract(path, info.width, info.height);
     }
+    const QRBCoverContainer container = QRBTagCoverExtractor::SniffFile(path);
+    if (container != QRBCoverContainer::kNone) {
+        return m_TagExtract(path, container, info.width, info.height);
+    }
     return m_ID3Extract(path, info.width, info.height);
 }
 
@@ -106,7 +110,8 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_ID3Extract(con
         QRB_LOGD("no cover in %s (%d)", path, ret);
         return nullptr;
     }
-    return m_DecodeCover(id3->puImageBuf.get(), id3->uImageLength, false, width, height);
+    return m_DecodeCover(id3->puImageBuf.get(), id3->uImageLength, kMaxCoverLength, false, width,
+                         height);
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_WMAExtract(const char* path,
@@ -121,12 +126,26 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_WMAExtract(con
         QRB_LOGD("no cover in %s", path);
         return nullptr;
     }
-    return m_DecodeCover(desc->GETCOVERARTPOINTER(), desc->GetCoverArtSize(), true, width, height);
+    return m_DecodeCover(desc->GETCOVERARTPOINTER(), desc->GetCoverArtSize(), kMaxCoverLength,
+                         true, width, height);
+}
+
+boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_TagExtract(
+    const char* path, QRBCoverContainer container, int width, int height) {
+    std::string cover;
+    if (QRBTagCoverExtractor::Extract(path, container, &cover) != 0) {
+        QRBNoteFailure(QRBFailure::kNoCoverArt);
+        return nullptr;
+    }
+    return m_DecodeCover(reinterpret_cast<const unsigned char*>(cover.data()),
+                         static_cast<uint32_t>(cover.size()),
+                         QRBTagCoverExtractor::kMaxCoverLength, false, width, height);
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_DecodeCover(
-    const unsigned char* data, uint32_t length, bool wma, int width, int height) {
-    if (length == 0 || length - 1 > kMaxCoverLength - 1) {
+    const unsigned char* data, uint32_t length, uint32_t maxLength, bool wma, int width,
+    int height) {
+    if (length == 0 || length - 1 > maxLength - 1) {
         QRB_LOGW("cover of %u bytes refused", length);
         return nullptr;
     }

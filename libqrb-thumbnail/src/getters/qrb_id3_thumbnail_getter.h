@@ -6,14 +6,18 @@
 // written, the decode is still tried at the last one, and what it finds there is not removed.
 //
 // A file goes to the WMA extractor when its extension contains "wma" (lower case only: "SONG.WMA"
-// is read for ID3 tags), to the ID3 extractor otherwise. Covers longer than 524287 bytes are
-// refused. A request of 0 x 0 gets the cover at its own size.
+// is read for ID3 tags). Any other file whose first bytes announce a container TagLib reads
+// (FLAC, MP4/M4A, Ogg Vorbis, Opus, Speex or FLAC, Monkey's Audio, WavPack) goes to the tag
+// cover extractor, everything else to the ID3 extractor. ID3 and WMA covers longer than 524287
+// bytes are refused; the containers' covers may have QRBTagCoverExtractor::kMaxCoverLength
+// bytes. A request of 0 x 0 gets the cover at its own size.
 //
 // One instance serves every worker and keeps no per-request state; temporary names differ by
 // process id and a counter shared by all music getters. Every failure gives a null item.
 #ifndef QRB_ID3_THUMBNAIL_GETTER_H
 #define QRB_ID3_THUMBNAIL_GETTER_H
 
+#include "id3-extractor/qrb_tag_cover_extractor.h"
 #include "qrb_thumbnail_getter.h"
 
 #include <atomic>
@@ -56,10 +60,14 @@ public:
 private:
     boost::intrusive_ptr<CQRBThumbnailItem> m_ID3Extract(const char* path, int width, int height);
     boost::intrusive_ptr<CQRBThumbnailItem> m_WMAExtract(const char* path, int width, int height);
-    // The steps after extraction, shared by both kinds of file.
+    boost::intrusive_ptr<CQRBThumbnailItem> m_TagExtract(const char* path,
+                                                         QRBCoverContainer container, int width,
+                                                         int height);
+    // The steps after extraction, shared by every kind of file: covers of 1 to maxLength bytes
+    // are written under the WMA or the ID3 name pattern and decoded.
     boost::intrusive_ptr<CQRBThumbnailItem> m_DecodeCover(const unsigned char* data,
-                                                          uint32_t length, bool wma, int width,
-                                                          int height);
+                                                          uint32_t length, uint32_t maxLength,
+                                                          bool wma, int width, int height);
 
     // Shared by all music getters, incremented once for each temporary name.
     static std::atomic<uint32_t> m_lID3FileID;

@@ -16,6 +16,39 @@ bool HasPrefix(const char* text, const char* prefix) {
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
+bool IsReaderType(int type) {
+    return type == CQRBImageDecoder::kTypeHeif || type == CQRBImageDecoder::kTypeWebp ||
+           type == CQRBImageDecoder::kTypeGif || type == CQRBImageDecoder::kTypeTiff;
+}
+
+QRBPictureFormat ReaderFormat(int type) {
+    switch (type) {
+        case CQRBImageDecoder::kTypeHeif:
+            return QRBPictureFormat::kHeif;
+        case CQRBImageDecoder::kTypeWebp:
+            return QRBPictureFormat::kWebp;
+        case CQRBImageDecoder::kTypeGif:
+            return QRBPictureFormat::kGif;
+        case CQRBImageDecoder::kTypeTiff:
+            return QRBPictureFormat::kTiff;
+        default:
+            return QRBPictureFormat::kOther;
+    }
+}
+
+const char* ReaderName(int type) {
+    switch (type) {
+        case CQRBImageDecoder::kTypeHeif:
+            return "HEIF";
+        case CQRBImageDecoder::kTypeWebp:
+            return "WebP";
+        case CQRBImageDecoder::kTypeGif:
+            return "GIF";
+        default:
+            return "TIFF";
+    }
+}
+
 }  // namespace
 
 CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int arg, bool forceFull)
@@ -32,6 +65,8 @@ CQRBImageDecoder::CQRBImageDecoder(const char* uri, int width, int height, int a
             if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
             m_CalculateDimension(m_uPictureWidth, m_uPictureHeight);
         }
+    } else if (IsReaderType(m_nThumbnailType)) {
+        ret = m_OpenReader(forceFull);
     } else if (m_nThumbnailType != kTypePtp && m_nThumbnailType != kTypeHttp) {
         // A PTP object or an HTTP URI is no file of ours: its type stands and nothing is parsed.
         // The source is chosen on the request as given; only then does a zero side take the
@@ -90,9 +125,11 @@ const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
         QRB_LOGW("%s:   OPEN ERROR", path);
         return nullptr;
     }
-    unsigned char magic[2] = {0, 0};
+    // Two bytes decide JPEG, PNG and BMP; the other formats need a few more, when the file has
+    // them.
+    unsigned char magic[kPictureSniffBytes] = {0};
     const size_t got = std::fread(magic, 1, sizeof(magic), fp.get());
-    if (got < sizeof(magic)) {
+    if (got < 2) {
         QRBNoteFailure(QRBFailure::kUnknownFormat);
         QRB_LOGW("READ ERROR %d", static_cast<int>(got));
         return nullptr;
@@ -101,8 +138,46 @@ const char* CQRBImageDecoder::M_CONVERTURITOPATH(const char* uri) {
         m_nThumbnailType = kTypeBmp;
     } else if (magic[0] == 0x89 && magic[1] == 'P') {
         m_nThumbnailType = kTypePng;
+    } else {
+        switch (QRBSniffPictureFormat(magic, got)) {
+            case QRBPictureFormat::kHeif:
+                m_nThumbnailType = kTypeHeif;
+                break;
+            case QRBPictureFormat::kWebp:
+                m_nThumbnailType = kTypeWebp;
+                break;
+            case QRBPictureFormat::kGif:
+                m_nThumbnailType = kTypeGif;
+                break;
+            case QRBPictureFormat::kTiff:
+                m_nThumbnailType = kTypeTiff;
+                break;
+            case QRBPictureFormat::kOther:
+                break;  // JPEG assumed
+        }
     }
     return path;
+}
+
+int CQRBImageDecoder::m_OpenReader(bool forceFull) {
+    if (m_pPath == nullptr) return -1;
+    m_pReader = QRBMakePictureReader(ReaderFormat(m_nThumbnailType));
+    // A zero side of the request stands for the picture's own, as the reader sees it.
+    if (!m_pReader ||
+        m_pReader->Open(m_pPath, m_uRequestWidth, m_uRequestHeight, forceFull) != 0) {
+        m_pReader.reset();
+        return -1;
+    }
+    m_uPictureWidth = m_pReader->PictureWidth();
+    m_uPictureHeight = m_pReader->PictureHeight();
+    m_uOrientation = m_pReader->Orientation();
+    if (m_uRequestWidth == 0) m_uRequestWidth = m_uPictureWidth;
+    if (m_uRequestHeight == 0) m_uRequestHeight = m_uPictureHeight;
+    m_CalculateDimension(m_pReader->SourceWidth(), m_pReader->SourceHeight());
+    if (m_uRequestWidth > kMaxRequest && m_uRequestHeight > kMaxRequest) {
+        m_nThumbnailType = kTypeTooLarge;
+    }
+    return 0;
 }
 
 void CQRBImageDecoder::m_SelectThumbnailType(bool forceFull) {
@@ -209,6 +284,15 @@ int CQRBImageDecoder::ExtractThumbnail(unsigned char* out) {
         case kTypePng:
             if (m_ReadPNGThumbnail(out) != 0) {
                 QRB_LOGW("Read PNG thumbnail error! ");
+                return -1;
+            }
+            return 0;
+        case kTypeHeif:
+        case kTypeWebp:
+        case kTypeGif:
+        case kTypeTiff:
+            if (!m_pReader || m_pReader->Decode(out, m_uOutputWidth, m_uOutputHeight) != 0) {
+                QRB_LOGW("Read %s thumbnail error! ", ReaderName(m_nThumbnailType));
                 return -1;
             }
             return 0;

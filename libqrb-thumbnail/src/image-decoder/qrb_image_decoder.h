@@ -1,7 +1,8 @@
 // CQRBImageDecoder turns one picture file into an ARGB raster (blue, green, red, alpha; rows
 // packed, top row first) of about the requested size. Construction converts the URI, parses the
 // headers, chooses the source (a JPEG's EXIF thumbnail, its large APP2 thumbnail or the whole
-// picture; a PNG; a BMP) and computes the output size, which covers the requested box with the
+// picture; a PNG; a BMP; for HEIF, AVIF, WebP, GIF and TIFF what their reader chooses, see
+// qrb_picture_reader.h) and computes the output size, which covers the requested box with the
 // source's aspect ratio. ExtractThumbnail then decodes into a caller-owned buffer of
 // output width x output height x 4 bytes.
 //
@@ -11,11 +12,14 @@
 //
 // The code is split by concept: this file's .cpp (construction, URI, source selection,
 // dispatch, output size), qrb_jpeg_header_parser.cpp (marker and EXIF walk),
-// qrb_jpeg_sw_decoder.cpp (libjpeg), qrb_png_reader.cpp (libpng) and qrb_bmp_reader.cpp.
+// qrb_jpeg_sw_decoder.cpp (libjpeg), qrb_png_reader.cpp (libpng) and qrb_bmp_reader.cpp; the
+// other formats have a reader object each (qrb_heif_reader.cpp, qrb_webp_reader.cpp,
+// qrb_gif_reader.cpp, qrb_tiff_reader.cpp).
 #ifndef QRB_IMAGE_DECODER_H
 #define QRB_IMAGE_DECODER_H
 
 #include "image-decoder/qrb_bmp_reader.h"
+#include "image-decoder/qrb_picture_reader.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -32,7 +36,12 @@ public:
     static constexpr int kTypeBmp = 16;
     static constexpr int kTypePng = 17;
     static constexpr int kTypeTooLarge = 18;  // both requested dimensions above 4096
-    static constexpr int kTypeHttp = 90;      // an "http://" URI: never decoded here
+    // Formats read through a reader of their own (qrb_picture_reader.h).
+    static constexpr int kTypeHeif = 40;  // HEIF and AVIF
+    static constexpr int kTypeWebp = 41;
+    static constexpr int kTypeGif = 42;
+    static constexpr int kTypeTiff = 43;
+    static constexpr int kTypeHttp = 90;  // an "http://" URI: never decoded here
 
     // Reader results.
     static constexpr int kExifSuccess = 21;
@@ -111,6 +120,9 @@ private:
     int m_ParsePNGThumbInfo();
     int m_ReadPNGThumbnail(unsigned char* out);
 
+    // The formats with a reader: opens it and fills the sizes. 0 or -1.
+    int m_OpenReader(bool forceFull);
+
     int m_ParseBMPThumbInfo();
     int m_ReadBMPThumbnail(unsigned char* out);
     int m_ExtractBMPThumbnail(FILE* fp, unsigned char* out);
@@ -144,6 +156,8 @@ private:
 
     CQRBPictureParser::BMPInfo m_BMPInfo;
     std::unique_ptr<unsigned char[]> m_pBMPPalette;  // kPaletteEntries x 4 bytes
+
+    std::unique_ptr<CQRBPictureReader> m_pReader;  // HEIF, WebP, GIF, TIFF
 };
 
 #endif

@@ -52,3 +52,8 @@ size_t CQRBJpegMemoryBudget::Waiting() const {
     std::lock_guard<std::mutex> lock(m_Mutex);
     return static_cast<size_t>(m_uNextTicket - m_uServing);
 }
+
+CQRBJpegMemoryBudget& QRBWholePictureBudget() {
+    static CQRBJpegMemoryBudget budget(kQRBWholePictureBudgetBytes);
+    return budget;
+}

@@ -60,4 +60,11 @@ private:
     uint64_t m_uServing = 0;     // guarded by m_Mutex: the place served next
 };
 
+// The one process-wide budget of whole-picture decodes, 384 MiB: the coefficients of multi-scan
+// JPEGs and the decoded pictures of HEIF and AVIF files (which libheif decodes whole), so that
+// several workers decoding large pictures at once never hold more together than one of the
+// largest accepted pictures needs alone.
+constexpr uint64_t kQRBWholePictureBudgetBytes = 384ull << 20;
+CQRBJpegMemoryBudget& QRBWholePictureBudget();
+
 #endif

@@ -13,9 +13,9 @@
 // will allocate it and
 //  - refused above kMaxCoefficientBytes (any three-component picture of up to 2^26 pixels,
 //    67 megapixels, fits at every subsampling; only a hostile header asks for more);
-//  - taken from the process-wide CQRBJpegMemoryBudget of the same size before libjpeg
-//    allocates it, so that the coefficients of all decodes in flight together stay within it:
-//    a decode that does not fit waits for the others to finish;
+//  - taken from the process-wide whole-picture budget of the same size (QRBWholePictureBudget,
+//    shared with HEIF decodes) before libjpeg allocates it, so that the memory of all decodes
+//    in flight together stays within it: a decode that does not fit waits for the others;
 //  - granted to libjpeg as its mem->max_memory_to_use, beside kRowMemory for everything else,
 //    so that libjpeg itself fails a decode that would take more than was reckoned.
 //
@@ -69,7 +69,7 @@ constexpr long kRowMemory = 64L << 20;
 // 384 MiB: the coefficients of a 2^26-pixel (67-megapixel) picture in three components at
 // 4:4:4, twice as many pixels at 4:2:0. Also the process-wide budget of coefficient memory, so
 // that the largest picture accepted can always be decoded, alone.
-constexpr uint64_t kMaxCoefficientBytes = 384ull << 20;
+constexpr uint64_t kMaxCoefficientBytes = kQRBWholePictureBudgetBytes;
 // Real progressive files have about ten scans; a thousand is an attack or garbage.
 constexpr int kMaxScans = 1000;
 // Each scan walks the blocks of its components again: more than 2^27 blocks in all (over 40
@@ -82,10 +82,7 @@ constexpr int kLoggedWarnings = 3;
 constexpr size_t kSourceBufferSize = 4096;
 
 // The coefficient memory of all decodes in flight.
-CQRBJpegMemoryBudget& CoefficientBudget() {
-    static CQRBJpegMemoryBudget budget(kMaxCoefficientBytes);
-    return budget;
-}
+CQRBJpegMemoryBudget& CoefficientBudget() { return QRBWholePictureBudget(); }
 
 // Destroys the decompressor only: its storage lives in the caller's frame.
 void DestroyDecompress(jpeg_decompress_struct* cinfo) { jpeg_destroy_decompress(cinfo); }

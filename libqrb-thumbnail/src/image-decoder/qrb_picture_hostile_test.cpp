@@ -11,8 +11,10 @@
 #include "qrb_test_jpeg_writer.h"
 #include "qrb_test_picture.h"
 
+#include <gif_lib.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <tiffio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +40,8 @@ namespace {
 using qrbpicturetest::PngChunk;
 using qrbpicturetest::PngWithHeader;
 using qrbpicturetest::ScratchDir;
+using qrbpicturetest::BigEndian32;
+using qrbpicturetest::ReadFileBytes;
 using qrbtest::JpegSpec;
 using qrbtest::MakeJpeg;
 
@@ -328,5 +332,167 @@ INSTANTIATE_TEST_SUITE_P(
         HostileCase{"bmp-cut.bmp",
                     [] { return BmpOver(300, 200, 24, 0, std::string(1000, '\x40')); },
                     Expect::kFails}));
+
+// ---- HEIF, AVIF, WebP, GIF and TIFF (testdata/make_format_fixtures.sh, patched or cut)
+
+std::string Half(const std::string& bytes) { return bytes.substr(0, bytes.size() / 2); }
+
+std::string FormatFixture(const char* name) {
+    return ReadFileBytes(std::string(QRB_FORMAT_FIXTURE_DIR) + "/" + name);
+}
+
+// Every "ispe" box (a HEIF item's stored size) saying w x h.
+std::string HeifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    for (size_t at = bytes.find("ispe"); at != std::string::npos && at + 16 <= bytes.size();
+         at = bytes.find("ispe", at + 4)) {
+        bytes.replace(at + 8, 8, BigEndian32(w) + BigEndian32(h));
+    }
+    return bytes;
+}
+
+// A simple lossy WebP (cwebp's) whose key frame says w x h.
+std::string WebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    if (bytes.compare(12, 4, "VP8 ") != 0) return std::string();
+    bytes.replace(26, 4, Le16(w & 0x3FFF) + Le16(h & 0x3FFF));
+    return bytes;
+}
+
+// A lossless WebP whose bitstream header says w x h.
+std::string LosslessWebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    if (bytes.compare(12, 4, "VP8L") != 0) return std::string();
+    const uint32_t bits = (w - 1) | ((h - 1) << 14);  // alpha and version bits left 0
+    bytes.replace(21, 4, Le32(bits));
+    return bytes;
+}
+
+// A GIF whose logical screen says w x h.
+std::string GifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
+    bytes.replace(6, 4, Le16(w) + Le16(h));
+    return bytes;
+}
+
+int AppendGif(GifFileType* gif, const GifByteType* data, int n) {
+    static_cast<std::string*>(gif->UserData)->append(reinterpret_cast<const char*>(data), n);
+    return n;
+}
+
+// A genuine GIF of one colour: a canvas of w x h and one frame of fw x fh, written row by row
+// (a few hundred KiB for a hundred megapixels).
+std::string FlatGif(int w, int h, int fw, int fh, bool interlaced) {
+    std::string out;
+    int error = 0;
+    GifFileType* gif = EGifOpen(&out, AppendGif, &error);
+    if (gif == nullptr) return std::string();
+    GifColorType colours[2] = {{200, 40, 40}, {0, 0, 0}};
+    ColorMapObject* map = GifMakeMapObject(2, colours);
+    bool ok = EGifPutScreenDesc(gif, w, h, 1, 0, map) == GIF_OK &&
+              EGifPutImageDesc(gif, 0, 0, fw, fh, interlaced, nullptr) == GIF_OK;
+    std::vector<GifPixelType> line(static_cast<size_t>(fw), 0);
+    for (int y = 0; ok && y < fh; ++y) ok = EGifPutLine(gif, line.data(), fw) == GIF_OK;
+    GifFreeMapObject(map);
+    ok = EGifCloseFile(gif, &error) == GIF_OK && ok;
+    return ok ? out : std::string();
+}
+
+// A TIFF header declaring w x h grey pixels in one strip of 16 bytes.
+std::string TiffDeclaring(uint32_t w, uint32_t h) {
+    const auto entry = [](uint16_t tag, uint16_t type, uint32_t value) {
+        return Le16(tag) + Le16(type) + Le32(1) + (type == 3 ? Le16(value) + Le16(0) : Le32(value));
+    };
+    const uint32_t data = 8 + 2 + 9 * 12 + 4;
+    const std::string ifd = Le16(9) + entry(256, 4, w) + entry(257, 4, h) + entry(258, 3, 8) +
+                            entry(259, 3, 1) + entry(262, 3, 1) + entry(273, 4, data) +
+                            entry(277, 3, 1) + entry(278, 4, h) + entry(279, 4, 16) + Le32(0);
+    return std::string("II*\0", 4) + Le32(8) + ifd + std::string(16, '\x40');
+}
+
+// A genuine deflate-compressed TIFF of w x h zero samples in strips of `rowsPerStrip` rows.
+std::string FlatTiff(ScratchDir& scratch, const std::string& name, uint32_t w, uint32_t h,
+                     uint16_t samples, uint32_t rowsPerStrip) {
+    const std::string path = scratch.Path() + "/" + name + ".tmp";
+    TIFF* tif = TIFFOpen(path.c_str(), "w");
+    if (tif == nullptr) return std::string();
+    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, w);
+    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, h);
+    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, samples == 3 ? PHOTOMETRIC_RGB : PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    TIFFSetField(tif, TIFFTAG_ZIPQUALITY, 1);
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, rowsPerStrip);
+    std::vector<uint8_t> row(static_cast<size_t>(w) * samples, 0);
+    bool ok = true;
+    for (uint32_t y = 0; ok && y < h; ++y) ok = TIFFWriteScanline(tif, row.data(), y, 0) == 1;
+    TIFFClose(tif);
+    std::string bytes = ok ? ReadFileBytes(path) : std::string();
+    unlink(path.c_str());
+    return bytes;
+}
+
+// libheif's own limit on a side, then ours on pixels; bombs refused from the header or walked a
+// row at a time; cut files; a phone photo within its decoded picture.
+INSTANTIATE_TEST_SUITE_P(
+    LibraryFormats, PictureHostileInputTest,
+    ::testing::Values(
+        HostileCase{"heif-65535.heic",
+                    [] { return HeifDeclaring(FormatFixture("quad.heic"), 65535, 65535); },
+                    Expect::kFails},
+        HostileCase{"heif-12000.heic",
+                    [] { return HeifDeclaring(FormatFixture("quad.heic"), 12000, 12000); },
+                    Expect::kFails},
+        HostileCase{"avif-65535.avif",
+                    [] { return HeifDeclaring(FormatFixture("quad.avif"), 65535, 65535); },
+                    Expect::kFails},
+        HostileCase{"webp-16383.webp",
+                    [] { return WebpDeclaring(FormatFixture("quad.webp"), 16383, 16383); },
+                    Expect::kFails},
+        HostileCase{"webp-lossless-16000.webp",
+                    [] {
+                        return LosslessWebpDeclaring(FormatFixture("quad_lossless.webp"), 16000,
+                                                     16000);
+                    },
+                    Expect::kFails},
+        HostileCase{"gif-65535.gif",
+                    [] { return GifDeclaring(FormatFixture("quad.gif"), 65535, 65535); },
+                    Expect::kFails},
+        HostileCase{"tiff-65535.tif", [] { return TiffDeclaring(65535, 65535); }, Expect::kFails},
+        HostileCase{"gif-bomb-12000.gif", [] { return FlatGif(12000, 12000, 12000, 12000, false); },
+                    Expect::kFails},
+        HostileCase{"tiff-bomb-12000.tif",
+                    [] {
+                        ScratchDir scratch;
+                        return FlatTiff(scratch, "tb", 12000, 12000, 1, 256);
+                    },
+                    Expect::kFails},
+        // One compressed strip of 192 MiB: libtiff is allowed 64 MiB at once.
+        HostileCase{"tiff-one-strip-8000.tif",
+                    [] {
+                        ScratchDir scratch;
+                        return FlatTiff(scratch, "ts", 8000, 8000, 3, 8000);
+                    },
+                    Expect::kFails},
+        // A frame far larger than its 64 x 64 canvas: only what lies on the canvas is read, or,
+        // interlaced, every row is decoded one at a time and dropped.
+        HostileCase{"gif-frame-bomb.gif", [] { return FlatGif(64, 64, 10000, 10000, false); },
+                    Expect::kDecodes, 64, 64},
+        HostileCase{"gif-frame-bomb-interlaced.gif",
+                    [] { return FlatGif(64, 64, 10000, 10000, true); }, Expect::kDecodes, 64, 64},
+        HostileCase{"cut-quad.heic", [] { return Half(FormatFixture("quad.heic")); },
+                    Expect::kFails},
+        HostileCase{"cut-quad.avif", [] { return Half(FormatFixture("quad.avif")); },
+                    Expect::kFails},
+        HostileCase{"cut-quad.webp", [] { return Half(FormatFixture("quad.webp")); },
+                    Expect::kFails},
+        HostileCase{"cut-quad_lossless.webp",
+                    [] { return Half(FormatFixture("quad_lossless.webp")); }, Expect::kFails},
+        HostileCase{"cut-quad_interlaced.gif",
+                    [] { return Half(FormatFixture("quad_interlaced.gif")); }, Expect::kFails},
+        HostileCase{"cut-quad_lzw.tif", [] { return Half(FormatFixture("quad_lzw.tif")); },
+                    Expect::kFails},
+        // libheif decodes a picture whole: about 8 bytes a pixel of a 12-megapixel photo.
+        HostileCase{"large_4000x3000.heic",
+                    [] { return FormatFixture("large_4000x3000.heic"); }, Expect::kDecodes, 320,
+                    240, 92}));
 
 }  // namespace

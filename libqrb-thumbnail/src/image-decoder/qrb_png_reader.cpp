@@ -3,16 +3,17 @@
 // there is no alpha), split into alpha, red, green and blue planes and packed into the output
 // by the planar CQRBImageUtil::ScaleARGBLinear. No gamma or background is applied.
 //
-// Rows are read one at a time and never kept whole: pictures up to kMaxPlanePixels go into
-// planes of their own size; larger ones are reduced on the fly by an integer factor (box mean
-// of each k x k cell for sequential files, its top-left pixel for interlaced ones, whose passes
-// arrive out of row order) into planes of at most kMaxPlanePixels. A file that declares a huge
+// Rows are read one at a time and never kept whole: they go into the planes of a
+// CQRBPlaneReducer, which keeps pictures up to its plane bound at their own size and reduces
+// larger ones on the fly (box mean of each k x k cell for sequential files, its top-left pixel
+// for interlaced ones, whose passes arrive out of row order). A file that declares a huge
 // picture over a few bytes fails at its first missing row.
 //
 // libpng errors come back through our handler (png_longjmp to the guarded frame of the current
 // step, which holds only C state); warnings are counted and capped.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_image_util.h"
+#include "image-decoder/qrb_plane_reducer.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
@@ -31,10 +32,6 @@ constexpr png_uint_32 kMaxDimension = 65535;
 // 2^27 pixels (e.g. 11585 x 11585). Every pixel of a PNG is inflated and unfiltered whatever
 // the output size; beyond this a decode takes seconds.
 constexpr uint64_t kMaxPixels = 1ull << 27;
-// 2^23 pixels (>= 3840 x 2160): the largest plane set kept, 32 MiB for the four planes.
-constexpr uint64_t kMaxPlanePixels = 1ull << 23;
-// A k x k cell's sums of 8-bit samples fit 32 bits for k up to 4104.
-constexpr uint32_t kMaxReduction = 256;
 // Ancillary chunks are discarded, but libpng still buffers each one it reads: 1 MiB each (the
 // default is 8 MB), which also defuses compressed-text bombs.
 constexpr png_alloc_size_t kMaxChunkBytes = 1u << 20;
@@ -77,15 +74,8 @@ struct PngJob {
     int colorType;
     int interlace;
     size_t rowBytes;
-    unsigned char* row;  // rowBytes
-    uint32_t k;          // reduction factor
-    uint32_t planeW;
-    uint32_t planeH;
-    unsigned char* a;
-    unsigned char* r;
-    unsigned char* g;
-    unsigned char* b;
-    uint32_t* sums;  // planeW x 4 (sequential files with k > 1)
+    unsigned char* row;         // rowBytes
+    CQRBPlaneReducer* reducer;  // owned by the caller, outside the guarded frames
 };
 
 int GuardedReadInfo(PngJob* job, bool transform) {
@@ -119,52 +109,12 @@ int GuardedReadInfo(PngJob* job, bool transform) {
     return 0;
 }
 
-inline void StorePixel(const PngJob* job, size_t at, const unsigned char* rgba) {
-    job->r[at] = rgba[0];
-    job->g[at] = rgba[1];
-    job->b[at] = rgba[2];
-    job->a[at] = rgba[3];
-}
-
 int GuardedReadSequential(PngJob* job) {
     png_structp png = job->png;
     if (setjmp(png_jmpbuf(png))) return -1;
-    const uint32_t w = job->width;
-    const uint32_t h = job->height;
-    const uint32_t k = job->k;
-    for (uint32_t y = 0; y < h; ++y) {
+    for (uint32_t y = 0; y < job->height; ++y) {
         png_read_row(png, job->row, nullptr);
-        const unsigned char* px = job->row;
-        if (k == 1) {
-            const size_t base = static_cast<size_t>(y) * job->planeW;
-            for (uint32_t x = 0; x < w; ++x, px += 4) StorePixel(job, base + x, px);
-            continue;
-        }
-        uint32_t* cell = job->sums;
-        for (uint32_t x = 0, inCell = 0; x < w; ++x, px += 4) {
-            cell[0] += px[0];
-            cell[1] += px[1];
-            cell[2] += px[2];
-            cell[3] += px[3];
-            if (++inCell == k) {
-                inCell = 0;
-                cell += 4;
-            }
-        }
-        if (y % k != k - 1 && y != h - 1) continue;
-        // The band of rows of plane row y / k is complete (the last may be short).
-        const uint32_t rows = y % k + 1;
-        const size_t base = static_cast<size_t>(y / k) * job->planeW;
-        for (uint32_t cx = 0; cx < job->planeW; ++cx) {
-            const uint32_t cols = std::min(k, w - cx * k);
-            const uint32_t n = cols * rows;
-            uint32_t* s = job->sums + static_cast<size_t>(cx) * 4;
-            const unsigned char mean[4] = {
-                static_cast<unsigned char>(s[0] / n), static_cast<unsigned char>(s[1] / n),
-                static_cast<unsigned char>(s[2] / n), static_cast<unsigned char>(s[3] / n)};
-            StorePixel(job, base + cx, mean);
-            s[0] = s[1] = s[2] = s[3] = 0;
-        }
+        job->reducer->AddRow(job->row);
     }
     return 0;
 }
@@ -172,7 +122,6 @@ int GuardedReadSequential(PngJob* job) {
 int GuardedReadInterlaced(PngJob* job) {
     png_structp png = job->png;
     if (setjmp(png_jmpbuf(png))) return -1;
-    const uint32_t k = job->k;
     for (int pass = 0; pass < 7; ++pass) {
         const uint32_t cols = PNG_PASS_COLS(job->width, pass);
         const uint32_t rows = PNG_PASS_ROWS(job->height, pass);
@@ -180,12 +129,9 @@ int GuardedReadInterlaced(PngJob* job) {
         for (uint32_t pr = 0; pr < rows; ++pr) {
             png_read_row(png, job->row, nullptr);
             const uint32_t y = PNG_ROW_FROM_PASS_ROW(pr, pass);
-            if (y % k != 0) continue;
-            const size_t base = static_cast<size_t>(y / k) * job->planeW;
             const unsigned char* px = job->row;
             for (uint32_t pc = 0; pc < cols; ++pc, px += 4) {
-                const uint32_t x = PNG_COL_FROM_PASS_COL(pc, pass);
-                if (x % k == 0) StorePixel(job, base + x / k, px);
+                job->reducer->Put(PNG_COL_FROM_PASS_COL(pc, pass), y, px);
             }
         }
     }
@@ -199,8 +145,6 @@ bool CreatePng(PngErrorState* state, ScopedPngRead* png, ScopedPngInfo* info) {
     *info = ScopedPngInfo(png_create_info_struct(png->get()), PngInfoDeleter{png->get()});
     return static_cast<bool>(*info);
 }
-
-uint32_t CeilDiv(uint32_t a, uint32_t b) { return (a + b - 1) / b; }
 
 }  // namespace
 
@@ -262,43 +206,20 @@ int CQRBImageDecoder::m_ReadPNGThumbnail(unsigned char* out) {
         return -1;
     }
 
-    uint32_t k = 1;
-    if (static_cast<uint64_t>(w) * h > kMaxPlanePixels) {
-        while (static_cast<uint64_t>(CeilDiv(w, k)) * CeilDiv(h, k) > kMaxPlanePixels) ++k;
-        // Planes finer than twice the output add nothing the scaler would keep.
-        const uint32_t coarse = std::min(w / (2 * outW), h / (2 * outH));  // outW, outH > 0
-        k = std::min(std::max(k, coarse), kMaxReduction);
-    }
-    job.k = k;
-    job.planeW = CeilDiv(w, k);
-    job.planeH = CeilDiv(h, k);
-    const size_t planeBytes = static_cast<size_t>(job.planeW) * job.planeH;
-
     std::vector<unsigned char> row;
-    std::unique_ptr<unsigned char[]> planes;
-    std::vector<uint32_t> sums;
     try {
         row.resize(job.rowBytes);
-        planes.reset(new unsigned char[planeBytes * 4]());
-        if (k > 1 && job.interlace == PNG_INTERLACE_NONE) sums.assign(job.planeW * 4ull, 0);
     } catch (const std::bad_alloc&) {
-        QRB_LOGW("no memory for %u x %u planes", job.planeW, job.planeH);
+        QRB_LOGW("no memory for a row of %zu bytes", job.rowBytes);
         return -1;
     }
+    CQRBPlaneReducer reducer;
+    if (!reducer.Begin(w, h, outW, outH, job.interlace == PNG_INTERLACE_NONE, false)) return -1;
     job.row = row.data();
-    job.a = planes.get();
-    job.r = job.a + planeBytes;
-    job.g = job.r + planeBytes;
-    job.b = job.g + planeBytes;
-    job.sums = sums.empty() ? nullptr : sums.data();
+    job.reducer = &reducer;
 
     const int read = job.interlace == PNG_INTERLACE_NONE ? GuardedReadSequential(&job)
                                                          : GuardedReadInterlaced(&job);
     if (read != 0) return -1;
-    if (!CQRBImageUtil::ScaleARGBLinear(job.a, job.r, job.g, job.b, static_cast<int>(job.planeW),
-                                        static_cast<int>(job.planeH), static_cast<int>(outW),
-                                        static_cast<int>(outH), out)) {
-        return -1;
-    }
-    return 0;
+    return reducer.Finish(out, outW, outH) ? 0 : -1;
 }
