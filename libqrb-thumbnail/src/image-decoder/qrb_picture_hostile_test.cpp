@@ -40,7 +40,6 @@ namespace {
 using qrbpicturetest::PngChunk;
 using qrbpicturetest::PngWithHeader;
 using qrbpicturetest::ScratchDir;
-using qrbpicturetest::BigEndian32;
 using qrbpicturetest::ReadFileBytes;
 using qrbtest::JpegSpec;
 using qrbtest::MakeJpeg;
@@ -335,6 +334,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- HEIF, AVIF, WebP, GIF and TIFF (testdata/make_format_fixtures.sh, patched or cut)
 
+std::string BE32(uint32_t v) { return qrbtest::BigEndian(v, 4); }
+std::string LE16(uint32_t v) { return qrbtest::LittleEndian(v, 2); }
+std::string LE32(uint32_t v) { return qrbtest::LittleEndian(v, 4); }
+
 std::string Half(const std::string& bytes) { return bytes.substr(0, bytes.size() / 2); }
 
 std::string FormatFixture(const char* name) {
@@ -345,7 +348,7 @@ std::string FormatFixture(const char* name) {
 std::string HeifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
     for (size_t at = bytes.find("ispe"); at != std::string::npos && at + 16 <= bytes.size();
          at = bytes.find("ispe", at + 4)) {
-        bytes.replace(at + 8, 8, BigEndian32(w) + BigEndian32(h));
+        bytes.replace(at + 8, 8, BE32(w) + BE32(h));
     }
     return bytes;
 }
@@ -353,7 +356,7 @@ std::string HeifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
 // A simple lossy WebP (cwebp's) whose key frame says w x h.
 std::string WebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
     if (bytes.compare(12, 4, "VP8 ") != 0) return std::string();
-    bytes.replace(26, 4, Le16(w & 0x3FFF) + Le16(h & 0x3FFF));
+    bytes.replace(26, 4, LE16(w & 0x3FFF) + LE16(h & 0x3FFF));
     return bytes;
 }
 
@@ -361,13 +364,13 @@ std::string WebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
 std::string LosslessWebpDeclaring(std::string bytes, uint32_t w, uint32_t h) {
     if (bytes.compare(12, 4, "VP8L") != 0) return std::string();
     const uint32_t bits = (w - 1) | ((h - 1) << 14);  // alpha and version bits left 0
-    bytes.replace(21, 4, Le32(bits));
+    bytes.replace(21, 4, LE32(bits));
     return bytes;
 }
 
 // A GIF whose logical screen says w x h.
 std::string GifDeclaring(std::string bytes, uint32_t w, uint32_t h) {
-    bytes.replace(6, 4, Le16(w) + Le16(h));
+    bytes.replace(6, 4, LE16(w) + LE16(h));
     return bytes;
 }
 
@@ -397,13 +400,13 @@ std::string FlatGif(int w, int h, int fw, int fh, bool interlaced) {
 // A TIFF header declaring w x h grey pixels in one strip of 16 bytes.
 std::string TiffDeclaring(uint32_t w, uint32_t h) {
     const auto entry = [](uint16_t tag, uint16_t type, uint32_t value) {
-        return Le16(tag) + Le16(type) + Le32(1) + (type == 3 ? Le16(value) + Le16(0) : Le32(value));
+        return LE16(tag) + LE16(type) + LE32(1) + (type == 3 ? LE16(value) + LE16(0) : LE32(value));
     };
     const uint32_t data = 8 + 2 + 9 * 12 + 4;
-    const std::string ifd = Le16(9) + entry(256, 4, w) + entry(257, 4, h) + entry(258, 3, 8) +
+    const std::string ifd = LE16(9) + entry(256, 4, w) + entry(257, 4, h) + entry(258, 3, 8) +
                             entry(259, 3, 1) + entry(262, 3, 1) + entry(273, 4, data) +
-                            entry(277, 3, 1) + entry(278, 4, h) + entry(279, 4, 16) + Le32(0);
-    return std::string("II*\0", 4) + Le32(8) + ifd + std::string(16, '\x40');
+                            entry(277, 3, 1) + entry(278, 4, h) + entry(279, 4, 16) + LE32(0);
+    return std::string("II*\0", 4) + LE32(8) + ifd + std::string(16, '\x40');
 }
 
 // A genuine deflate-compressed TIFF of w x h zero samples in strips of `rowsPerStrip` rows.
