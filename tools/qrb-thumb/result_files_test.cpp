@@ -1,10 +1,10 @@
 #include "result_files.h"
 
 #include "qrb_test_files.h"
+#include "qrb_test_picture.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
-#include <png.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -42,14 +42,9 @@ Answer Raster(int width, int height, std::initializer_list<int> slots) {
     return answer;
 }
 
-bool PngOfSize(const std::string& path, png_uint_32 width, png_uint_32 height) {
-    png_image image;
-    std::memset(&image, 0, sizeof(image));
-    image.version = PNG_IMAGE_VERSION;
-    if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
-    const bool ok = image.width == width && image.height == height;
-    png_image_free(&image);
-    return ok;
+bool PngOfSize(const std::string& path, int width, int height) {
+    qrbtest::Raster png;
+    return qrbtest::ReadPng(path, &png) && png.width == width && png.height == height;
 }
 
 TEST(ToolResultFiles, StemIsTheLastSegmentMadeSafe) {
