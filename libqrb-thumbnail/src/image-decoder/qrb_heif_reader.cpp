@@ -18,12 +18,16 @@
 #include "image-decoder/qrb_jpeg_memory_budget.h"
 #include "image-decoder/qrb_picture_reader.h"
 #include "image-decoder/qrb_plane_reducer.h"
+#include "qrb_byte_order.h"
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 
 #include <libheif/heif.h>
 
+#include <cstdio>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,6 +68,125 @@ bool Failed(const heif_error& err, const char* what) {
     return true;
 }
 
+// ---- Derived pictures that refer back to themselves
+//
+// libheif 1.15 decodes a grid or overlay picture by decoding the pictures its "dimg" references
+// name, recursively, without looking for a cycle: a picture that names itself (or a loop of
+// them) would recurse until the stack runs out. The file's item references are read here first
+// and such a file is refused.
+
+constexpr uint32_t FourCC(const char (&s)[5]) {
+    return (static_cast<uint32_t>(static_cast<uint8_t>(s[0])) << 24) |
+           (static_cast<uint32_t>(static_cast<uint8_t>(s[1])) << 16) |
+           (static_cast<uint32_t>(static_cast<uint8_t>(s[2])) << 8) |
+           static_cast<uint32_t>(static_cast<uint8_t>(s[3]));
+}
+// Far above the item information of any real file (a few kilobytes, even for hundreds of tiles).
+constexpr uint64_t kMaxMetaBytes = 16u << 20;
+
+// Calls visit(type, payload, payloadSize) for each box in [p, p + size); false on a box that
+// does not fit.
+bool ForEachBox(const uint8_t* p, uint64_t size,
+                const std::function<bool(uint32_t, const uint8_t*, uint64_t)>& visit) {
+    uint64_t at = 0;
+    while (size - at >= 8) {
+        uint64_t boxSize = QRBReadBE32(p + at);
+        const uint32_t type = QRBReadBE32(p + at + 4);
+        uint64_t header = 8;
+        if (boxSize == 1) {
+            if (size - at < 16) return false;
+            boxSize = QRBReadBE64(p + at + 8);
+            header = 16;
+        } else if (boxSize == 0) {
+            boxSize = size - at;
+        }
+        if (boxSize < header || boxSize > size - at) return false;
+        if (!visit(type, p + at + header, boxSize - header)) return false;
+        at += boxSize;
+    }
+    return true;
+}
+
+// The "dimg" references of an "iref" payload (after its full-box header), as edges.
+void ReadDerivations(const uint8_t* p, uint64_t size, bool wideIds,
+                     std::map<uint32_t, std::vector<uint32_t>>* edges) {
+    const unsigned idBytes = wideIds ? 4 : 2;
+    auto id = [&](const uint8_t* q) { return wideIds ? QRBReadBE32(q) : QRBReadBE16(q); };
+    ForEachBox(p, size, [&](uint32_t type, const uint8_t* q, uint64_t n) {
+        if (type != FourCC("dimg") || n < idBytes + 2) return true;
+        const uint32_t from = id(q);
+        const uint32_t count = QRBReadBE16(q + idBytes);
+        for (uint32_t i = 0; i < count && idBytes + 2 + (i + 1) * uint64_t{idBytes} <= n; ++i) {
+            (*edges)[from].push_back(id(q + idBytes + 2 + i * idBytes));
+        }
+        return true;
+    });
+}
+
+// Depth-first, with a stack of its own: a chain of a million references is a loop of the walk,
+// not of the call stack.
+bool HasCycle(const std::map<uint32_t, std::vector<uint32_t>>& edges) {
+    std::map<uint32_t, int> state;  // 1 on the current path, 2 done
+    for (const auto& entry : edges) {
+        if (state[entry.first] != 0) continue;
+        state[entry.first] = 1;
+        std::vector<std::pair<uint32_t, size_t>> path{{entry.first, 0}};
+        while (!path.empty()) {
+            const uint32_t item = path.back().first;
+            const auto found = edges.find(item);
+            if (found == edges.end() || path.back().second >= found->second.size()) {
+                state[item] = 2;
+                path.pop_back();
+                continue;
+            }
+            const uint32_t next = found->second[path.back().second++];
+            int& mark = state[next];
+            if (mark == 1) return true;
+            if (mark == 0) {
+                mark = 1;
+                path.emplace_back(next, 0);
+            }
+        }
+    }
+    return false;
+}
+
+// True when the file's derived pictures refer back to themselves.
+bool DerivationsLoop(const char* path) {
+    QRBScopedFile file(std::fopen(path, "rb"));
+    if (!file) return false;  // libheif reports it
+    std::vector<uint8_t> meta;
+    for (;;) {
+        uint8_t head[16];
+        if (std::fread(head, 1, 8, file.get()) != 8) return false;
+        uint64_t boxSize = QRBReadBE32(head);
+        uint64_t header = 8;
+        if (boxSize == 1) {
+            if (std::fread(head + 8, 1, 8, file.get()) != 8) return false;
+            boxSize = QRBReadBE64(head + 8);
+            header = 16;
+        }
+        if (boxSize != 0 && boxSize < header) return false;
+        if (QRBReadBE32(head + 4) == FourCC("meta")) {
+            if (boxSize == 0 || boxSize - header > kMaxMetaBytes) return false;
+            meta.resize(boxSize - header);
+            if (std::fread(meta.data(), 1, meta.size(), file.get()) != meta.size()) return false;
+            break;
+        }
+        if (boxSize == 0 ||
+            std::fseek(file.get(), static_cast<long>(boxSize - header), SEEK_CUR) != 0) {
+            return false;
+        }
+    }
+    if (meta.size() < 4) return false;
+    std::map<uint32_t, std::vector<uint32_t>> edges;
+    ForEachBox(meta.data() + 4, meta.size() - 4, [&](uint32_t type, const uint8_t* q, uint64_t n) {
+        if (type == FourCC("iref") && n >= 4) ReadDerivations(q + 4, n - 4, q[0] != 0, &edges);
+        return true;
+    });
+    return HasCycle(edges);
+}
+
 uint32_t Side(int value) { return value > 0 ? static_cast<uint32_t>(value) : 0; }
 
 class CQRBHeifReader : public CQRBPictureReader {
@@ -89,6 +212,11 @@ private:
 };
 
 int CQRBHeifReader::Open(const char* path, uint32_t reqW, uint32_t reqH, bool wholePicture) {
+    if (DerivationsLoop(path)) {
+        QRBNoteFailure(QRBFailure::kDamaged);
+        QRB_LOGW("HEIF: a derived picture refers back to itself");
+        return -1;
+    }
     m_pContext.reset(heif_context_alloc());
     if (!m_pContext) return -1;
     heif_context_set_maximum_image_size_limit(m_pContext.get(), kMaxSide);
@@ -109,8 +237,7 @@ int CQRBHeifReader::Open(const char* path, uint32_t reqW, uint32_t reqH, bool wh
     QRB_LOGD("HEIF %u x %u, %d thumbnail(s)", m_uPictureWidth, m_uPictureHeight,
              heif_image_handle_get_number_of_thumbnails(primary));
     if (!wholePicture) {
-        m_ChooseThumbnail(reqW != 0 ? reqW : m_uPictureWidth,
-                          reqH != 0 ? reqH : m_uPictureHeight);
+        m_ChooseThumbnail(reqW != 0 ? reqW : m_uPictureWidth, reqH != 0 ? reqH : m_uPictureHeight);
     }
     if (m_pSource) return 0;
     // Only the primary picture is limited here: a huge one with a thumbnail that serves is fine.
@@ -133,8 +260,7 @@ void CQRBHeifReader::m_ChooseThumbnail(uint32_t reqW, uint32_t reqH) {
         heif_image_handle_get_list_of_thumbnail_IDs(m_pPrimary.get(), ids.data(), count);
     for (int i = 0; i < listed; ++i) {
         heif_image_handle* raw = nullptr;
-        if (heif_image_handle_get_thumbnail(m_pPrimary.get(), ids[i], &raw).code !=
-            heif_error_Ok) {
+        if (heif_image_handle_get_thumbnail(m_pPrimary.get(), ids[i], &raw).code != heif_error_Ok) {
             continue;
         }
         ScopedHeifHandle thumb(raw);
