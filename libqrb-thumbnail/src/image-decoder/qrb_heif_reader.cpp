@@ -107,20 +107,27 @@ bool ForEachBox(const uint8_t* p, uint64_t size,
     return true;
 }
 
-// The "dimg" references of an "iref" payload (after its full-box header), as edges.
+// The "dimg" references of an "iref" payload (after its full-box header), as edges. They are
+// read one after the other, ignoring each reference box's own size, as libheif reads them, so
+// that no reference libheif follows is missed here.
 void ReadDerivations(const uint8_t* p, uint64_t size, bool wideIds,
                      std::map<uint32_t, std::vector<uint32_t>>* edges) {
-    const unsigned idBytes = wideIds ? 4 : 2;
-    auto id = [&](const uint8_t* q) { return wideIds ? QRBReadBE32(q) : QRBReadBE16(q); };
-    ForEachBox(p, size, [&](uint32_t type, const uint8_t* q, uint64_t n) {
-        if (type != FourCC("dimg") || n < idBytes + 2) return true;
-        const uint32_t from = id(q);
-        const uint32_t count = QRBReadBE16(q + idBytes);
-        for (uint32_t i = 0; i < count && idBytes + 2 + (i + 1) * uint64_t{idBytes} <= n; ++i) {
-            (*edges)[from].push_back(id(q + idBytes + 2 + i * idBytes));
+    const uint64_t idBytes = wideIds ? 4 : 2;
+    auto id = [&](uint64_t at) { return wideIds ? QRBReadBE32(p + at) : QRBReadBE16(p + at); };
+    uint64_t at = 0;
+    while (size - at >= 8) {
+        const uint64_t header = QRBReadBE32(p + at) == 1 ? 16 : 8;
+        if (size - at < header) return;
+        const bool derivation = QRBReadBE32(p + at + 4) == FourCC("dimg");
+        at += header;
+        if (size - at < idBytes + 2) return;
+        const uint32_t from = id(at);
+        const uint32_t count = QRBReadBE16(p + at + idBytes);
+        at += idBytes + 2;
+        for (uint32_t i = 0; i < count && size - at >= idBytes; ++i, at += idBytes) {
+            if (derivation) (*edges)[from].push_back(id(at));
         }
-        return true;
-    });
+    }
 }
 
 // Depth-first, with a stack of its own: a chain of a million references is a loop of the walk,
