@@ -9,6 +9,8 @@
 
 #include <string>
 
+class CQRBThumbnailGetter;
+
 class CQRBThumbnailExtractor {
 public:
     // The getter's item (null on failure) replaces item; true when one came back. The item
@@ -19,7 +21,8 @@ public:
                       boost::intrusive_ptr<CQRBThumbnailItem>& item);
 
 private:
-    static void m_Stamp(const _stRequestedItem& req, CQRBThumbnailItem* item);
+    // The shared getter of the request's kind; null (logged) when it has none.
+    static CQRBThumbnailGetter* m_GetterFor(const _stRequestedItem& req);
 };
 
 #endif
