@@ -1,7 +1,6 @@
 #include "qrb_ra_thumbnail_getter.h"
 
-#include "image-decoder/qrb_image_processor.h"
-#include "image-decoder/qrb_picture_thumb_param.h"
+#include "qrb_thumb_http_request.h"
 #include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
@@ -53,12 +52,7 @@ CQRBRAThumbnailGetter::CQRBRAThumbnailGetter() {
 
 size_t CQRBRAThumbnailGetter::receive(const char* data, size_t size, size_t nmemb,
                                       std::string* buffer) {
-    if (data == nullptr || buffer == nullptr) return 0;
-    // Tested before appending, so a body may end up to one chunk above the cap.
-    if (buffer->size() > kMaxBodyBytes) return 0;
-    const size_t n = size * nmemb;
-    buffer->append(data, n);
-    return n;
+    return QRBReceiveCapped(data, size, nmemb, buffer, kMaxBodyBytes);
 }
 
 size_t CQRBRAThumbnailGetter::m_CurlWrite(char* data, size_t size, size_t nmemb, void* userp) {

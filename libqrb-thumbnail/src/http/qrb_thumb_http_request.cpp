@@ -65,14 +65,17 @@ bool CQRBThumbHttpRequest::Init(_stRequestedItem& request) {
     return true;
 }
 
-size_t CQRBThumbHttpRequest::receive(const char* data, size_t size, size_t nmemb,
-                                     std::string* buffer) {
-    if (data == nullptr || buffer == nullptr) return 0;
-    // Tested before appending, so a body may end up to one chunk above the cap.
-    if (buffer->size() > kMaxBodyBytes) return 0;
+size_t QRBReceiveCapped(const char* data, size_t size, size_t nmemb, std::string* buffer,
+                        size_t cap) {
+    if (data == nullptr || buffer == nullptr || buffer->size() > cap) return 0;
     const size_t n = size * nmemb;
     buffer->append(data, n);
     return n;
+}
+
+size_t CQRBThumbHttpRequest::receive(const char* data, size_t size, size_t nmemb,
+                                     std::string* buffer) {
+    return QRBReceiveCapped(data, size, nmemb, buffer, kMaxBodyBytes);
 }
 
 size_t CQRBThumbHttpRequest::m_CurlWrite(char* data, size_t size, size_t nmemb, void* userp) {

@@ -22,6 +22,12 @@
 
 using QRBScopedCurl = QRBScoped<CURL, curl_easy_cleanup>;
 
+// Appends a chunk of a body to buffer unless the body is already past cap: the one write path
+// of the library's downloads. Tested before appending, so a body may end up to one chunk above
+// the cap. Returns the bytes taken (0 ends the transfer).
+size_t QRBReceiveCapped(const char* data, size_t size, size_t nmemb, std::string* buffer,
+                        size_t cap);
+
 class CQRBThumbHttpRequest : public QRB_IntrusivePtr_Base<CQRBThumbHttpRequest> {
 public:
     // A body that already holds more than this many bytes takes no further chunk.
