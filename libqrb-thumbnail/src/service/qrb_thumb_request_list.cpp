@@ -148,9 +148,9 @@ void CQRBThumbRequestList::m_CopyURL(_thumb_result& result, const std::string& u
     result.szURL[n] = '\0';
 }
 
-bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
-                                     qrb_thumbnail_callback callback,
-                                     boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
+template <typename Fill>
+bool CQRBThumbRequestList::m_Deliver(void* user_data, const std::string& url,
+                                     qrb_thumbnail_callback callback, bool ok, Fill fill) {
     CQRBAutoLock lock(m_Mutex);
     if (!m_TakeForEvent(user_data, url)) return false;
     if (callback == nullptr) return false;
@@ -158,14 +158,21 @@ bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
     _thumb_result result;
     std::memset(&result, 0, sizeof(result));
     m_CopyURL(result, url);
-
     if (!ok) {
         QRB_LOGD("strURL=%s, decode fail", url.c_str());
         callback(-1, &result, user_data);
         QRB_LOGD("callback end");
         return true;
     }
+    fill(result);
+    QRB_LOGD("strURL=%s", url.c_str());
+    callback(0, &result, user_data);
+    QRB_LOGD("callback end");
+    return true;
+}
 
+void CQRBThumbRequestList::m_FillImages(_thumb_result& result,
+                                        const boost::intrusive_ptr<CQRBThumbnailItem>& item) {
     if (item && item->GetPreset() != nullptr) {
         result.buffer_preset = static_cast<char*>(malloc(QRB_THUMB_PRESET_SIZE));
         if (result.buffer_preset != nullptr) {
@@ -184,9 +191,10 @@ bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
             result.width = image->GetWidth();
             result.height = image->GetHeight();
             result.depth = image->GetDepth();
-            long long size = (image->GetWidth() != 0 || image->GetHeight() != 0)
-                                 ? static_cast<long long>(image->GetWidth()) * image->GetHeight() * 4
-                                 : image->GetBufSize();
+            long long size =
+                (image->GetWidth() != 0 || image->GetHeight() != 0)
+                    ? static_cast<long long>(image->GetWidth()) * image->GetHeight() * 4
+                    : image->GetBufSize();
             if (size < 0 || size > 0x7fffffff) size = 0;
             result.nBufSize[i] = static_cast<int>(size);
             if (image->GetBuffer() == nullptr || size == 0) continue;
@@ -203,48 +211,33 @@ bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
             result.timestamp[i] = image->GetTimeStamp();
         }
     }
+}
 
-    QRB_LOGD("strURL=%s", url.c_str());
-    callback(0, &result, user_data);
-    QRB_LOGD("callback end");
-    return true;
+bool CQRBThumbRequestList::SendEvent(void* user_data, std::string url,
+                                     qrb_thumbnail_callback callback,
+                                     boost::intrusive_ptr<CQRBThumbnailItem> item, bool ok) {
+    return m_Deliver(user_data, url, callback, ok,
+                     [&item](_thumb_result& result) { m_FillImages(result, item); });
 }
 
 bool CQRBThumbRequestList::SendEventWithBuffer(void* user_data, std::string url,
                                                qrb_thumbnail_callback callback,
                                                boost::intrusive_ptr<CQRBThumbnailItem> item,
                                                bool ok) {
-    CQRBAutoLock lock(m_Mutex);
-    if (!m_TakeForEvent(user_data, url)) return false;
-    if (callback == nullptr) return false;
-
-    _thumb_result result;
-    std::memset(&result, 0, sizeof(result));
-    m_CopyURL(result, url);
-
-    if (!ok) {
-        QRB_LOGD("strURL=%s, decode fail", url.c_str());
-        callback(-1, &result, user_data);
-        QRB_LOGD("callback end");
-        return true;
-    }
-
-    if (item) {
-        const std::string& data = item->GetData();
-        unsigned char* copy = static_cast<unsigned char*>(malloc(data.size() ? data.size() : 1));
-        if (copy == nullptr) {
-            QRB_LOGW("malloc fail, size=%d", static_cast<int>(data.size()));
-        } else {
-            if (!data.empty()) std::memcpy(copy, data.data(), data.size());
-            result.pBuffer[0] = copy;
-            result.nBufSize[0] = static_cast<int>(data.size());
+    return m_Deliver(user_data, url, callback, ok, [&item](_thumb_result& result) {
+        if (item) {
+            const std::string& data = item->GetData();
+            unsigned char* copy =
+                static_cast<unsigned char*>(malloc(data.size() ? data.size() : 1));
+            if (copy == nullptr) {
+                QRB_LOGW("malloc fail, size=%d", static_cast<int>(data.size()));
+            } else {
+                if (!data.empty()) std::memcpy(copy, data.data(), data.size());
+                result.pBuffer[0] = copy;
+                result.nBufSize[0] = static_cast<int>(data.size());
+            }
         }
-    }
-    result.count = 1;
-    result.bBuffer = 1;
-
-    QRB_LOGD("strURL=%s", url.c_str());
-    callback(0, &result, user_data);
-    QRB_LOGD("callback end");
-    return true;
+        result.count = 1;
+        result.bBuffer = 1;
+    });
 }

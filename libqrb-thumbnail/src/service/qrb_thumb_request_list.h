@@ -60,6 +60,14 @@ private:
     // that state and copies it to out.
     template <typename Next>
     bool m_TakeFirst(_stRequestedItem* out, Next next);
+    // Removes the request's entry and calls its callback once: -1 when !ok, otherwise 0 with
+    // the result fill() made. False when the request was gone or has no callback.
+    template <typename Fill>
+    bool m_Deliver(void* user_data, const std::string& url, qrb_thumbnail_callback callback,
+                   bool ok, Fill fill);
+    // The item's images (at most five) and preset text, copied into result.
+    static void m_FillImages(_thumb_result& result,
+                             const boost::intrusive_ptr<CQRBThumbnailItem>& item);
     // Finds, removes and answers the request (url, user_data); false when it is gone.
     bool m_TakeForEvent(void* user_data, const std::string& url);
     static void m_CopyURL(_thumb_result& result, const std::string& url);
