@@ -121,3 +121,40 @@ make_music_corpus() {
     done
     touch "$1/stamp"
 }
+
+# write_runner: the calling script's TOOL and run() in a file of their own, which the timed
+# batches run in a shell of their own.
+write_runner() {
+    {
+        echo "TOOL='$TOOL'"
+        sed -n '/^run() {/,/^}/p' "$0"
+    } > "$SCRATCH/run.sh"
+}
+
+count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
+
+# timed_batch KEY TOOL FOLDER [pinned]: runs run() once over FOLDER under GNU time ("pinned":
+# on the first processor only) and checks that it made one PNG per input. Appends the wall time
+# to walls-KEY and the processor time to cpu-KEY, and keeps the largest peak resident memory
+# (KiB) in peak-KEY.
+timed_batch() {
+    rm -rf "$SCRATCH/out"
+    mkdir -p "$SCRATCH/out"
+    pin=""
+    if [ "${4:-}" = pinned ]; then pin="taskset -c 0"; fi
+    if ! $pin /usr/bin/time -f "%e %M %U %S" -o "$SCRATCH/time.txt" \
+        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$2" "$3" "$SCRATCH/out"; then
+        echo "bench: $2 failed on $3" >&2
+        exit 1
+    fi
+    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
+    if [ "$made" -ne "$(count "$3")" ]; then
+        echo "bench: $2 made $made thumbnails of $(count "$3") in $3" >&2
+        exit 1
+    fi
+    read -r wall peak user system < "$SCRATCH/time.txt"
+    echo "$wall" >> "$SCRATCH/walls-$1"
+    awk -v u="$user" -v s="$system" 'BEGIN { print u + s }' >> "$SCRATCH/cpu-$1"
+    old=$(cat "$SCRATCH/peak-$1" 2>/dev/null || echo 0)
+    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
+}

@@ -76,49 +76,10 @@ for ext in heic avif webp gif tif flac m4a; do
     done
 done
 
-# run TOOL FOLDER OUT: one batch (run under taskset and /usr/bin/time in a shell of its own).
-run() {
-    case $1 in
-        ours-picture) "$TOOL" -k picture -s 320x240 -o "$3" "$2"/* >/dev/null ;;
-        ours-music) "$TOOL" -k music -s 160x160 -o "$3" "$2"/* >/dev/null ;;
-        vipsthumbnail)
-            # Shrink-on-load where the format has it, then the centre crop of the covering size.
-            vipsthumbnail -s 320x240 --smartcrop centre -o "$3/%s.png" "$2"/* 2>/dev/null ;;
-        ffmpegthumbnailer)
-            # -m: the embedded cover rather than a frame; -s 160 of a square cover is 160 x 160.
-            for f in "$2"/*; do
-                ffmpegthumbnailer -m -s 160 -i "$f" -o "$3/$(basename "$f").png" >/dev/null 2>&1
-            done ;;
-    esac
-}
-{
-    echo "TOOL='$TOOL'"
-    sed -n '/^run() {/,/^}/p' "$0"
-} > "$SCRATCH/run.sh"
+write_runner
 
-count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
-
-# one_core TOOL FOLDER: one timed batch on the first processor; keeps its wall time and the
-# largest peak resident memory (KiB) under the tool's and folder's name.
-one_core() {
-    key="$1-$(basename "$2")"
-    rm -rf "$SCRATCH/out"
-    mkdir -p "$SCRATCH/out"
-    if ! taskset -c 0 /usr/bin/time -f "%e %M" -o "$SCRATCH/time.txt" \
-        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$1" "$2" "$SCRATCH/out"; then
-        echo "bench: $1 failed on $2" >&2
-        exit 1
-    fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    if [ "$made" -ne "$(count "$2")" ]; then
-        echo "bench: $1 made $made thumbnails of $(count "$2") in $2" >&2
-        exit 1
-    fi
-    read -r wall peak < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/walls-$key"
-    old=$(cat "$SCRATCH/peak-$key" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$key"; fi
-}
+# one_core TOOL FOLDER: one timed batch on the first processor.
+one_core() { timed_batch "$1-$(basename "$2")" "$1" "$2" pinned; }
 
 CASES="heic:HEIF avif:AVIF webp:WebP gif:GIF tif:TIFF flac:FLAC m4a:M4A"
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)

@@ -102,55 +102,12 @@ run() {
     esac
 }
 
-# once TOOL FOLDER: one timed run; appends wall time and processor time, keeps the peak memory.
-once() {
-    rm -rf "$SCRATCH/out"
-    mkdir -p "$SCRATCH/out"
-    if ! /usr/bin/time -f "%e %M %U %S" -o "$SCRATCH/time.txt" \
-        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$1" "$2" "$SCRATCH/out"; then
-        echo "bench: $1 failed on $2" >&2
-        exit 1
-    fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    if [ "$made" -ne "$(count "$2")" ]; then
-        echo "bench: $1 made $made thumbnails of $(count "$2") in $2" >&2
-        exit 1
-    fi
-    read -r wall peak user system < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/walls-$1"
-    awk -v u="$user" -v s="$system" 'BEGIN { print u + s }' >> "$SCRATCH/cpu-$1"
-    old=$(cat "$SCRATCH/peak-$1" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
-}
-count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
+write_runner
 
-# The timed runs execute run() in a shell of their own.
-{
-    echo "TOOL='$TOOL'"
-    sed -n '/^run() {/,/^}/p' "$0"
-} > "$SCRATCH/run.sh"
-
-# one_core TOOL FOLDER: one timed run on the first processor; appends the wall time to
-# core-walls-TOOL-FOLDER and keeps the largest peak resident memory (KiB).
-one_core() {
-    key="$1-$(basename "$2")"
-    rm -rf "$SCRATCH/out"
-    mkdir -p "$SCRATCH/out"
-    if ! taskset -c 0 /usr/bin/time -f "%e %M" -o "$SCRATCH/time.txt" \
-        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$1" "$2" "$SCRATCH/out"; then
-        echo "bench: $1 failed on $2" >&2
-        exit 1
-    fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    if [ "$made" -ne "$(count "$2")" ]; then
-        echo "bench: $1 made $made thumbnails of $(count "$2") in $2" >&2
-        exit 1
-    fi
-    read -r wall peak < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/core-walls-$key"
-    old=$(cat "$SCRATCH/core-peak-$key" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/core-peak-$key"; fi
-}
+# once TOOL FOLDER: one timed run on every processor.
+once() { timed_batch "$1" "$1" "$2"; }
+# one_core TOOL FOLDER: one timed run on the first processor.
+one_core() { timed_batch "core-$1-$(basename "$2")" "$1" "$2" pinned; }
 
 progressive_section() {
     load_before=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -167,9 +124,9 @@ progressive_section() {
         row=""
         for tool in ours vips; do
             key="$tool-progressive-$mp"
-            ms=$(awk -v s="$(sort -n "$SCRATCH/core-walls-$key" | head -n 1)" -v n="$PFILES" \
+            ms=$(awk -v s="$(sort -n "$SCRATCH/walls-core-$key" | head -n 1)" -v n="$PFILES" \
                 'BEGIN { printf "%.0f", 1000 * s / n }')
-            mib=$(awk -v k="$(cat "$SCRATCH/core-peak-$key")" 'BEGIN { printf "%.0f", k / 1024 }')
+            mib=$(awk -v k="$(cat "$SCRATCH/peak-core-$key")" 'BEGIN { printf "%.0f", k / 1024 }')
             eval "ms_$tool=$ms mib_$tool=$mib"
             echo "bench: progressive $mp MP: $tool $ms ms per item, peak $mib MiB" >&2
         done
