@@ -48,26 +48,12 @@ void CQRBExifThumbnailGetter::BringToRequest(CQRBThumbImage& image, int orientat
     if (w <= 0 || h <= 0) return;
     if (width > w || h < height) {
         // Either way the result covers the box and keeps the aspect ratio, rounded as the
-        // getters round (one pixel short of the box at worst, and then not cropped). A side
-        // beyond int is not scaled at all (ScaleARGB refuses anything near that anyway).
-        uint64_t scaledW = 0;
-        uint64_t scaledH = 0;
-        CQRBImageUtil::CoverSize(static_cast<uint64_t>(w), static_cast<uint64_t>(h),
-                                 static_cast<uint64_t>(std::max(width, 0)),
-                                 static_cast<uint64_t>(std::max(height, 0)),
-                                 QRBCoverRounding::kTruncatedQuotient, &scaledW, &scaledH);
-        if (scaledW > 0 && scaledW <= INT_MAX && scaledH > 0 && scaledH <= INT_MAX) {
-            image.ScaleARGB(static_cast<int>(scaledW), static_cast<int>(scaledH));
-        } else {
+        // getters round (one pixel short of the box at worst, and then not cropped).
+        if (!image.ScaleToCoverTruncated(width, height)) {
             QRB_LOGW("no scaling of %d x %d to cover %d x %d", w, h, width, height);
         }
     }
-
-    const int sw = image.GetWidth();
-    const int sh = image.GetHeight();
-    if (sh >= height && sw >= width && width != 0 && height != 0) {
-        image.CropARGB((sw - width) / 2, (sh - height) / 2, width, height);
-    }
+    image.CropCentre(width, height);
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBExifThumbnailGetter::ExtractThumbnail(

@@ -80,27 +80,12 @@ void CQRBPTPThumbnailGetter::m_FillAndCrop(CQRBThumbImage& image, int width, int
     if (w != width || h != height) {
         // Scale to fill with integer division as the getters round it: t = h x width / w
         // decides, so 213 x 160 into 160 x 120 becomes 159 x 120, a pixel short, and is then
-        // left uncropped. A quotient by zero is 0, and a zero side is no scaling (ScaleARGB
-        // refuses it, as it refuses a raster beyond its bound).
-        uint64_t scaledW = 0;
-        uint64_t scaledH = 0;
-        CQRBImageUtil::CoverSize(
-            static_cast<uint64_t>(std::max(w, 0)), static_cast<uint64_t>(std::max(h, 0)),
-            static_cast<uint64_t>(std::max(width, 0)), static_cast<uint64_t>(std::max(height, 0)),
-            QRBCoverRounding::kTruncatedQuotient, &scaledW, &scaledH);
-        if (scaledW <= INT_MAX && scaledH <= INT_MAX) {
-            image.ScaleARGB(static_cast<int>(scaledW), static_cast<int>(scaledH));
-        } else {
-            QRB_LOGW("no scaling of %d x %d to %llu x %llu", w, h,
-                     static_cast<unsigned long long>(scaledW),
-                     static_cast<unsigned long long>(scaledH));
+        // left uncropped. A zero side (a quotient by zero) or one beyond int is no scaling.
+        if (!image.ScaleToCoverTruncated(width, height)) {
+            QRB_LOGW("no scaling of %d x %d to cover %d x %d", w, h, width, height);
         }
     }
-    const int sw = image.GetWidth();
-    const int sh = image.GetHeight();
-    if (sw >= width && sh >= height && width != 0 && height != 0) {
-        image.CropARGB((sw - width) / 2, (sh - height) / 2, width, height);
-    }
+    image.CropCentre(width, height);
 }
 
 boost::intrusive_ptr<CQRBThumbnailItem> CQRBPTPThumbnailGetter::ExtractThumbnail(

@@ -4,6 +4,8 @@
 #include "qrb_log.h"
 
 #include <cassert>
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -101,6 +103,18 @@ bool CQRBThumbImage::CropARGB(int startX, int startY, int width, int height) {
     m_nHeight = height;
     if (m_nBufSize > 0) m_nBufSize = static_cast<int>(rowBytes * static_cast<size_t>(height));
     return true;
+}
+
+bool CQRBThumbImage::ScaleToCoverTruncated(int width, int height) {
+    uint64_t w = 0;
+    uint64_t h = 0;
+    CQRBImageUtil::CoverSize(static_cast<uint64_t>(std::max(m_nWidth, 0)),
+                             static_cast<uint64_t>(std::max(m_nHeight, 0)),
+                             static_cast<uint64_t>(std::max(width, 0)),
+                             static_cast<uint64_t>(std::max(height, 0)),
+                             QRBCoverRounding::kTruncatedQuotient, &w, &h);
+    if (w == 0 || w > INT_MAX || h == 0 || h > INT_MAX) return false;
+    return ScaleARGB(static_cast<int>(w), static_cast<int>(h));
 }
 
 bool CQRBThumbImage::CropCentre(int width, int height) {

@@ -45,6 +45,10 @@ public:
     // when both are non-zero and the image is at least that large both ways; otherwise the image
     // stays as it is (false).
     bool CropCentre(int width, int height);
+    // Scales to the smallest size that covers width x height with the picture's aspect, sides
+    // rounded as the truncated quotient of the getters (CQRBImageUtil::CoverSize). False, the
+    // image unchanged, when that size is empty or beyond int.
+    bool ScaleToCoverTruncated(int width, int height);
     // Turns the raster upright for an EXIF orientation (1 to 8); 1 is a no-op, anything else
     // outside 1..8 is refused. 5 to 8 swap width and height.
     bool RotateARGB(int orient);
