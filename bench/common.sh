@@ -133,28 +133,39 @@ write_runner() {
 
 count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
 
-# timed_batch KEY TOOL FOLDER [pinned]: runs run() once over FOLDER under GNU time ("pinned":
-# on the first processor only) and checks that it made one PNG per input. Appends the wall time
-# to walls-KEY and the processor time to cpu-KEY, and keeps the largest peak resident memory
-# (KiB) in peak-KEY.
-timed_batch() {
-    rm -rf "$SCRATCH/out"
+# measure KEY WANTED PIN COMMAND...: runs COMMAND once under GNU time (PIN "pinned": on the first
+# processor only; "-": anywhere) with an empty $SCRATCH/out for its images, and checks that it
+# made WANTED PNGs there (a failing batch shows the end of $SCRATCH/out.log). Appends the wall time
+# to walls-KEY and the processor time to cpu-KEY, and keeps the largest peak resident memory (KiB)
+# in peak-KEY.
+measure() {
+    key=$1 wanted=$2 pin=""
+    if [ "$3" = pinned ]; then pin="taskset -c 0"; fi
+    shift 3
+    rm -rf "$SCRATCH/out" "$SCRATCH/out.log"
     mkdir -p "$SCRATCH/out"
-    pin=""
-    if [ "${4:-}" = pinned ]; then pin="taskset -c 0"; fi
-    if ! $pin /usr/bin/time -f "%e %M %U %S" -o "$SCRATCH/time.txt" \
-        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$2" "$3" "$SCRATCH/out"; then
-        echo "bench: $2 failed on $3" >&2
+    if ! $pin /usr/bin/time -f "%e %M %U %S" -o "$SCRATCH/time.txt" "$@"; then
+        tail -n 5 "$SCRATCH/out.log" >&2 2>/dev/null || true
+        echo "bench: $key failed" >&2
         exit 1
     fi
     made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    if [ "$made" -ne "$(count "$3")" ]; then
-        echo "bench: $2 made $made thumbnails of $(count "$3") in $3" >&2
+    if [ "$made" -ne "$wanted" ]; then
+        echo "bench: $key made $made images of $wanted" >&2
         exit 1
     fi
     read -r wall peak user system < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/walls-$1"
-    awk -v u="$user" -v s="$system" 'BEGIN { print u + s }' >> "$SCRATCH/cpu-$1"
-    old=$(cat "$SCRATCH/peak-$1" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
+    echo "$wall" >> "$SCRATCH/walls-$key"
+    awk -v u="$user" -v s="$system" 'BEGIN { print u + s }' >> "$SCRATCH/cpu-$key"
+    old=$(cat "$SCRATCH/peak-$key" 2>/dev/null || echo 0)
+    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$key"; fi
+}
+
+# fastest KEY: the shortest wall time in walls-KEY.
+fastest() { sort -n "$SCRATCH/walls-$1" | head -n 1; }
+
+# timed_batch KEY TOOL FOLDER [pinned]: measure of run() over FOLDER, one PNG per input.
+timed_batch() {
+    measure "$1" "$(count "$3")" "${4:--}" \
+        sh -c '. "$0"; run "$@"' "$SCRATCH/run.sh" "$2" "$3" "$SCRATCH/out"
 }

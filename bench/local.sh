@@ -151,32 +151,15 @@ for c in hd1 hd5 uhd1; do
 done
 
 # --- Measuring ------------------------------------------------------------------------------
-# once TOOL CASE: one batch on the first processor; appends its wall time to walls-TOOL-CASE and
-# keeps the largest peak resident memory (KiB) in peak-TOOL-CASE. Every batch must make every
-# image.
+# once TOOL CASE: one batch on the first processor (walls-TOOL-CASE, peak-TOOL-CASE); every
+# batch must make every image.
 once() {
-    rm -rf "$SCRATCH/out" "$SCRATCH/out.log"
-    mkdir -p "$SCRATCH/out"
-    if ! taskset -c 0 /usr/bin/time -f "%e %M" -o "$SCRATCH/time.txt" \
-        sh "$SELF" --run "$1" "$2" "$SCRATCH/in/$2" "$SCRATCH/out"; then
-        tail -n 5 "$SCRATCH/out.log" >&2 2>/dev/null || true
-        echo "bench: $1 failed on $2" >&2
-        exit 1
-    fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    wanted=$(($(items "$2") * $(case_kind "$2" | cut -d' ' -f4)))
-    if [ "$made" -ne "$wanted" ]; then
-        echo "bench: $1 made $made images of $wanted on $2" >&2
-        exit 1
-    fi
-    read -r wall peak < "$SCRATCH/time.txt"
-    echo "$wall" >> "$SCRATCH/walls-$1-$2"
-    old=$(cat "$SCRATCH/peak-$1-$2" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1-$2"; fi
+    measure "$1-$2" "$(($(items "$2") * $(case_kind "$2" | cut -d' ' -f4)))" pinned \
+        sh "$SELF" --run "$1" "$2" "$SCRATCH/in/$2" "$SCRATCH/out"
 }
 items() { find "$SCRATCH/in/$1" -mindepth 1 -maxdepth 1 | wc -l; }
 per_item() {  # $1 tool, $2 case: milliseconds per item of the fastest batch
-    awk -v s="$(sort -n "$SCRATCH/walls-$1-$2" | head -n 1)" -v n="$(items "$2")" \
+    awk -v s="$(fastest "$1-$2")" -v n="$(items "$2")" \
         'BEGIN { printf (1000 * s / n < 10) ? "%.1f" : "%.0f", 1000 * s / n }'
 }
 mib() { awk -v k="$(cat "$SCRATCH/peak-$1-$2")" 'BEGIN { printf "%.0f", k / 1024 }'; }

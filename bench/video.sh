@@ -114,27 +114,11 @@ link uhd-hevc 5 "$HEVC/hevc-2160p-20s.mp4"
 link uhd-hevc-open 5 "$HEVC/hevc-2160p-20s-open-gop.mp4"
 
 # --- Measuring ------------------------------------------------------------------------------
-# once TOOL FOLDER FRAMES: one pinned batch; keeps the fastest wall time in best-TOOL and the
-# largest peak resident memory (KiB) in peak-TOOL. Every batch must make every image.
+# once TOOL FOLDER FRAMES: one pinned batch (walls-TOOL, peak-TOOL); every batch must make every
+# image.
 once() {
-    rm -rf "$SCRATCH/out"
-    mkdir -p "$SCRATCH/out"
-    if ! taskset -c 0 /usr/bin/time -f "%e %M" -o "$SCRATCH/time.txt" \
-        sh "$SELF" --run "$1" "$SCRATCH/$2" "$3" "$SCRATCH/out"; then
-        echo "bench: $1 failed on $2" >&2
-        exit 1
-    fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
-    wanted=$(($(find "$SCRATCH/$2" -name '*.mp4' | wc -l) * $3))
-    if [ "$made" -ne "$wanted" ]; then
-        echo "bench: $1 made $made images of $wanted on $2" >&2
-        exit 1
-    fi
-    read -r wall peak < "$SCRATCH/time.txt"
-    best=$(cat "$SCRATCH/best-$1" 2>/dev/null || echo 1000000)
-    awk -v w="$wall" -v b="$best" 'BEGIN { exit !(w < b) }' && echo "$wall" > "$SCRATCH/best-$1"
-    old=$(cat "$SCRATCH/peak-$1" 2>/dev/null || echo 0)
-    if [ "$peak" -gt "$old" ]; then echo "$peak" > "$SCRATCH/peak-$1"; fi
+    measure "$1" "$(($(find "$SCRATCH/$2" -name '*.mp4' | wc -l) * $3))" pinned \
+        sh "$SELF" --run "$1" "$SCRATCH/$2" "$3" "$SCRATCH/out"
 }
 
 ms_per() {  # SECONDS ITEMS
@@ -142,7 +126,7 @@ ms_per() {  # SECONDS ITEMS
 }
 
 run_case() {  # LABEL FOLDER FRAMES
-    rm -f "$SCRATCH"/best-* "$SCRATCH"/peak-*
+    rm -f "$SCRATCH"/walls-* "$SCRATCH"/cpu-* "$SCRATCH"/peak-*
     items=$(($(find "$SCRATCH/$2" -name '*.mp4' | wc -l) * $3))
     r=0
     while [ "$r" -lt "$ROUNDS" ]; do
@@ -151,9 +135,9 @@ run_case() {  # LABEL FOLDER FRAMES
         for tool in ours ffmpegthumbnailer ffmpeg; do once "$tool" "$2" "$3"; done
         r=$((r + 1))
     done
-    ours=$(ms_per "$(cat "$SCRATCH/best-ours")" "$items")
-    thumbnailer=$(ms_per "$(cat "$SCRATCH/best-ffmpegthumbnailer")" "$items")
-    ffmpeg=$(ms_per "$(cat "$SCRATCH/best-ffmpeg")" "$items")
+    ours=$(ms_per "$(fastest ours)" "$items")
+    thumbnailer=$(ms_per "$(fastest ffmpegthumbnailer)" "$items")
+    ffmpeg=$(ms_per "$(fastest ffmpeg)" "$items")
     peaks=""
     for tool in ours ffmpegthumbnailer ffmpeg; do
         peaks="$peaks${peaks:+ / }$(($(cat "$SCRATCH/peak-$tool") / 1024))"
