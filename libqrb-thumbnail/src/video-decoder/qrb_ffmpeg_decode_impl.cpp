@@ -14,6 +14,7 @@ extern "C" {
 #include <cmath>
 
 #include <algorithm>
+#include <iterator>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -52,6 +53,10 @@ struct Input : QRBFFmpegInput {
     // (see MeasureDuration), fileBytes its size.
     bool byteClock = false;
     int64_t fileBytes = 0;
+    // Pictures the decoder has asked for during the current packet, and the one buffer its
+    // stand-in references share (see GetBuffer).
+    int picturesThisPacket = 0;
+    QRBScopedFrame standIn{av_frame_alloc()};
 };
 
 // How the display matrix turns the stored picture, as an EXIF orientation (1 to 8), in the way
@@ -153,6 +158,42 @@ void Finish(AVCodecContext* context, AVFrame* frame) {
     }
 }
 
+// Every picture the decoder asks for gets its own buffer, with one exception. An HEVC decoder
+// told to decode key pictures only (skip_frame at AVDISCARD_NONKEY) still makes up a grey
+// picture for each reference that an open GOP's key picture lists for the pictures leading it:
+// four or more per key picture, 12 MiB each at 2160p. No key picture reads them and the leading
+// pictures are skipped, so they share one buffer. The decoder asks for the key picture itself
+// first in its packet; only the pictures after it are stand-ins.
+int GetBuffer(AVCodecContext* context, AVFrame* frame, int flags) {
+    Input* input = static_cast<Input*>(context->opaque);
+    if (input == nullptr || !input->standIn || context->codec_id != AV_CODEC_ID_HEVC ||
+        context->skip_frame < AVDISCARD_NONKEY || input->picturesThisPacket++ == 0) {
+        return avcodec_default_get_buffer2(context, frame, flags);
+    }
+    AVFrame* shared = input->standIn.get();
+    if (shared->buf[0] == nullptr || shared->width != frame->width ||
+        shared->height != frame->height || shared->format != frame->format) {
+        av_frame_unref(shared);
+        shared->width = frame->width;
+        shared->height = frame->height;
+        shared->format = frame->format;
+        const int ret = avcodec_default_get_buffer2(context, shared, flags);
+        if (ret < 0) return ret;
+    }
+    for (int i = 0; i < AV_NUM_DATA_POINTERS && shared->buf[i] != nullptr; ++i) {
+        frame->buf[i] = av_buffer_ref(shared->buf[i]);
+        if (frame->buf[i] == nullptr) {
+            for (AVBufferRef*& buffer : frame->buf) av_buffer_unref(&buffer);
+            return AVERROR(ENOMEM);
+        }
+    }
+    std::copy(std::begin(shared->data), std::end(shared->data), std::begin(frame->data));
+    std::copy(std::begin(shared->linesize), std::end(shared->linesize),
+              std::begin(frame->linesize));
+    frame->extended_data = frame->data;
+    return 0;
+}
+
 // The video stream to grab from: the best one by FFmpeg's measure unless that is a cover
 // picture (an attached picture is a still image, not the video), else the first real one.
 int PickVideoStream(AVFormatContext* context, const AVCodec** decoder) {
@@ -193,6 +234,7 @@ int Describe(Input& input, AVFormatContext* context) {
     // One picture per position: a thread pool would cost more to start than it saves, and
     // frame threads would hold pictures back.
     codec->thread_count = 1;
+    codec->get_buffer2 = GetBuffer;
 
     input.width = par->width;
     input.height = par->height;
@@ -333,6 +375,7 @@ int CodecClose(AVCodecContext* context) {
 int DecodeVideo(AVCodecContext* context, AVFrame* frame, int* got_picture, const AVPacket* packet) {
     if (context == nullptr || frame == nullptr || got_picture == nullptr) return AVERROR(EINVAL);
     *got_picture = 0;
+    if (context->opaque != nullptr) static_cast<Input*>(context->opaque)->picturesThisPacket = 0;
     int ret = avcodec_send_packet(context, packet);
     if (ret == AVERROR(EAGAIN)) {
         // A picture is waiting and the packet was not taken: hand the picture out; the packet

@@ -93,6 +93,8 @@ QRB_FORWARD(AvUtil, int64_t, av_rescale, (int64_t a, int64_t b, int64_t c), (a, 
 QRB_FORWARD(AvUtil, char*, av_strdup, (const char* s), (s))
 QRB_FORWARD(AvUtil, AVFrame*, av_frame_clone, (const AVFrame* src), (src))
 QRB_FORWARD(AvUtil, void, av_frame_unref, (AVFrame * frame), (frame))
+QRB_FORWARD(AvUtil, AVBufferRef*, av_buffer_ref, (const AVBufferRef* buf), (buf))
+QRB_FORWARD(AvUtil, void, av_buffer_unref, (AVBufferRef * *buf), (buf))
 QRB_FORWARD(AvUtil, void, av_frame_move_ref, (AVFrame * dst, AVFrame* src), (dst, src))
 QRB_FORWARD(AvUtil, int, av_frame_get_buffer, (AVFrame * frame, int align), (frame, align))
 QRB_FORWARD(AvUtil, int, av_frame_make_writable, (AVFrame * frame), (frame))
@@ -112,6 +114,8 @@ QRB_FORWARD(AvCodec, AVCodecContext*, avcodec_alloc_context3, (const AVCodec* co
 QRB_FORWARD(AvCodec, int, avcodec_close, (AVCodecContext * avctx), (avctx))
 QRB_FORWARD(AvCodec, const AVCodec*, avcodec_find_decoder, (enum AVCodecID id), (id))
 QRB_FORWARD(AvCodec, void, avcodec_flush_buffers, (AVCodecContext * avctx), (avctx))
+QRB_FORWARD(AvCodec, int, avcodec_default_get_buffer2,
+            (AVCodecContext * s, AVFrame* frame, int flags), (s, frame, flags))
 QRB_FORWARD(AvCodec, void, avcodec_free_context, (AVCodecContext * *avctx), (avctx))
 QRB_FORWARD(AvCodec, int, avcodec_open2,
             (AVCodecContext * avctx, const AVCodec* codec, AVDictionary** options),

@@ -219,6 +219,14 @@ bool QRBVideoFrameGrabber::m_OpenCodec() {
     if (ThumbnailIsSmall(m_Request.width, m_Request.height, input->width, input->height)) {
         context->skip_loop_filter = AVDISCARD_ALL;
     }
+    // Of a 4K stream only key pictures are decoded. An HEVC decoder told so keeps no buffers
+    // for the references of the pictures that lead an open GOP's key picture (the media
+    // functions let them share one), and film grain, invisible at thumbnail size, is not
+    // applied into a picture of its own.
+    if (m_Is4K && input->video_codec->id == AV_CODEC_ID_HEVC) {
+        context->skip_frame = AVDISCARD_NONKEY;
+        context->export_side_data |= AV_CODEC_EXPORT_DATA_FILM_GRAIN;
+    }
     if (m_Api.codec_open(context, input->video_codec) < 0) {
         QRB_LOGW("ffmpeg_avcodec_open2 error");
         return false;
@@ -355,7 +363,9 @@ AVFrame* QRBVideoFrameGrabber::m_DecodeOnward(long long targetUs) {
     // Every picture is decoded now, so the loop filter keeps references whole for the ones
     // after them.
     const int skipLoopFilter = codec->skip_loop_filter;
+    const int skipFrame = codec->skip_frame;
     if (skipLoopFilter == AVDISCARD_ALL) codec->skip_loop_filter = AVDISCARD_NONREF;
+    codec->skip_frame = AVDISCARD_DEFAULT;
     bool keyed = false;
     bool haveHeld = false;
     bool draining = false;
@@ -389,6 +399,7 @@ AVFrame* QRBVideoFrameGrabber::m_DecodeOnward(long long targetUs) {
         }
     }
     codec->skip_loop_filter = static_cast<AVDiscard>(skipLoopFilter);
+    codec->skip_frame = static_cast<AVDiscard>(skipFrame);
     if (answer == nullptr && haveHeld) answer = m_Res->held.get();
     return answer;
 }
