@@ -92,19 +92,5 @@ TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
     EXPECT_EQ(qrbtest::ReadFileBytes(Path("item-2.png")), png);
 }
 
-TEST_F(ToolResultFilesWrite, FailedUnansweredAndEmptyAnswersWriteNothingAndSayWhy) {
-    const std::pair<Answer, const char*> rows[] = {
-        {Answered(-1), "status -1"},
-        {Answer(), "time-out"},
-        {Answered(0), "no image"},
-    };
-    for (const auto& [answer, note] : rows) {
-        const Outcome o = Write(answer);
-        EXPECT_FALSE(o.ok);
-        EXPECT_NE(o.note.find(note), std::string::npos) << o.note;
-    }
-    EXPECT_EQ(root.CountEntries(""), 0);
-}
-
 }  // namespace
 }  // namespace qrbthumb

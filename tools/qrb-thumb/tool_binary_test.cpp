@@ -60,8 +60,8 @@ protected:
         return nlohmann::json::parse(run.out);
     }
     std::string At(const std::string& name) const { return root.Path() + "/" + name; }
-    // Made with its parents by the tool.
-    std::string OutDir() const { return At("thumbs/of/today"); }
+    // Made with its parents by the tool; links to it must be percent-encoded.
+    std::string OutDir() const { return At("thumbs/of \"to#day\""); }
 
     qrbtest::ScratchRoot root;
 };
@@ -99,7 +99,8 @@ TEST_F(ToolBinary, ExitCodesOfCommandLines) {
 }
 
 // Each input gets one line, in order, with the kind guessed (a picture's signature wins over
-// the name) and the library's reason; a file named twice is asked for twice.
+// the name) and the library's reason; a file named twice is asked for twice. The contact sheet
+// shows names as text, never as markup.
 TEST_F(ToolBinary, EveryInputGetsOneLineWithItsKindAndReason) {
     const std::string jpegNamedMp3 = root.WriteFile("song.mp3", std::string("\xFF\xD8\xFF\xE0", 4));
     const struct {
@@ -108,13 +109,13 @@ TEST_F(ToolBinary, EveryInputGetsOneLineWithItsKindAndReason) {
         const char* note;
     } rows[] = {
         {At("gone.jpg"), "picture", "no such file"},
-        {At("gone.mp3"), "music", "no such file"},
+        {At("<b>&\"x'.mp3"), "music", "no such file"},
         {At("gone.mp4"), "video", "media plug-ins missing"},  // none in this root
         {At("gone"), "unknown", "cannot tell what kind of media this is (name it with -k)"},
         {At("gone.jpg"), "picture", "no such file"},
         {jpegNamedMp3, "picture", ""},  // refused by the picture decoder
     };
-    std::vector<std::string> args = {"-o", OutDir(), "--timeout", "60"};
+    std::vector<std::string> args = {"-o", OutDir(), "--timeout", "60", "--sheet", At("i.html")};
     for (const auto& row : rows) args.push_back(row.input);
     const ToolRun run = Run(args);
     EXPECT_EQ(run.exitCode, 1) << run.err;
@@ -127,8 +128,9 @@ TEST_F(ToolBinary, EveryInputGetsOneLineWithItsKindAndReason) {
     }
     EXPECT_FALSE(Has(lines.back(), "no such file")) << lines.back();
     EXPECT_TRUE(Has(run.err, "6 inputs: 0 ok, 6 failed")) << run.err;
-    EXPECT_TRUE(std::filesystem::is_directory(OutDir())) << "the output folder is made";
-    EXPECT_EQ(root.CountEntries("/thumbs/of/today"), 0);
+    EXPECT_TRUE(std::filesystem::is_directory(OutDir()) && std::filesystem::is_empty(OutDir()));
+    const std::string html = qrbtest::ReadFileBytes(At("i.html"));
+    EXPECT_TRUE(Has(html, "&lt;b&gt;&amp;&quot;x&#39;.mp3") && !Has(html, "<b>&")) << html;
 }
 
 // A video that opens but never gives a picture is answered without images; the tool counts it
@@ -143,8 +145,9 @@ TEST_F(ToolBinary, AVideoThatGivesNoFrameFailsWithTheLibrarysReason) {
                                    plugins / name);
     }
     const std::string fixtures = QRB_VIDEO_FIXTURE_DIR;
+    std::filesystem::create_directory(At("sheets"));
     const nlohmann::json report = RunJson(
-        {"-s", "160x120", "-n", "2", "--sheet", At("index.html"),
+        {"-s", "160x120", "-n", "2", "--sheet", At("sheets/index.html"),
          fixtures + "/no_pictures_h264_64x64_2s.mp4", fixtures + "/fade_h264_320x240_3s.mp4"},
         1);
     ASSERT_EQ(report.size(), 2u) << report.dump();
@@ -156,13 +159,15 @@ TEST_F(ToolBinary, AVideoThatGivesNoFrameFailsWithTheLibrarysReason) {
     EXPECT_EQ(report[1]["width"], 160);
     const std::string frame = "/fade_h264_320x240_3s.mp4-1.png";
     EXPECT_EQ(report[1]["outputs"][1], OutDir() + frame);
-    const std::string html = qrbtest::ReadFileBytes(At("index.html"));
-    EXPECT_TRUE(Has(html, "<img src=\"thumbs/of/today" + frame + "\"")) << html;
+    const std::string html = qrbtest::ReadFileBytes(At("sheets/index.html"));
+    EXPECT_TRUE(Has(html, "<img src=\"../thumbs/of%20%22to%23day%22" + frame + "\"")) << html;
     EXPECT_TRUE(Has(html, "2 inputs: 1 ok, 1 failed")) << html;
 }
 
+// The JSON report stays valid whatever bytes a name holds: a bad one becomes U+FFFD.
 TEST_F(ToolBinary, TheKindOptionNamesTheKindOfEveryInput) {
-    const nlohmann::json report = RunJson({"-k", "ra", At("x.jpg")}, 1);
+    const nlohmann::json report = RunJson({"-k", "ra", At("x\xff\n\"\\.jpg")}, 1);
+    EXPECT_EQ(report[0]["input"], At("x\xEF\xBF\xBD\n\"\\.jpg"));
     EXPECT_EQ(report[0]["kind"], "ra");
     EXPECT_EQ(report[0]["media"], 1);
     EXPECT_EQ(report[0]["device"], 106);
