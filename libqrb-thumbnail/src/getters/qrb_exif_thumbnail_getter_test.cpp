@@ -1,12 +1,11 @@
 // The picture getter: the order of its steps after decoding, then JPEG files the tests write
 // (libjpeg, with an EXIF orientation and, where wanted, an embedded thumbnail) through the
-// getter and the C interface; and the picture kinds of the getter factory.
+// getter and the C interface.
 //
 // The pictures show an upright scene of four coloured quadrants stored the way a camera held
 // in the given orientation would, so a thumbnail is upright only when the orientation is
 // applied correctly.
 #include "qrb_exif_thumbnail_getter.h"
-#include "qrb_thumb_flyweight_factory.h"
 
 #include "qrb_test_callbacks.h"
 #include "qrb_test_jpeg_writer.h"
@@ -137,22 +136,6 @@ TEST_F(ExifGetterFileTest, PictureRequestsThroughTheCInterfaceComeBackUpright) {
         EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], 64, 48)), "RGWB") << dev;
     }
     thumbnail_finalize();
-}
-
-// The picture kinds no media type routes to: kind 3 in mode 2 and kind 4 in mode 1, the only
-// mode that leaves the decoder's two flags clear. Kinds without a getter have no shared one.
-TEST(GetterFactoryTest, PictureKindsGetTheirModesAndKindsWithoutAGetterNone) {
-    for (const auto& [kind, mode] : {std::make_pair(THUMB_PICTURE_MODE2, MEDIA_JPEG_EXTRACT_MODE2),
-                                     std::make_pair(THUMB_PICTURE_MODE1, MEDIA_JPEG_EXTRACT_MODE1)}) {
-        auto* exif = dynamic_cast<CQRBExifThumbnailGetter*>(
-            CQRBThumbFlyWeightFactroy::GetInstance()->GetFlyWeight(kind));
-        ASSERT_NE(exif, nullptr) << kind;
-        EXPECT_EQ(exif->GetExtractMode(), mode);
-        const qrb_picture_thumb_param p = exif->MakeDecoderParam("file:///a.jpg", 320, 240);
-        EXPECT_EQ(p.bModeFlag + p.bDecoderFlag, mode == MEDIA_JPEG_EXTRACT_MODE1 ? 0 : 2) << kind;
-    }
-    for (int kind : {2, 15, 17})
-        EXPECT_EQ(CQRBThumbFlyWeightFactroy::GetInstance()->GetFlyWeight(static_cast<qrb_media_thumbnail_type>(kind)), nullptr) << kind;
 }
 
 }  // namespace

@@ -72,8 +72,9 @@ TEST_F(RequestListTest, RequestsAreKeyedAndDeletedByUrlOrId) {
     EXPECT_EQ(list.Size(), 0);
 }
 
-// Each worker kind takes the first request in arrival order that it may take.
-TEST_F(RequestListTest, EachWorkerKindTakesTheFirstEligibleRequest) {
+// The single variant's workers take the first request they may take, skipping video and
+// recordings unless they want every kind. (The HTTP threads' states: QRBThumbHttpVariantTest.)
+TEST_F(RequestListTest, SingleWorkersSkipVideoAndRecordingsUnlessAllKindsAreWanted) {
     list.Insert(Make("v", 1, THUMB_VIDEO));
     list.Insert(Make("r", 1, THUMB_PVR));
     _stRequestedItem taken;
@@ -83,23 +84,6 @@ TEST_F(RequestListTest, EachWorkerKindTakesTheFirstEligibleRequest) {
     EXPECT_EQ(Key(taken), "p:6");
     ASSERT_TRUE(list.GetForSingle(true, &taken, false));
     EXPECT_EQ(taken.strURL, "v");
-    list.ClearAll();
-
-    list.Insert(Make("busy", 1));
-    list.Insert(Make("waiting", 1));
-    list.Insert(Make("downloaded", 1));
-    list.Insert(Make("wants download", 1));
-    list.ChangeItemState(Make("busy", 1), ITEM_DECODING);
-    list.ChangeItemState(Make("downloaded", 1), ITEM_DOWNLOADED);
-    list.ChangeItemState(Make("wants download", 1), ITEM_WAIT_DOWNLOAD);
-    ASSERT_TRUE(list.GetForHttpDecode(&taken));
-    EXPECT_EQ(Key(taken), "waiting:4");
-    ASSERT_TRUE(list.GetForHttpDecode(&taken));
-    EXPECT_EQ(Key(taken), "downloaded:5");
-    EXPECT_FALSE(list.GetForHttpDecode(&taken));
-    ASSERT_TRUE(list.GetForHttpDownLoad(&taken));
-    EXPECT_EQ(Key(taken), "wants download:2");
-    EXPECT_FALSE(list.GetForHttpDownLoad(&taken));
 }
 
 // An event finds its request by URL and user pointer; a removed request, or a null callback,

@@ -93,36 +93,6 @@ protected:
     int fdsBefore = 0;
 };
 
-TEST_F(StressTest, RandomCancelsFromSeveralThreads) {
-    constexpr int kThreads = 4, kPerThread = 500;
-    std::mutex mutex;
-    std::set<void*> cancelled;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            std::mt19937 rng(1234 + t);
-            for (int i = 0; i < kPerThread; ++i) {
-                const int tag = t * kPerThread + i;
-                const bool cancel = rng() % 8 == 0;
-                if (cancel) {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    cancelled.insert(recorder.Tag(tag));
-                }
-                Post(tag, rng, cancel);
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    // A cancel may come after delivery, so a cancelled request may still have answered once.
-    WaitForAnswers(0, kThreads * kPerThread, cancelled, 120s);
-    auto per = recorder.PerUser();
-    for (int tag = 0; tag < kThreads * kPerThread; ++tag) {
-        void* user = recorder.Tag(tag);
-        const int n = per.count(user) ? per[user] : 0;
-        EXPECT_EQ(n, cancelled.count(user) ? std::min(n, 1) : 1) << "request " << tag;
-    }
-}
-
 TEST_F(StressTest, SameKeyFromSeveralThreadsIsQueuedOnce) {
     // Hold both general workers so that every insert meets the queued original.
     for (int i = 0; i < 2; ++i) {
@@ -152,9 +122,9 @@ TEST_F(StressTest, SameKeyFromSeveralThreadsIsQueuedOnce) {
 }
 
 // Each cycle: three posters and a thread calling cancel-all race the workers, then finalize
-// comes with requests still queued and some being worked on. Requests made after the last
-// cycle are all answered.
-TEST_F(StressTest, CancelAllAndInitFinalizeCyclesUnderLoad) {
+// comes with requests still queued and some being worked on. After the last cycle, requests
+// posted from several threads with random cancels are each answered once unless cancelled.
+TEST_F(StressTest, CancelsAndInitFinalizeCyclesUnderLoad) {
     int tag = 0;
     for (int cycle = 0; cycle < 15; ++cycle) {
         std::atomic<bool> done{false};
@@ -182,11 +152,33 @@ TEST_F(StressTest, CancelAllAndInitFinalizeCyclesUnderLoad) {
         ASSERT_EQ(thumbnail_init(), 0);
         getter = qrbtest::InstallScriptedGetter(THUMB_RESERVED7);
     }
-    std::mt19937 rng(5);
-    for (int i = 0; i < 100; ++i) Post(tag + i, rng);
-    WaitForAnswers(tag, tag + 100, {}, 60s);
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(recorder.PerUser()[recorder.Tag(tag + i)], 1) << i;
-    for (const auto& entry : recorder.PerUser()) EXPECT_LE(entry.second, 1);
+    // Then four threads post with random cancels; a cancel may come after delivery, so a
+    // cancelled request may still have answered once.
+    std::mutex mutex;
+    std::set<void*> cancelled;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 rng(1234 + t);
+            for (int i = 0; i < 250; ++i) {
+                const bool cancel = rng() % 8 == 0;
+                if (cancel) {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    cancelled.insert(recorder.Tag(tag + t * 250 + i));
+                }
+                Post(tag + t * 250 + i, rng, cancel);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    WaitForAnswers(tag, tag + 1000, cancelled, 120s);
+    auto per = recorder.PerUser();
+    for (int i = tag; i < tag + 1000; ++i) {
+        void* user = recorder.Tag(i);
+        const int n = per.count(user) ? per[user] : 0;
+        EXPECT_EQ(n, cancelled.count(user) ? std::min(n, 1) : 1) << "request " << i;
+    }
+    for (const auto& entry : per) EXPECT_LE(entry.second, 1);
 }
 
 }  // namespace
