@@ -1,5 +1,4 @@
-// The music getter on songs the tests assemble, then through the C interface (media type music
-// on local storage is kind 1, on a serial device kind 14).
+// The music getter on songs the tests assemble, through the C interface and directly.
 #include "qrb_id3_thumbnail_getter.h"
 
 #include "id3-extractor/qrb_music_test_support.h"
@@ -62,26 +61,32 @@ protected:
     CQRBID3ThumbnailGetter getter;
 };
 
-// Centre-cropped from the raster that covers the box (0 x 0: uncropped), through a temporary
-// file named after the process id (padded to five digits on the ID3 path only) and removed.
+// Through the C interface (a local song is kind 1 on the multi variant, one on a serial device
+// kind 14 on the single variant): centre-cropped from the raster that covers the box (0 x 0:
+// uncropped), through a temporary file named after the process id (padded to five digits on the
+// ID3 path only) and removed.
 TEST_F(MusicGetterTest, CoversAreDecodedAndCentreCropped) {
+    ASSERT_EQ(thumbnail_init(), 0);
+    qrbtest::CallbackRecorder recorder;
     const struct {
         const char* name;
         std::string bytes;
+        qrb_extend_dev_type dev;
         int w, h, outW, outH;
         const char* quadrants;
         bool id3;
     } cases[] = {
-        {"song.mp3", Mp3WithApic(QuadrantJpeg()), 50, 50, 50, 50, "RGWB", true},
-        {"own.mp3", Mp3WithApic(QuadrantJpeg()), 0, 0, 200, 100, "RGWB", true},
-        {"song.wma", WmaWithHalves(), 4, 4, 4, 4, "RGGR", false},  // columns 2 to 5 of 8
+        {"song.mp3", Mp3WithApic(QuadrantJpeg()), DEV_TYPE_LOCAL, 50, 50, 50, 50, "RGWB", true},
+        {"own.mp3", Mp3WithApic(QuadrantJpeg()), DEV_TYPE_SERIAL_FIRST, 0, 0, 200, 100, "RGWB", true},
+        {"song.wma", WmaWithHalves(), DEV_TYPE_LOCAL, 4, 4, 4, 4, "RGGR", false},  // columns 2 to 5 of 8
     };
     for (const auto& c : cases) {
         log.Clear();
-        const qrbtest::Raster a = qrbtest::RasterOf(Extract("file://" + root.WriteFile(c.name, c.bytes), c.w, c.h));
-        ASSERT_EQ(a.width, c.outW) << c.name;
-        ASSERT_EQ(a.height, c.outH) << c.name;
-        EXPECT_EQ(qrbtest::Quadrants(a), c.quadrants) << c.name;
+        const auto r = recorder.Request(root.WriteFile("music/" + std::string(c.name), c.bytes), MEDIA_TYPE_MUSIC,
+                                        c.dev, c.w, c.h);
+        ASSERT_EQ(r.width, c.outW) << c.name;
+        ASSERT_EQ(r.height, c.outH) << c.name;
+        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.outW, c.outH)), c.quadrants) << c.name;
         EXPECT_EQ(log.Contains("cropStartX="), c.w != 0) << c.name;
         const std::string name = c.id3 ? CQRBID3ThumbnailGetter::m_ID3TempName(getpid(), 0)
                                        : CQRBID3ThumbnailGetter::m_WMATempName(getpid(), 0);
@@ -90,6 +95,7 @@ TEST_F(MusicGetterTest, CoversAreDecodedAndCentreCropped) {
             << c.name;
         EXPECT_EQ(root.CountEntries(kDataDir), 0) << c.name;
     }
+    thumbnail_finalize();
     EXPECT_EQ(CQRBID3ThumbnailGetter::m_ID3TempName(123, 7),
               root.Resolve(kDataDir) + "mus0012300007.jpg");
     EXPECT_EQ(CQRBID3ThumbnailGetter::m_WMATempName(123, 7),
@@ -121,21 +127,6 @@ TEST_F(MusicGetterTest, OnlyUsableCoversWithinTheLimitGiveAnItem) {
     EXPECT_TRUE(log.Contains("picture of 524288 bytes is over the limit of 524287"));
     EXPECT_EQ(log.Count("Writing the data to flash"), 2) << "only the limit and the bad picture";
     EXPECT_EQ(root.CountEntries(kDataDir), 0);
-}
-
-// A local song is kind 1 on the multi variant; one on a serial device is kind 14 on the
-// one-at-a-time single variant, whose workers hand it to this getter.
-TEST(MusicServiceTest, SongsGetTheirCoversThroughTheCInterface) {
-    qrbtest::ScratchRoot root;
-    qrbtest::CallbackRecorder recorder;
-    ASSERT_EQ(thumbnail_init(), 0);
-    const auto local = recorder.Request(root.WriteFile("music/song.mp3", Mp3WithApic(QuadrantJpeg())),
-                                        MEDIA_TYPE_MUSIC, DEV_TYPE_LOCAL, 50, 50);
-    EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(local.buffers[0], 50, 50)), "RGWB");
-    const auto serial = recorder.Request(root.WriteFile("music/song.wma", WmaWithHalves()),
-                                         MEDIA_TYPE_MUSIC, DEV_TYPE_SERIAL_FIRST, 4, 4);
-    EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(serial.buffers[0], 4, 4)), "RGGR");
-    thumbnail_finalize();
 }
 
 }  // namespace
