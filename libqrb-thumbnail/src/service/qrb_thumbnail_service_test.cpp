@@ -96,9 +96,12 @@ protected:
     qrbtest::ScriptedGetter* getter = nullptr;
 };
 
-// Start wipes the video files of an earlier run and keeps the rest of the data folder.
-TEST_F(ServiceTest, InitStartsEveryVariantAndWipesTheVideoFolder) {
+// Finalize ends every thread; start wipes the video files of an earlier run, keeps the rest of
+// the data folder, and serves again.
+TEST_F(ServiceTest, FinalizeEndsEveryThreadAndInitWipesVideoFilesAndServesAgain) {
+    const int threadsBefore = qrbtest::ThreadCount();
     thumbnail_finalize();
+    EXPECT_EQ(qrbtest::ThreadCount(), threadsBefore - 8) << "two multi, four video, two HTTP threads";
     root.WriteFile("opt/usr/apps/orvale/data/video/sub/old.mta", "old");
     root.WriteFile("opt/usr/apps/orvale/data/keep.txt", "kept");
     ASSERT_EQ(thumbnail_init(), 0);
@@ -108,6 +111,9 @@ TEST_F(ServiceTest, InitStartsEveryVariantAndWipesTheVideoFolder) {
     EXPECT_EQ(root.CountEntries("/opt/usr/apps/orvale/data/"), 1);
     EXPECT_EQ(thumbnail_init(), 0);
     EXPECT_EQ(CQRBThumbnail::GetInstance(), service) << "a second init is the same service";
+    Scripted("i/ok:1x1", 1);
+    ASSERT_TRUE(recorder.WaitForCount(1, 5s));
+    EXPECT_EQ(recorder.Results()[0].status, 0);
 }
 
 // A getter that throws, and a request for more than five images, each get exactly one answer;
@@ -199,17 +205,6 @@ TEST_F(ServiceTest, StoppingPtpDecodingEmptiesTheSingleQueueSilently) {
     std::this_thread::sleep_for(300ms);
     EXPECT_LE(recorder.Count(), before + 4);
     for (const auto& r : recorder.Results()) EXPECT_EQ(r.status, -1);
-}
-
-TEST_F(ServiceTest, FinalizeEndsEveryThreadAndInitAgainServes) {
-    const int threadsBefore = qrbtest::ThreadCount();
-    thumbnail_finalize();
-    EXPECT_EQ(qrbtest::ThreadCount(), threadsBefore - 8) << "two multi, four video, two HTTP threads";
-    ASSERT_EQ(thumbnail_init(), 0);
-    service = CQRBThumbnail::GetInstance();
-    Scripted("i/ok:1x1", 1);
-    ASSERT_TRUE(recorder.WaitForCount(1, 5s));
-    EXPECT_EQ(recorder.Results()[0].status, 0);
 }
 
 // Messages carry the module tag and the fixed prefix; a callback compiled as C is accepted.
