@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke fuzz-long install clean format
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke fuzz-long soak install clean format
 
 all: build
 
@@ -62,6 +62,16 @@ FUZZ_SECONDS ?= 600
 fuzz-long: deps build-fuzz/CMakeCache.txt
 	cmake --build build-fuzz -j $(JOBS)
 	fuzz/long.sh build-fuzz $(FUZZ_SECONDS)
+
+# Not in CI (the test suite runs it for half a minute): the soak for SOAK_SECONDS (default ten
+# minutes) under AddressSanitizer, then under ThreadSanitizer.
+SOAK_SECONDS ?= 600
+soak: deps build-asan/CMakeCache.txt build-tsan/CMakeCache.txt
+	cmake --build build-asan -j $(JOBS) --target qrb-soak
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  reliability/soak.sh build-asan $(SOAK_SECONDS)
+	cmake --build build-tsan -j $(JOBS) --target qrb-soak
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 reliability/soak.sh build-tsan $(SOAK_SECONDS)
 
 install: build
 	cmake --install build --prefix $(PREFIX)
