@@ -548,7 +548,7 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
 
         Answer answer = m_Answer(request, &sessionOpen);
         if (answer.hasData &&
-            !m_SendData(fd, request.transaction, answer.data, answer.hangUp, connection)) {
+            !m_SendData(fd, request.transaction, answer, connection)) {
             return;
         }
         std::string response;
@@ -559,13 +559,14 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
     }
 }
 
-bool PtpipResponder::m_SendData(int fd, uint32_t transaction, const std::string& data, bool hangUp,
+bool PtpipResponder::m_SendData(int fd, uint32_t transaction, const Answer& answer,
                                 uint32_t connection) {
+    const std::string& data = answer.data;
     std::string start;
     Put32(start, transaction);
-    Put64(start, data.size());
+    Put64(start, answer.declared != 0 ? answer.declared : data.size());
     if (!SendPacket(fd, kStartData, start)) return false;
-    if (hangUp) {
+    if (answer.hangUp) {
         std::string half;
         Put32(half, transaction);
         half.append(data, 0, data.size() / 2);
@@ -759,6 +760,10 @@ PtpipResponder::Answer PtpipResponder::m_Answer(const Request& request, bool* se
                     "\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x10\0\0\0\x10\x08\x06\0\0\0", 29);
             } else if (o->fault == ThumbFault::kBrokenJpeg) {
                 answer.data = std::string("\xFF\xD8\xFF\xE0", 4) + std::string(200, '\x5A');
+            } else if (o->fault == ThumbFault::kLengthOver || o->fault == ThumbFault::kLengthUnder) {
+                answer.data = o->thumb;
+                answer.declared = o->fault == ThumbFault::kLengthOver ? 0xFFFFFFF0u
+                                                                     : o->thumb.size() / 2;
             } else if (o->fault == ThumbFault::kMissing || o->thumb.empty()) {
                 answer.code = kNoThumbnailPresent;
                 break;

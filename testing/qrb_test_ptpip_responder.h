@@ -39,7 +39,9 @@ public:
         kMissing,    // object info names no thumbnail; GetThumb answers NoThumbnailPresent
         kEmpty,      // object info announces a thumbnail; GetThumb sends zero bytes
         kNotJpeg,    // GetThumb sends PNG bytes
-        kBrokenJpeg  // GetThumb sends a JPEG start marker followed by noise
+        kBrokenJpeg,  // GetThumb sends a JPEG start marker followed by noise
+        kLengthOver,  // GetThumb's data phase declares nearly 4 GiB and sends the thumbnail
+        kLengthUnder  // GetThumb's data phase declares half the thumbnail and sends all of it
     };
 
     PtpipResponder();
@@ -102,6 +104,7 @@ private:
         bool hasData = false;
         std::string data;
         bool hangUp = false;  // the data phase stops halfway and the client is cut off
+        uint64_t declared = 0;  // the length the data phase announces (0: the data's own)
     };
 
     void m_AcceptLoop();
@@ -109,7 +112,7 @@ private:
     void m_ServeCommands(int fd, uint32_t connection);
     void m_ServeEvents(int fd, uint32_t connection);
     Answer m_Answer(const Request& request, bool* sessionOpen);
-    bool m_SendData(int fd, uint32_t transaction, const std::string& data, bool hangUp,
+    bool m_SendData(int fd, uint32_t transaction, const Answer& answer,
                     uint32_t connection);
     void m_CutOff(uint32_t connection);
     bool m_WaitDelay();

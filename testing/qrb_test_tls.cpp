@@ -34,15 +34,18 @@ void AddExtension(X509* cert, X509* issuer, int nid, const char* value) {
     Check(X509_add_ext(cert, ext.get(), -1) == 1, "X509_add_ext");
 }
 
-// A certificate for key, named commonName, without extensions or signature yet.
-ScopedX509 MakeCertificate(EVP_PKEY* key, const std::string& commonName) {
+// A certificate for key, named commonName, without extensions or signature yet, valid from an
+// hour ago for a day (or, expired, from two days ago until yesterday).
+ScopedX509 MakeCertificate(EVP_PKEY* key, const std::string& commonName, bool expired = false) {
     static std::atomic<long> serial{1};
     ScopedX509 cert(X509_new());
     Check(cert != nullptr, "X509_new");
     Check(X509_set_version(cert.get(), 2) == 1, "X509_set_version");
     Check(ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial++) == 1, "serial");
-    Check(X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr, "notBefore");
-    Check(X509_gmtime_adj(X509_getm_notAfter(cert.get()), 86400) != nullptr, "notAfter");
+    Check(X509_gmtime_adj(X509_getm_notBefore(cert.get()), expired ? -2 * 86400 : -3600) != nullptr,
+          "notBefore");
+    Check(X509_gmtime_adj(X509_getm_notAfter(cert.get()), expired ? -86400 : 86400) != nullptr,
+          "notAfter");
     Check(X509_set_pubkey(cert.get(), key) == 1, "X509_set_pubkey");
     X509_NAME* name = X509_get_subject_name(cert.get());
     Check(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
@@ -75,10 +78,11 @@ std::string TestCertificateAuthority::CertificatePem() const {
     return std::string(mem->data, mem->length);
 }
 
-TestServerIdentity TestCertificateAuthority::Issue(const std::string& subjectAltNames) const {
+TestServerIdentity TestCertificateAuthority::Issue(const std::string& subjectAltNames,
+                                                  bool expired) const {
     TestServerIdentity identity;
     identity.key = MakeKey();
-    identity.cert = MakeCertificate(identity.key.get(), "qrb test server");
+    identity.cert = MakeCertificate(identity.key.get(), "qrb test server", expired);
     X509* cert = identity.cert.get();
     Check(X509_set_issuer_name(cert, X509_get_subject_name(m_Cert.get())) == 1, "issuer");
     AddExtension(cert, m_Cert.get(), NID_basic_constraints, "critical,CA:FALSE");

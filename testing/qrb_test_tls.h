@@ -29,8 +29,8 @@ public:
 
     std::string CertificatePem() const;
     // A server identity signed by this authority; subjectAltNames in OpenSSL's form, e.g.
-    // "IP:127.0.0.1,DNS:localhost".
-    TestServerIdentity Issue(const std::string& subjectAltNames) const;
+    // "IP:127.0.0.1,DNS:localhost". An expired one ran out yesterday.
+    TestServerIdentity Issue(const std::string& subjectAltNames, bool expired = false) const;
 
 private:
     ScopedX509 m_Cert;

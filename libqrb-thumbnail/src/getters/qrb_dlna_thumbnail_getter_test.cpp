@@ -34,6 +34,16 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
             res.set_content(body, "text/xml");
         });
     }
+    // A media server that misbehaves: a side file that never ends, a redirect to itself.
+    server.Http().Get("/endless.mta", [](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/xml", [](size_t, httplib::DataSink& sink) {
+            const std::string chunk(1 << 16, '<');
+            return sink.write(chunk.data(), chunk.size());
+        });
+    });
+    server.Http().Get("/loop.mta", [](const httplib::Request&, httplib::Response& res) {
+        res.set_redirect("/loop.mta");
+    });
     ASSERT_TRUE(server.Start());
     mkdir(root.Resolve("/dlna").c_str(), 0700);
     ASSERT_EQ(thumbnail_init(), 0);
@@ -59,6 +69,8 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
         {uri("four.mta"), "decode dlnamta file fail"},
         {uri("six.mta"), "decode dlnamta file fail"},
         {uri("missing.mta"), "download dlnamta file fail"},
+        {uri("endless.mta"), "download dlnamta file fail"},
+        {uri("loop.mta"), "download dlnamta file fail"},
         {uri("five.mta", false), "Exception caught"}};
     for (const auto& [u, message] : failing) {
         log.Clear();
@@ -66,7 +78,8 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
         EXPECT_TRUE(log.Contains(message)) << u;
     }
     thumbnail_finalize();
-    EXPECT_EQ(recorder.Count(), 5u) << "exactly one callback each";
+    EXPECT_EQ(recorder.Count(), 7u) << "exactly one callback each";
+    EXPECT_EQ(root.CountEntries("/dlna"), 3) << "the side files that came whole, nothing more";
 }
 
 }  // namespace

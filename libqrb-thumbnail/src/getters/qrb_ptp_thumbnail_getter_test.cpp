@@ -125,6 +125,8 @@ TEST_F(PtpGetterTest, EveryFailureEndsInOneCallbackAndLeavesNothingBehind) {
         {"not ptp", [] {}, "file:///tmp/a.jpg"},
         {"broken JPEG", [&] { camera.SetThumbFault(upright, ThumbFault::kBrokenJpeg); }, good},
         {"slow", [&] { camera.SetResponseDelay(10min); }, good},
+        {"length over", [&] { camera.SetThumbFault(upright, ThumbFault::kLengthOver); }, good},
+        {"length under", [&] { camera.SetThumbFault(upright, ThumbFault::kLengthUnder); }, good},
     };
     for (const auto& c : cases) {
         c.arrange();

@@ -15,6 +15,7 @@
 #include "qrb_test_tls.h"
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -39,6 +40,31 @@ using qrbtest::RecordedResult;
 constexpr std::chrono::seconds kWait(15);
 
 // /bytes/<n>: n pattern bytes, written in 16 KiB chunks.
+// 256 MiB of zeros, gzip-compressed (about 250 KiB).
+const std::string& GzipBomb() {
+    static const std::string bomb = [] {
+        z_stream z{};
+        deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
+        const std::string zeros(1 << 20, '\0');
+        std::string out;
+        char buffer[1 << 16];
+        for (int i = 0; i < 256; ++i) {
+            z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(zeros.data()));
+            z.avail_in = static_cast<uInt>(zeros.size());
+            const int flush = i == 255 ? Z_FINISH : Z_NO_FLUSH;
+            do {
+                z.next_out = reinterpret_cast<Bytef*>(buffer);
+                z.avail_out = sizeof(buffer);
+                deflate(&z, flush);
+                out.append(buffer, sizeof(buffer) - z.avail_out);
+            } while (z.avail_out == 0);
+        }
+        deflateEnd(&z);
+        return out;
+    }();
+    return bomb;
+}
+
 void ServeBytes(LoopbackHttpServer& server) {
     server.Http().Get(R"(/bytes/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
         res.set_content_provider(std::stoul(req.matches[1]), "application/octet-stream",
@@ -95,6 +121,20 @@ protected:
             res.status = 404;
             res.set_content("no such picture", "text/plain");
         });
+        // Peers that redirect (to themselves, to other schemes) or send a compressed body
+        // unasked: nothing is followed or inflated.
+        for (const auto& [path, to] : {std::pair{"/loop", "/loop"},
+                                       std::pair{"/to-file", "file:///etc/hostname"},
+                                       std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
+            m_Server.Http().Get(path, [to = std::string(to)](const httplib::Request&,
+                                                             httplib::Response& res) {
+                res.set_redirect(to);
+            });
+        }
+        m_Server.Http().Get("/bomb.jpg", [](const httplib::Request&, httplib::Response& res) {
+            res.set_header("Content-Encoding", "gzip");
+            res.set_content(GzipBomb(), "image/jpeg");
+        });
         m_Server.Http().Get("/pic.jpg", [this](const httplib::Request&, httplib::Response& res) {
             ++m_PictureHits;
             res.set_content(qrbtest::GradientJpeg(80, 60), "image/jpeg");
@@ -141,8 +181,9 @@ protected:
     LoopbackHttpServer m_Server;
 };
 
-// Bodies up to 5 MiB come whole (as given: a 404 page is a body like any other); a larger one is
-// cut at the cap and fails, as does a refused connection, once.
+// Bodies up to 5 MiB come whole (as given: a 404 page or a redirect is a body like any other,
+// a compressed body comes as sent); a larger one is cut at the cap and fails, as does a refused
+// connection, once. Redirects are not followed, to other schemes least of all.
 TEST_F(QRBThumbHttpVariantTest, BufferRequestsGetTheBodyBytesUpToFiveMiB) {
     const std::string refused =
         "http://127.0.0.1:" + std::to_string(qrbtest::UnusedLoopbackPort()) + "/pic.jpg";
@@ -154,18 +195,26 @@ TEST_F(QRBThumbHttpVariantTest, BufferRequestsGetTheBodyBytesUpToFiveMiB) {
                  {Url("/bytes/5242880"), 0, PatternBytes(0, 5242880)},  // exactly 5 MiB
                  {Url("/bytes/6291456"), -1, ""},                       // 6 MiB
                  {Url("/missing"), 0, "no such picture"},
-                 {refused, -1, ""}};
-    for (int i = 0; i < 5; ++i) RequestBuffer(cases[i].url, i);
-    RequestThumb(refused, 5);
-    ASSERT_TRUE(m_Recorder.WaitForCount(6, kWait));
+                 {refused, -1, ""},
+                 {Url("/loop"), 0, ""},
+                 {Url("/to-file"), 0, ""},
+                 {Url("/to-ftp"), 0, ""},
+                 {Url("/bomb.jpg"), 0, GzipBomb()}};
+    constexpr int kCases = sizeof(cases) / sizeof(cases[0]);
+    for (int i = 0; i < kCases; ++i) RequestBuffer(cases[i].url, i);
+    // As thumbnails, none of them is a picture.
+    const char* notPictures[] = {"/loop", "/to-file", "/bomb.jpg"};
+    for (int i = 0; i < 3; ++i) RequestThumb(Url(notPictures[i]), 20 + i);
+    RequestThumb(refused, 19);
+    ASSERT_TRUE(m_Recorder.WaitForCount(kCases + 4, kWait));
     thumbnail_finalize();
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < kCases; ++i) {
         const RecordedResult r = One(i);
         EXPECT_EQ(r.status, cases[i].status) << cases[i].url;
         EXPECT_EQ(r.bBuffer, cases[i].status == 0 ? 1 : 0) << cases[i].url;
         EXPECT_TRUE(r.buffers[0] == cases[i].body) << cases[i].url;
     }
-    EXPECT_EQ(One(5).status, -1);
+    for (int i = 19; i < 23; ++i) EXPECT_EQ(One(i).status, -1) << "thumbnail " << i;
     EXPECT_TRUE(m_Log.Contains("*********DownloadFileLenth 70001**********"));
 }
 
@@ -217,14 +266,15 @@ TEST_F(QRBThumbHttpVariantTest, TimeoutsEndHangingPeersWithOneFailureEach) {
 }
 
 // HTTPS is verified against the CA bundle under the root; a plain URL that merely mentions
-// https is verified too, which for plain HTTP verifies nothing.
+// https is verified too, which for plain HTTP verifies nothing. An expired certificate fails.
 TEST_F(QRBThumbHttpVariantTest, HttpsNeedsTheIssuingCaAndTheRightHost) {
     qrbtest::TestCertificateAuthority ca("right CA");
     qrbtest::TestCertificateAuthority other("other CA");
     LoopbackHttpServer good(ca.Issue("IP:127.0.0.1,DNS:localhost"));
     LoopbackHttpServer misnamed(ca.Issue("DNS:elsewhere.invalid"));
+    LoopbackHttpServer expired(ca.Issue("IP:127.0.0.1,DNS:localhost", true));
     Url("/");
-    for (LoopbackHttpServer* server : {&good, &misnamed}) {
+    for (LoopbackHttpServer* server : {&good, &misnamed, &expired}) {
         ServeBytes(*server);
         ASSERT_TRUE(server->Start());
     }
@@ -232,9 +282,9 @@ TEST_F(QRBThumbHttpVariantTest, HttpsNeedsTheIssuingCaAndTheRightHost) {
         LoopbackHttpServer* server;
         const qrbtest::TestCertificateAuthority* bundle;  // null: none
         int status;
-    } cases[] = {{&good, &other, -1}, {&good, nullptr, -1}, {&misnamed, &ca, -1},
-                 {&good, &ca, 0},     {&m_Server, nullptr, 0}};
-    for (int i = 0; i < 5; ++i) {
+    } cases[] = {{&good, &other, -1},    {&good, nullptr, -1}, {&misnamed, &ca, -1},
+                 {&expired, &ca, -1}, {&good, &ca, 0},      {&m_Server, nullptr, 0}};
+    for (int i = 0; i < 6; ++i) {
         std::remove(m_Root.Resolve("/opt/down/cert/ca.pem").c_str());
         if (cases[i].bundle) m_Root.WriteFile("opt/down/cert/ca.pem", cases[i].bundle->CertificatePem());
         RequestBuffer(cases[i].server->Url("/bytes/" + std::to_string(10 + i) + "?next=https://x.invalid/"), i);
