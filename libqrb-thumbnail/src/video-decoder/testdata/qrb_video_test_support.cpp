@@ -9,8 +9,6 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -29,18 +27,6 @@ void InstallMediaPlugins(const ScratchRoot& root) {
                   fs::copy_options::overwrite_existing);
     fs::copy_file(QRB_MEDIA_PLUGIN_SCALER, dir / "libgstffmpegscale.so",
                   fs::copy_options::overwrite_existing);
-}
-
-std::string ReadWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error("cannot read " + path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void WriteWholeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("cannot write " + path);
 }
 
 MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1) {
@@ -63,8 +49,6 @@ MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, in
     }
     return mean;
 }
-
-double FadeMomentMs(double grey, double durationMs) { return grey / 255.0 * durationMs; }
 
 namespace {
 
@@ -217,32 +201,6 @@ int DolbyVisionProfile(const std::string& path) {
                                                   AV_PKT_DATA_DOVI_CONF, &size);
     if (data == nullptr || size < sizeof(AVDOVIDecoderConfigurationRecord)) return -1;
     return reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(data)->dv_profile;
-}
-
-std::string ZeroMp4Durations(std::string bytes) {
-    // Box layouts: mvhd and mdhd carry (version, flags, creation, modification, timescale,
-    // duration), tkhd (version, flags, creation, modification, track id, reserved, duration);
-    // version 1 widens the times and the duration to 64 bits.
-    struct Box {
-        const char* type;
-        size_t v0;
-        size_t v1;
-    };
-    const Box boxes[] = {{"mvhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
-                         {"mdhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
-                         {"tkhd", 4 + 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4 + 4}};
-    for (const Box& box : boxes) {
-        for (size_t at = bytes.find(box.type); at != std::string::npos;
-             at = bytes.find(box.type, at + 4)) {
-            const bool wide = bytes[at + 4] == 1;
-            const size_t offset = at + (wide ? box.v1 : box.v0);
-            const size_t width = wide ? 8 : 4;
-            if (offset + width > bytes.size()) throw std::runtime_error("short box");
-            std::fill(bytes.begin() + static_cast<long>(offset),
-                      bytes.begin() + static_cast<long>(offset + width), '\0');
-        }
-    }
-    return bytes;
 }
 
 }  // namespace qrbtest
