@@ -314,6 +314,7 @@ TEST_F(VideoGrabberTest, VideoUrlIsSplitIntoMediaIdAndPath) {
     EXPECT_TRUE(log.Contains("szURI:/media/plain.mp4."));
     EXPECT_TRUE(log.Contains("szURI:a;b;/media/x.mp4."));
     EXPECT_TRUE(log.Contains("open " + root.Resolve(kVideoDir) + "id.mta fail"));
+    EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "a failed request keeps no MTA file";
     EXPECT_TRUE(log.Contains("media id [../escape] is not a file name"));
     EXPECT_FALSE(log.Contains("parse mta success"));
 }
