@@ -101,37 +101,6 @@ protected:
     CallbackRecorder rec;
 };
 
-TEST_F(VideoGrabberTest, FramesComeFromEvenlySpacedPositionsInEveryCodecAndContainer) {
-    const struct {
-        const char* name;
-        int width, height, frames;
-        double keySpacingMs;
-    } clips[] = {
-        {"fade_h264_320x240_3s.mp4", 320, 240, 5, 200},
-        {"fade_hevc_320x240_3s.mkv", 320, 240, 1, 200},
-        {"fade_mpeg2_320x240_3s.ts", 320, 240, 3, 200},
-        {"fade_mpeg4_320x240_3s.avi", 320, 240, 5, 200},
-        {"fade_h264_640x360_3s_bframes.ts", 640, 360, 5, 400},  // B-frames
-    };
-    const int n = static_cast<int>(std::size(clips));
-    for (int i = 0; i < n; ++i) {
-        RequestVideo(VideoFixture(clips[i].name), i, clips[i].frames, clips[i].width / 2,
-                     clips[i].height / 2);
-    }
-    auto results = WaitForResults(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i) {
-        SCOPED_TRACE(clips[i].name);
-        const RecordedResult& r = results[rec.Tag(i)];
-        ASSERT_EQ(r.status, 0);
-        EXPECT_EQ(r.width, clips[i].width / 2);
-        EXPECT_EQ(r.height, clips[i].height / 2);
-        EXPECT_EQ(r.sizes.at(0), clips[i].width / 2 * clips[i].height / 2 * 4);
-        ExpectFramesFromPositions(r, VideoFixture(clips[i].name), clips[i].frames,
-                                  clips[i].keySpacingMs);
-    }
-    EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "no media id, so no MTA file";
-}
-
 // 1920 x 1080 with a red bar over its left 192 columns: a square is cut from the middle of the
 // frame scaled to cover it (320 x 180), so the bar is cut away; a size whose cover would pass the
 // limit (8193 x 4608) is refused before anything is allocated.
@@ -471,31 +440,41 @@ INSTANTIATE_TEST_SUITE_P(Broadcast, VideoInterlaceTest,
                          ::testing::Values("moving_bar_h264_720x576i.ts",
                                            "moving_bar_mpeg2_720x576i.ts"));
 
-// Streams whose key frame at or before a position cannot be reached or decoded there (one key
-// frame, an open GOP), and streams that state no duration, still give all five frames, each the
-// picture of its moment near its position.
-struct NeverEmptyCase {
+// Frames come from evenly spaced positions in every codec and container, each the picture of its
+// moment. Streams whose key frame at or before a position cannot be reached or decoded there (one
+// key frame, an open GOP), and streams that state no duration, still give every frame asked.
+struct PositionCase {
     const char* file;
+    int frames;
     double keySpacingMs;
     double durationMs;  // the real one, for a stream that does not state it
     bool distinct;      // false where two positions may share a far key frame
 };
-void PrintTo(const NeverEmptyCase& c, std::ostream* os) { *os << c.file; }
-class VideoNeverEmptyTest : public VideoShownTest<NeverEmptyCase> {};
+void PrintTo(const PositionCase& c, std::ostream* os) { *os << c.file; }
+class VideoPositionTest : public VideoShownTest<PositionCase> {};
 
-TEST_P(VideoNeverEmptyTest, EveryPositionGivesThePictureOfItsMoment) {
-    const NeverEmptyCase& c = GetParam();
-    const RecordedResult r = Grab(VideoFixture(c.file), 5, 64, 48);
+TEST_P(VideoPositionTest, EveryPositionGivesThePictureOfItsMoment) {
+    const PositionCase& c = GetParam();
+    const RecordedResult r = Grab(VideoFixture(c.file), c.frames, 64, 48);
     ASSERT_EQ(r.status, 0);
-    ExpectFramesFromPositions(r, VideoFixture(c.file), 5, c.keySpacingMs, c.durationMs,
+    EXPECT_EQ(r.width, 64);
+    EXPECT_EQ(r.height, 48);
+    EXPECT_EQ(r.sizes.at(0), 64 * 48 * 4);
+    ExpectFramesFromPositions(r, VideoFixture(c.file), c.frames, c.keySpacingMs, c.durationMs,
                               c.distinct);
+    EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "no media id, so no MTA file";
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    FallBacks, VideoNeverEmptyTest,
-    ::testing::Values(NeverEmptyCase{"fade_h264_320x240_3s_one_key.ts", 40, 0, true},
-                      NeverEmptyCase{"fade_hevc_320x240_6s_open_gop.ts", 2000, 0, false},
-                      NeverEmptyCase{"fade_h264_320x240_3s_no_duration.mkv", 400, 3000, true},
-                      NeverEmptyCase{"fade_h264_320x240_3s.h264", 200, 3000, true}));
+    CodecsAndFallBacks, VideoPositionTest,
+    ::testing::Values(PositionCase{"fade_h264_320x240_3s.mp4", 5, 200, 0, true},
+                      PositionCase{"fade_hevc_320x240_3s.mkv", 1, 200, 0, true},
+                      PositionCase{"fade_mpeg2_320x240_3s.ts", 3, 200, 0, true},
+                      PositionCase{"fade_mpeg4_320x240_3s.avi", 5, 200, 0, true},
+                      PositionCase{"fade_h264_640x360_3s_bframes.ts", 5, 400, 0, true},
+                      PositionCase{"fade_h264_320x240_3s_one_key.ts", 5, 40, 0, true},
+                      PositionCase{"fade_hevc_320x240_6s_open_gop.ts", 5, 2000, 0, false},
+                      PositionCase{"fade_h264_320x240_3s_no_duration.mkv", 5, 400, 3000, true},
+                      PositionCase{"fade_h264_320x240_3s.h264", 5, 200, 3000, true}));
 
 }  // namespace
