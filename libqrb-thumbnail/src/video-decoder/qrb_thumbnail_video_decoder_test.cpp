@@ -1,8 +1,8 @@
 // One video decoder at a time, outside the C interface: the binding of the media decoding table
-// against real shared libraries, the worker over a list and cache of the test's own, the frame
-// callback, and the video MTA file against hostile files. What the worker answers through the C
-// interface is tested with real videos in qrb_video_grabber_test.cpp; the temporary file and
-// rename under every MTA write, with common/util's tests.
+// against real shared libraries, the worker over a list and cache of the test's own, and the
+// video MTA file against hostile files. What the worker answers through the C interface is
+// tested with real videos in qrb_video_grabber_test.cpp; the centre crop of each frame, with the
+// image's tests; the temporary file and rename under every MTA write, with common/util's tests.
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
 #include "video-decoder/qrb_thumbnail_video_decoder.h"
 #include "video-decoder/testdata/qrb_video_mta_bytes.h"
@@ -241,51 +241,6 @@ TEST_F(VideoWorkerTest, DestroyEndsTheThread) {
     decoder.Destroy();
     EXPECT_EQ(qrbtest::ThreadCount(), running - 1);
     decoder.Destroy();  // a second time does nothing
-}
-
-// ---------------------------------------------------------------------------------------------
-// The frame callback: the centre of a frame that covers the request, or the whole frame.
-
-unsigned char* Numbered(int w, int h) {  // each pixel holds (x, y, 0, 255)
-    auto* buffer = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(w) * h * 4));
-    for (int i = 0; i < w * h; ++i) {
-        unsigned char* p = buffer + static_cast<size_t>(i) * 4;
-        p[0] = static_cast<unsigned char>(i % w);
-        p[1] = static_cast<unsigned char>(i / w);
-        p[2] = 0;
-        p[3] = 255;
-    }
-    return buffer;
-}
-
-TEST(VideoFrameCallbackTest, CropsTheCentreOfAFrameThatCoversTheRequest) {
-    const struct {
-        int frameW, frameH, askW, askH, keptW, keptH, x, y;
-    } cases[] = {
-        {200, 112, 200, 100, 200, 100, 0, 6},  // 1920 x 1080 asked as 200 x 100
-        {15, 9, 10, 4, 10, 4, 2, 2},           // integer halves
-        {120, 60, 0, 0, 120, 60, 0, 0},        // no size asked
-        {120, 60, 400, 50, 120, 60, 0, 0},     // not covered: kept whole
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.askW) + "x" + std::to_string(c.askH));
-        _stRequestedItem request;
-        request.RID = 31;
-        request.width = c.askW;
-        request.height = c.askH;
-        boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
-        ASSERT_TRUE(CQRBThumbnailVideoDecoder::Video_Complete_Cb(
-            request, Numbered(c.frameW, c.frameH), nullptr, 4004000, c.frameW, c.frameH, nullptr,
-            item));
-        const auto& image = item->GetImages().at(0);
-        EXPECT_EQ(image->GetWidth(), c.keptW);
-        EXPECT_EQ(image->GetHeight(), c.keptH);
-        EXPECT_EQ(image->GetTimeStamp(), 4004000);
-        EXPECT_EQ(image->GetBuffer()[0], c.x);
-        EXPECT_EQ(image->GetBuffer()[1], c.y);
-        EXPECT_EQ(item->GetSize(), c.keptW * c.keptH * 4);
-        EXPECT_EQ(item->GetRID(), 31);
-    }
 }
 
 // ---------------------------------------------------------------------------------------------
