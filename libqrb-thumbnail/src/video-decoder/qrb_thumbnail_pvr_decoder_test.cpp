@@ -225,7 +225,8 @@ TEST(PvrThroughInterfaceTest, RecordingRequestsAreServedFromTheRecordersKeyFrame
     // A missing file, and one of three bytes a pixel (no ARGB to scale), give no thumbnail.
     root.WriteFile("rec/rgb.mta", BuildMta(2, 2, 3, 1, {std::string(12, 'x')}));
     for (const char* name : {"/rec/none.srf", "/rec/rgb.srf"}) {
-        EXPECT_EQ(rec.Request(root.Path() + name, MEDIA_TYPE_PVR, DEV_TYPE_LOCAL, 16, 16).status, -1);
+        EXPECT_EQ(rec.Request(root.Path() + name, MEDIA_TYPE_PVR, DEV_TYPE_LOCAL, 16, 16).status,
+                  -1);
     }
     thumbnail_finalize();
 }

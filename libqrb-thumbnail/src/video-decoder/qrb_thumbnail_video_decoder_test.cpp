@@ -52,8 +52,10 @@ protected:
     void TearDown() override { g_QRBFFmpegApi = QRBFFmpegApi{}; }
     void Install(const char* decoder, const char* scaler) {
         fs::create_directories(root.Resolve(kPluginDir));
-        if (decoder != nullptr) fs::copy_file(decoder, root.Resolve(kPluginDir) + "libgstffmpeg.so");
-        if (scaler != nullptr) fs::copy_file(scaler, root.Resolve(kPluginDir) + "libgstffmpegscale.so");
+        if (decoder != nullptr)
+            fs::copy_file(decoder, root.Resolve(kPluginDir) + "libgstffmpeg.so");
+        if (scaler != nullptr)
+            fs::copy_file(scaler, root.Resolve(kPluginDir) + "libgstffmpegscale.so");
     }
 
     qrbtest::ScratchRoot root;
@@ -78,8 +80,8 @@ struct BindCase {
 class BindingTest : public VideoDecoderTest, public ::testing::WithParamInterface<BindCase> {};
 
 // A decoder is built whatever the plug-ins; without a complete table every extraction fails its
-// pointer check, before the file is touched. A missing seek-available passes the binding (the test after its lookup re-tests
-// the seek pointer) and is caught by that check.
+// pointer check, before the file is touched. A missing seek-available passes the binding (the test
+// after its lookup re-tests the seek pointer) and is caught by that check.
 TEST_P(BindingTest, BindsWhatThePluginsHaveAndExtractsOnlyWithACompleteTable) {
     const BindCase& c = GetParam();
     Install(c.decoder, c.scaler);
@@ -102,13 +104,13 @@ TEST_P(BindingTest, BindsWhatThePluginsHaveAndExtractsOnlyWithACompleteTable) {
 
 INSTANTIATE_TEST_SUITE_P(
     Plugins, BindingTest,
-    ::testing::Values(
-        BindCase{"Missing", nullptr, nullptr, false,
-                 "dlopen /usr/lib/gstreamer-1.0/libgstlibffmpeg.so failed.", false, false},
-        BindCase{"NoSeekAvailable", QRB_STUB_DECODER_NO_SEEK_AVAILABLE, QRB_STUB_SCALER, true,
-                 "initialize ffmpeg api success.", true, true},
-        BindCase{"NoScale", QRB_STUB_DECODER, QRB_STUB_SCALER_NO_SCALE, false,
-                 "get av sws scale func pointer failed", true, false}),
+    ::testing::Values(BindCase{"Missing", nullptr, nullptr, false,
+                               "dlopen /usr/lib/gstreamer-1.0/libgstlibffmpeg.so failed.", false,
+                               false},
+                      BindCase{"NoSeekAvailable", QRB_STUB_DECODER_NO_SEEK_AVAILABLE,
+                               QRB_STUB_SCALER, true, "initialize ffmpeg api success.", true, true},
+                      BindCase{"NoScale", QRB_STUB_DECODER, QRB_STUB_SCALER_NO_SCALE, false,
+                               "get av sws scale func pointer failed", true, false}),
     [](const ::testing::TestParamInfo<BindCase>& info) { return info.param.name; });
 
 // ---------------------------------------------------------------------------------------------
@@ -199,8 +201,8 @@ TEST_F(VideoWorkerTest, StopGivesUpTheVideoBeingDecodedAndTheWorkerServesOn) {
     g_held = false;
     g_stopping = &decoder;
     setGate(&GateRead);
-    _stRequestedItem request = Make("stopped;" + VideoFixture("fade_hevc_320x240_3s.mkv"),
-                                    THUMB_VIDEO, 0);
+    _stRequestedItem request =
+        Make("stopped;" + VideoFixture("fade_hevc_320x240_3s.mkv"), THUMB_VIDEO, 0);
     request.FrameCount = 5;
     list.Insert(request);
     ASSERT_TRUE(log.WaitFor("get frame[2]", kWait));
@@ -268,8 +270,8 @@ TEST_F(VideoDecoderTest, MtaWriterRefusesWhatCannotBeStored) {
         for (const auto& image : images) source->AddImage(image);
         return decoder.m_WriteVideoMtaFile(path, source);
     };
-    EXPECT_FALSE(write({MakeImage(4, 4, std::string(64, 'a'), 0),
-                        MakeImage(2, 2, std::string(16, 'b'), 0)}));
+    EXPECT_FALSE(write(
+        {MakeImage(4, 4, std::string(64, 'a'), 0), MakeImage(2, 2, std::string(16, 'b'), 0)}));
     auto shortBuffer = MakeImage(4, 4, std::string(64, 'a'), 0);
     shortBuffer->SetBufSize(32);
     EXPECT_FALSE(write({shortBuffer}));
@@ -300,7 +302,8 @@ TEST_F(VideoDecoderTest, MtaReaderRejectsCorruptLyingAndSpecialFiles) {
         {"count tail not zero", patched(31, '\x01'), "mta record FC mismatch"},
         {"depth 11", BuildMta(2, 2, 11, 1, {std::string(44, 'd')}, {0}),
          "get width, height, depth, count fail"},
-        {"width 10001", BuildMta(10001, 1, 1, 1, {px}, {0}), "get width, height, depth, count fail"},
+        {"width 10001", BuildMta(10001, 1, 1, 1, {px}, {0}),
+         "get width, height, depth, count fail"},
         {"frames out of order", patched(33, '1'), "frame[0] marker mismatch"},
         {"fewer frames than counted", BuildMta(2, 2, 4, 5, {px, px}, {0, 0}), "mta file size"},
         // 5 GB announced in a few bytes: refused before any frame is allocated.

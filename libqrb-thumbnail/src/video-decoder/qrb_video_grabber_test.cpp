@@ -11,6 +11,7 @@
 #include "qrb_test_callbacks.h"
 #include "qrb_test_files.h"
 #include "qrb_test_log.h"
+#include "qrb_test_picture.h"
 #include "qrb_test_root.h"
 #include "qrb_thumbnail.h"
 
@@ -159,10 +160,8 @@ TEST_F(VideoGrabberTest, FiveFramesAreKeptInAnMtaFileAndServedFromItNextTime) {
     // Header, five frames of marker, timestamp and pixels, trailer.
     EXPECT_EQ(fs::file_size(mta), 32u + 5u * (2 + 4 + 72 * 96 * 4) + 2u);
     const std::string stored = qrbtest::ReadFileBytes(mta);
-    // Turned a quarter anticlockwise, green is top left.
-    const auto topLeft = MeanOf(first.buffers[0], 72, 4, 4, 30, 40);
-    EXPECT_GT(topLeft.g, 200);
-    EXPECT_LT(topLeft.r, 60);
+    // Quadrants red, green / blue, white turned a quarter anticlockwise.
+    EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(first.buffers[0], 72, 96)), "GWBR");
 
     log.Clear();
     const RecordedResult second = Grab(url, 5, 72, 96);
@@ -239,9 +238,10 @@ TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
 // A file of three-byte pixels: the event hands out width x height x 4 bytes, the stored ones
 // then zeros, and reads nothing past the buffer. The stored stamp is a signed 32-bit value.
 TEST_F(VideoGrabberTest, FiveFrameRequestIsAnsweredFromAnMtaFileOfAnyDepth) {
-    WriteMta("rgb", qrbtest::BuildMta(2, 2, 3, 2,
-                                      {qrbtest::MtaPixels(2, 2, 3, 0), qrbtest::MtaPixels(2, 2, 3, 1)},
-                                      {100000, ~0u}));
+    WriteMta("rgb",
+             qrbtest::BuildMta(2, 2, 3, 2,
+                               {qrbtest::MtaPixels(2, 2, 3, 0), qrbtest::MtaPixels(2, 2, 3, 1)},
+                               {100000, ~0u}));
     const RecordedResult r = Grab("rgb;/media/rgb.mp4", 5, 2, 2);
     ASSERT_EQ(r.count, 2);
     EXPECT_EQ(r.depth, 3);
@@ -275,8 +275,8 @@ TEST_F(VideoGrabberTest, CachedFrameIsServedUndecodedAtItsOwnSize) {
 // URL is the path. A media id that would leave the video folder names no file.
 TEST_F(VideoGrabberTest, VideoUrlIsSplitIntoMediaIdAndPath) {
     root.WriteFile("opt/usr/apps/orvale/data/escape.mta", qrbtest::IntactVideoMta(1, 1, 4, {1}));
-    for (const char* url : {"id;/media/y.mp4", "/media/plain.mp4", "a;b;/media/x.mp4",
-                            "../escape;/media/z.mp4"}) {
+    for (const char* url :
+         {"id;/media/y.mp4", "/media/plain.mp4", "a;b;/media/x.mp4", "../escape;/media/z.mp4"}) {
         EXPECT_EQ(Grab(url, 5, 16, 16).status, -1);
     }
     EXPECT_TRUE(log.Contains("szURI:/media/y.mp4."));
@@ -299,8 +299,8 @@ TEST_F(VideoGrabberTest, DirectGrabberTakesTheSameFramesWithoutThePlugins) {
     ASSERT_TRUE(decoder.m_FFMpegInit(clip.c_str(), &context));
     _stRequestedItem request;
     boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
-    EXPECT_TRUE(decoder.m_GetFrame(context, 3, 80, 60, &CQRBThumbnailVideoDecoder::Video_Complete_Cb,
-                                   request, item, nullptr));
+    EXPECT_TRUE(decoder.m_GetFrame(
+        context, 3, 80, 60, &CQRBThumbnailVideoDecoder::Video_Complete_Cb, request, item, nullptr));
     EXPECT_TRUE(decoder.m_FFMpegDeInit(&context));
     ASSERT_EQ(item->GetImageCount(), 3);
     for (int i = 0; i < 3; ++i) {
@@ -334,8 +334,11 @@ struct ColourCase {
     int doviBase;       // a Dolby Vision profile 8 copy with this base compatibility (0: none)
     int width, height;  // as shown
     std::vector<Probe> probes;
+    const char* quadrants;  // for the quadrants file: their colours clockwise from the top left
 };
-void PrintTo(const ColourCase& c, std::ostream* os) { *os << c.file << " " << c.a << c.b << c.c << c.d; }
+void PrintTo(const ColourCase& c, std::ostream* os) {
+    *os << c.file << " " << c.a << c.b << c.c << c.d;
+}
 
 // Three patches (red, green, blue of middling strength) coded with a matrix and range and tagged
 // so, at a size whose usual matrix is the other one, or untagged at a size whose usual matrix
@@ -350,19 +353,15 @@ const std::vector<Probe> kBars = {
     {5 / 14.0, 1 / 3.0, {0, 191, 190}, 24},  {7 / 14.0, 1 / 3.0, {0, 191, 0}, 24},
     {9 / 14.0, 1 / 3.0, {191, 0, 192}, 24},  {11 / 14.0, 1 / 3.0, {191, 0, 1}, 24},
     {13 / 14.0, 1 / 3.0, {0, 1, 192}, 24}};
-// Quadrants red, green / blue, white as the display matrix (a, b; c, d) shows them: a point
-// (x, y) is shown at (a x + c y, b x + d y), y downwards.
-std::vector<Probe> Corners(Rgb topLeft, Rgb topRight, Rgb bottomLeft, Rgb bottomRight) {
-    return {{0.08, 0.08, topLeft, 12}, {0.92, 0.08, topRight, 12},
-            {0.08, 0.92, bottomLeft, 12}, {0.92, 0.92, bottomRight, 12}};
-}
-const Rgb kRed{255, 0, 0}, kGreen{0, 255, 0}, kBlue{0, 0, 255}, kWhite{255, 255, 255};
+const Rgb kWhite{255, 255, 255}, kBlack{0, 0, 0};
 // A white square 100 wide in the middle of a black picture as shown: white 44 pixels either side
 // of the middle, black 58 pixels away.
 std::vector<Probe> Square(int width) {
     const double in = 44.0 / width, out = 58.0 / width;
-    return {{0.5 - in, 0.5, kWhite, 30}, {0.5 + in, 0.5, kWhite, 30},
-            {0.5 - out, 0.5, {0, 0, 0}, 30}, {0.5 + out, 0.5, {0, 0, 0}, 30}};
+    return {{0.5 - in, 0.5, kWhite, 30},
+            {0.5 + in, 0.5, kWhite, 30},
+            {0.5 - out, 0.5, kBlack, 30},
+            {0.5 + out, 0.5, kBlack, 30}};
 }
 
 class VideoColourTest : public VideoShownTest<ColourCase> {};
@@ -382,6 +381,10 @@ TEST_P(VideoColourTest, FrameIsShownInItsColoursAndTurn) {
     ASSERT_EQ(r.count, 1);
     ASSERT_EQ(r.width, c.width);
     ASSERT_EQ(r.height, c.height);
+    if (c.quadrants != nullptr) {
+        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.width, c.height)),
+                  c.quadrants);
+    }
     for (const Probe& p : c.probes) {
         const int x = static_cast<int>(p.fx * c.width);
         const int y = static_cast<int>(p.fy * c.height);
@@ -396,22 +399,24 @@ TEST_P(VideoColourTest, FrameIsShownInItsColoursAndTurn) {
 INSTANTIATE_TEST_SUITE_P(
     MatrixRangeHdrAndTurns, VideoColourTest,
     ::testing::Values(
-        ColourCase{"patches_bt601_tv_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches},
-        ColourCase{"patches_bt709_pc_640x360.mp4", 0, 0, 0, 0, 0, 642, 360, kPatches},
-        ColourCase{"patches_bt2020_tv_640x360.mkv", 0, 0, 0, 0, 0, 642, 360, kPatches},
-        ColourCase{"patches_untagged_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches},
-        ColourCase{"bars_pq_mastered_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars},
-        ColourCase{"bars_hlg_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars},
-        ColourCase{"bars_pq_320x180.mkv", 0, 0, 0, 0, 1, 320, 180, kBars},  // Dolby Vision 8.1
-        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, -1, 0, 0, 240, 320,
-                   Corners(kBlue, kRed, kWhite, kGreen)},
-        ColourCase{"quadrants_h264_320x240.mp4", -1, 0, 0, -1, 0, 320, 240,
-                   Corners(kWhite, kBlue, kGreen, kRed)},
-        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, 1, 0, 0, 240, 320,
-                   Corners(kRed, kBlue, kGreen, kWhite)},
+        ColourCase{"patches_bt601_tv_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
+        ColourCase{"patches_bt709_pc_640x360.mp4", 0, 0, 0, 0, 0, 642, 360, kPatches, nullptr},
+        ColourCase{"patches_bt2020_tv_640x360.mkv", 0, 0, 0, 0, 0, 642, 360, kPatches, nullptr},
+        ColourCase{"patches_untagged_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
+        ColourCase{"bars_pq_mastered_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars, nullptr},
+        ColourCase{"bars_hlg_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars, nullptr},
+        ColourCase{"bars_pq_320x180.mkv", 0, 0, 0, 0, 1, 320, 180, kBars,
+                   nullptr},  // Dolby Vision 8.1
+        // Quadrants red, green / blue, white as the display matrix (a, b; c, d) shows them: a
+        // point (x, y) is shown at (a x + c y, b x + d y), y downwards.
+        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, -1, 0, 0, 240, 320, {}, "BRGW"},
+        ColourCase{"quadrants_h264_320x240.mp4", -1, 0, 0, -1, 0, 320, 240, {}, "WBRG"},
+        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, 1, 0, 0, 240, 320, {}, "RBWG"},
         // PAL pictures (720 x 576) shown 16:9 and 4:3 at their shown width, the square square.
-        ColourCase{"square_h264_720x576_sar64x45.mp4", 0, 0, 0, 0, 0, 1024, 576, Square(1024)},
-        ColourCase{"square_mpeg2_720x576_sar16x15.ts", 0, 0, 0, 0, 0, 768, 576, Square(768)}));
+        ColourCase{"square_h264_720x576_sar64x45.mp4", 0, 0, 0, 0, 0, 1024, 576, Square(1024),
+                   nullptr},
+        ColourCase{"square_mpeg2_720x576_sar16x15.ts", 0, 0, 0, 0, 0, 768, 576, Square(768),
+                   nullptr}));
 
 // A bar crossing the picture moves 16 pixels between its two fields: woven together, every other
 // row is out of step (comb lines, an energy of about 20); deinterlaced, none is.
@@ -424,13 +429,16 @@ TEST_P(VideoInterlaceTest, FieldsAreMadeIntoOneProgressivePicture) {
     ASSERT_EQ(r.height, 576);
     for (int i = 0; i < r.count; ++i) {
         const std::string& bgra = r.buffers[i];
-        auto at = [&](int x, int y) { return static_cast<unsigned char>(bgra[(y * 720 + x) * 4 + 1]); };
+        auto at = [&](int x, int y) {
+            return static_cast<unsigned char>(bgra[(y * 720 + x) * 4 + 1]);
+        };
         int bar = 0;
         for (int x = 0; x < 720; ++x) bar += at(x, 288) > 128;
         EXPECT_GT(bar, 30) << "the bar is shown";
         double comb = 0;
         for (int y = 1; y + 1 < 576; y += 2) {
-            for (int x = 0; x < 720; ++x) comb += std::abs(2 * at(x, y) - at(x, y - 1) - at(x, y + 1));
+            for (int x = 0; x < 720; ++x)
+                comb += std::abs(2 * at(x, y) - at(x, y - 1) - at(x, y + 1));
         }
         EXPECT_LT(comb / (287 * 720), 2.0);
     }

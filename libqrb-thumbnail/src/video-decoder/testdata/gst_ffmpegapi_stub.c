@@ -6,8 +6,8 @@
  */
 #include <stdlib.h>
 
-#define STUB(name)                                                  \
-    void name(void);                                                \
+#define STUB(name)   \
+    void name(void); \
     __attribute__((visibility("default"))) void name(void) { abort(); }
 
 #ifdef QRB_STUB_DECODER

@@ -25,8 +25,8 @@ inline std::string BuildMta(uint32_t width, uint32_t height, uint32_t depth, uin
                             const std::vector<std::string>& frames,
                             const std::vector<uint32_t>& stamps = {}) {
     std::string out("FSmta\0FW", 8);
-    out += LittleEndian(width, 4) + "FH" + LittleEndian(height, 4) + "FD" +
-           LittleEndian(depth, 4) + "FC" + LittleEndian(count, 4) + std::string(2, '\0');
+    out += LittleEndian(width, 4) + "FH" + LittleEndian(height, 4) + "FD" + LittleEndian(depth, 4) +
+           "FC" + LittleEndian(count, 4) + std::string(2, '\0');
     for (size_t i = 0; i < frames.size(); ++i) {
         out += 'F';
         out += static_cast<char>('0' + i);

@@ -189,9 +189,9 @@ void WriteWithDolbyVision(const std::string& src, const std::string& dst, int pr
     record->rpu_present_flag = 1;
     record->bl_present_flag = 1;
     record->dv_bl_signal_compatibility_id = static_cast<uint8_t>(compatibility);
-    CopyVideoStream(src, dst, false,
-                    {{AV_PKT_DATA_DOVI_CONF,
-                      std::string(reinterpret_cast<const char*>(record.get()), size)}});
+    CopyVideoStream(
+        src, dst, false,
+        {{AV_PKT_DATA_DOVI_CONF, std::string(reinterpret_cast<const char*>(record.get()), size)}});
 }
 
 int DolbyVisionProfile(const std::string& path) {
