@@ -38,7 +38,6 @@ using qrbtest::IntactVideoMta;
 using qrbtest::MtaPixels;
 using qrbtest::VideoFixture;
 
-constexpr const char* kPluginDir = "/usr/lib/gstreamer-1.0/";
 constexpr const char* kVideoDir = "/opt/usr/apps/orvale/data/video/";
 constexpr auto kWait = 20s;
 
@@ -50,13 +49,6 @@ protected:
         qrbfake::DrmReset();
     }
     void TearDown() override { g_QRBFFmpegApi = QRBFFmpegApi{}; }
-    void Install(const char* decoder, const char* scaler) {
-        fs::create_directories(root.Resolve(kPluginDir));
-        if (decoder != nullptr)
-            fs::copy_file(decoder, root.Resolve(kPluginDir) + "libgstffmpeg.so");
-        if (scaler != nullptr)
-            fs::copy_file(scaler, root.Resolve(kPluginDir) + "libgstffmpegscale.so");
-    }
 
     qrbtest::ScratchRoot root;
     qrbtest::LogCapture log;
@@ -84,7 +76,7 @@ class BindingTest : public VideoDecoderTest, public ::testing::WithParamInterfac
 // after its lookup re-tests the seek pointer) and is caught by that check.
 TEST_P(BindingTest, BindsWhatThePluginsHaveAndExtractsOnlyWithACompleteTable) {
     const BindCase& c = GetParam();
-    Install(c.decoder, c.scaler);
+    qrbtest::InstallMediaPlugins(root, c.decoder, c.scaler);
     CQRBThumbnailVideoDecoder decoder;
     EXPECT_EQ(decoder.MediaDecodingReady(), c.ready);
     EXPECT_EQ(log.Count(c.logged), 1);
@@ -190,7 +182,7 @@ void GateRead() {
 }
 
 TEST_F(VideoWorkerTest, StopGivesUpTheVideoBeingDecodedAndTheWorkerServesOn) {
-    Install(QRB_MEDIA_PLUGIN_GATED_DECODER, QRB_MEDIA_PLUGIN_SCALER);
+    qrbtest::InstallMediaPlugins(root, QRB_MEDIA_PLUGIN_GATED_DECODER);
     fs::create_directories(root.Resolve(kVideoDir));
     CQRBThumbnailVideoDecoder& decoder = Start();
     ASSERT_TRUE(decoder.MediaDecodingReady());

@@ -20,13 +20,12 @@ std::string VideoFixture(const std::string& name) {
     return std::string(QRB_VIDEO_FIXTURE_DIR) + "/" + name;
 }
 
-void InstallMediaPlugins(const ScratchRoot& root) {
+void InstallMediaPlugins(const ScratchRoot& root, const char* decoder, const char* scaler) {
     const fs::path dir = root.Resolve("/usr/lib/gstreamer-1.0/");
     fs::create_directories(dir);
-    fs::copy_file(QRB_MEDIA_PLUGIN_DECODER, dir / "libgstffmpeg.so",
-                  fs::copy_options::overwrite_existing);
-    fs::copy_file(QRB_MEDIA_PLUGIN_SCALER, dir / "libgstffmpegscale.so",
-                  fs::copy_options::overwrite_existing);
+    const auto options = fs::copy_options::overwrite_existing;
+    if (decoder != nullptr) fs::copy_file(decoder, dir / "libgstffmpeg.so", options);
+    if (scaler != nullptr) fs::copy_file(scaler, dir / "libgstffmpegscale.so", options);
 }
 
 MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1) {

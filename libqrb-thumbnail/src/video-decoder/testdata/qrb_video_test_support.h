@@ -15,8 +15,10 @@ namespace qrbtest {
 // Full path of a fixture video made by the build.
 std::string VideoFixture(const std::string& name);
 
-// Copies the two media plug-ins the build made into root's plug-in folder.
-void InstallMediaPlugins(const ScratchRoot& root);
+// Copies the two media plug-ins the build made, or the libraries given in their place (none for
+// null), into root's plug-in folder under the plug-ins' names.
+void InstallMediaPlugins(const ScratchRoot& root, const char* decoder = QRB_MEDIA_PLUGIN_DECODER,
+                         const char* scaler = QRB_MEDIA_PLUGIN_SCALER);
 
 // Mean of the blue, green and red bytes over a rectangle of a BGRA raster.
 struct MeanColour {
