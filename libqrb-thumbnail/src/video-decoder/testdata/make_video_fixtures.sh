@@ -97,9 +97,6 @@ hdr() {  # NAME TRANSFER [x265 params]
 hdr bars_pq_320x180.mkv smpte2084
 hdr bars_hlg_320x180.mkv arib-std-b67
 hdr bars_pq_mastered_320x180.mkv smpte2084 ":master-display=G(13250,34500)B(7500,3000)R(34000,16000)WP(15635,16450)L(10000000,1):max-cll=1000,400"
-# The SDR bars they were made from, as raw RGB.
-$FF -f lavfi -i "smptebars=s=320x180:r=5:d=1" -frames:v 1 -vf format=gbrp -f rawvideo -pix_fmt rgb24 \
-    "$OUT/bars_sdr_320x180.rgb"
 
 # Geometry. Four quadrants (red, green / blue, white): the tests give copies display matrices.
 $FF -f lavfi -i "color=red:s=160x120:r=5:d=1[a];color=lime:s=160x120:r=5:d=1[b];color=blue:s=160x120:r=5:d=1[c];color=white:s=160x120:r=5:d=1[d];[a][b]hstack[t];[c][d]hstack[u];[t][u]vstack" \

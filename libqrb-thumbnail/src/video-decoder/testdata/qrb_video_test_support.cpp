@@ -9,8 +9,6 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -22,25 +20,12 @@ std::string VideoFixture(const std::string& name) {
     return std::string(QRB_VIDEO_FIXTURE_DIR) + "/" + name;
 }
 
-void InstallMediaPlugins(const ScratchRoot& root) {
+void InstallMediaPlugins(const ScratchRoot& root, const char* decoder, const char* scaler) {
     const fs::path dir = root.Resolve("/usr/lib/gstreamer-1.0/");
     fs::create_directories(dir);
-    fs::copy_file(QRB_MEDIA_PLUGIN_DECODER, dir / "libgstffmpeg.so",
-                  fs::copy_options::overwrite_existing);
-    fs::copy_file(QRB_MEDIA_PLUGIN_SCALER, dir / "libgstffmpegscale.so",
-                  fs::copy_options::overwrite_existing);
-}
-
-std::string ReadWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error("cannot read " + path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void WriteWholeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("cannot write " + path);
+    const auto options = fs::copy_options::overwrite_existing;
+    if (decoder != nullptr) fs::copy_file(decoder, dir / "libgstffmpeg.so", options);
+    if (scaler != nullptr) fs::copy_file(scaler, dir / "libgstffmpegscale.so", options);
 }
 
 MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1) {
@@ -63,8 +48,6 @@ MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, in
     }
     return mean;
 }
-
-double FadeMomentMs(double grey, double durationMs) { return grey / 255.0 * durationMs; }
 
 namespace {
 
@@ -205,9 +188,9 @@ void WriteWithDolbyVision(const std::string& src, const std::string& dst, int pr
     record->rpu_present_flag = 1;
     record->bl_present_flag = 1;
     record->dv_bl_signal_compatibility_id = static_cast<uint8_t>(compatibility);
-    CopyVideoStream(src, dst, false,
-                    {{AV_PKT_DATA_DOVI_CONF,
-                      std::string(reinterpret_cast<const char*>(record.get()), size)}});
+    CopyVideoStream(
+        src, dst, false,
+        {{AV_PKT_DATA_DOVI_CONF, std::string(reinterpret_cast<const char*>(record.get()), size)}});
 }
 
 int DolbyVisionProfile(const std::string& path) {
@@ -217,32 +200,6 @@ int DolbyVisionProfile(const std::string& path) {
                                                   AV_PKT_DATA_DOVI_CONF, &size);
     if (data == nullptr || size < sizeof(AVDOVIDecoderConfigurationRecord)) return -1;
     return reinterpret_cast<const AVDOVIDecoderConfigurationRecord*>(data)->dv_profile;
-}
-
-std::string ZeroMp4Durations(std::string bytes) {
-    // Box layouts: mvhd and mdhd carry (version, flags, creation, modification, timescale,
-    // duration), tkhd (version, flags, creation, modification, track id, reserved, duration);
-    // version 1 widens the times and the duration to 64 bits.
-    struct Box {
-        const char* type;
-        size_t v0;
-        size_t v1;
-    };
-    const Box boxes[] = {{"mvhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
-                         {"mdhd", 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4},
-                         {"tkhd", 4 + 4 + 4 + 4 + 4 + 4, 4 + 4 + 8 + 8 + 4 + 4}};
-    for (const Box& box : boxes) {
-        for (size_t at = bytes.find(box.type); at != std::string::npos;
-             at = bytes.find(box.type, at + 4)) {
-            const bool wide = bytes[at + 4] == 1;
-            const size_t offset = at + (wide ? box.v1 : box.v0);
-            const size_t width = wide ? 8 : 4;
-            if (offset + width > bytes.size()) throw std::runtime_error("short box");
-            std::fill(bytes.begin() + static_cast<long>(offset),
-                      bytes.begin() + static_cast<long>(offset + width), '\0');
-        }
-    }
-    return bytes;
 }
 
 }  // namespace qrbtest

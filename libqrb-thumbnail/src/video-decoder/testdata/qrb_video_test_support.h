@@ -15,11 +15,10 @@ namespace qrbtest {
 // Full path of a fixture video made by the build.
 std::string VideoFixture(const std::string& name);
 
-// Copies the two media plug-ins the build made into root's plug-in folder.
-void InstallMediaPlugins(const ScratchRoot& root);
-
-std::string ReadWholeFile(const std::string& path);
-void WriteWholeFile(const std::string& path, const std::string& bytes);
+// Copies the two media plug-ins the build made, or the libraries given in their place (none for
+// null), into root's plug-in folder under the plug-ins' names.
+void InstallMediaPlugins(const ScratchRoot& root, const char* decoder = QRB_MEDIA_PLUGIN_DECODER,
+                         const char* scaler = QRB_MEDIA_PLUGIN_SCALER);
 
 // Mean of the blue, green and red bytes over a rectangle of a BGRA raster.
 struct MeanColour {
@@ -29,10 +28,6 @@ struct MeanColour {
     double Grey() const { return (b + g + r) / 3; }
 };
 MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1);
-
-// The faded fixtures go from black at 0 to white at their end: the moment a frame of the given
-// mean brightness was taken from, in milliseconds.
-double FadeMomentMs(double grey, double durationMs);
 
 struct MediaFacts {
     long long durationUs = -1;       // the container's, as FFmpeg reads it
@@ -60,9 +55,6 @@ void WriteWithDolbyVision(const std::string& src, const std::string& dst, int pr
                           int compatibility);
 // The Dolby Vision profile a file's video stream states, -1 for none.
 int DolbyVisionProfile(const std::string& path);
-
-// The bytes of an MP4 file with every duration its header gives (movie, track, media) set to 0.
-std::string ZeroMp4Durations(std::string bytes);
 
 }  // namespace qrbtest
 
