@@ -23,15 +23,6 @@ public:
 // The handle of a thread base without a thread.
 GThread* const kNoThread = reinterpret_cast<GThread*>(-1);
 
-TEST(QRBThreadTest, CreateWithNullNameStartsNothing) {
-    LoopingThread thread;
-    EXPECT_FALSE(thread.Create(nullptr));
-    EXPECT_FALSE(thread.FlagCreate());
-    EXPECT_EQ(thread.Thread_id(), kNoThread);
-    EXPECT_EQ(thread.Thread_join(), nullptr) << "nothing to join";
-    thread.Destroy();  // nothing to wait for
-}
-
 TEST(QRBThreadTest, DestroyStopsTheWorkAndMayBeCalledTwice) {
     LoopingThread thread;
     ASSERT_TRUE(thread.Create("looping"));
