@@ -108,6 +108,10 @@ TEST(DmpParseXmlTest, MetadataWalkFillsTheRecordAndKeepsWhatCameBeforeAnError) {
     } cases[] = {
         {"the document", kDocument, 0, full},
         {"trailing NULs are dropped", kDocument + std::string(4, '\0'), 0, full},
+        {"chapters alone: one image each",
+         "<Chapters><Chapter><Location>1</Location></Chapter><Chapter><Location>2</Location>"
+         "</Chapter><Chapter><Location>3</Location></Chapter></Chapters>",
+         0, "|||| [0x0   1] [0x0   2] [0x0   3]"},
         {"text above the size limit",
          "<M><ContentMetadata><ContentID>x</ContentID></ContentMetadata>" +
              std::string(CQRBDmpParseXml::kMaxXmlBytes, ' ') + "</M>",

@@ -44,8 +44,14 @@ TEST(QRBDlnaBase64Test, DecodesEveryCharacterIntoTheBytesAndRefusesOverlongTexts
     }
 }
 
-// A chapter's thumbnail URI keeps its length in 16 bits: 65536 characters count as none.
-TEST(QRBDlnaMediadataTest, UriLengthIsKeptInSixteenBits) {
+// A chapter's thumbnail is a URI or bytes, whichever came last (a URI still held is not
+// answered); the URI keeps its length in 16 bits, so 65536 characters count as none.
+TEST(QRBDlnaMediadataTest, StreamAfterAUriWinsAndTheUriLengthIsSixteenBits) {
+    qrbtest::LogCapture log;
+    const auto uriOf = [](QRBDlnaMediadata& chapter) {
+        const signed char* got = chapter.GetThumbnailURI();
+        return got ? std::string(reinterpret_cast<const char*>(got)) : "<none>";
+    };
     const struct {
         size_t length;
         long kept;  // characters stored; -1: refused
@@ -55,10 +61,15 @@ TEST(QRBDlnaMediadataTest, UriLengthIsKeptInSixteenBits) {
         std::string uri = "ht" + std::string(c.length - 2, 'p');
         EXPECT_EQ(chapter.PutThumbnailURI(reinterpret_cast<signed char*>(&uri[0])),
                   c.kept < 0 ? AC_INVALID_PARAMETER : AC_OK);
-        const signed char* got = chapter.GetThumbnailURI();
-        EXPECT_EQ(got ? std::string(reinterpret_cast<const char*>(got)) : "<none>",
-                  c.kept < 0 ? "<none>" : uri.substr(0, c.kept))
-            << c.length;
+        EXPECT_EQ(uriOf(chapter), c.kept < 0 ? "<none>" : uri.substr(0, c.kept)) << c.length;
+        if (c.kept < 0) continue;
+        const unsigned char bytes[] = {0xFF, 0xD8, 0xFF, 0xD9};
+        ASSERT_EQ(chapter.PutThumbnailStream(bytes, sizeof(bytes)), AC_OK);
+        const unsigned char* data = nullptr;
+        EXPECT_EQ(chapter.GetThumbnailStream(&data), sizeof(bytes));
+        log.Clear();
+        EXPECT_EQ(uriOf(chapter), "<none>");
+        EXPECT_TRUE(log.Contains("Error:no data"));
     }
 }
 

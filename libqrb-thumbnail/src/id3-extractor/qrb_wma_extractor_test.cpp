@@ -50,6 +50,10 @@ TEST(WmaExtractorTest, WalkGivesTheRightCoverOrNone) {
     std::vector<std::string> count257(256, Descriptor("N", 5, LittleEndian(1, 2)));
     count257.push_back(PictureDescriptor(kPicture));
     const std::string picture227(227, 'p');  // a value of 256 bytes with its header
+    std::string euros;  // a name of 127 euro signs, three UTF-8 bytes each
+    for (int i = 0; i < 127; ++i) euros += "\xAC\x20";
+    euros += std::string(2, '\0');
+    const std::string euroName = LittleEndian(euros.size(), 2) + euros + LittleEndian(0, 2) + LittleEndian(4, 2) + Utf16("x");
     const struct {
         const char* what;
         std::string file;
@@ -68,6 +72,7 @@ TEST(WmaExtractorTest, WalkGivesTheRightCoverOrNone) {
         {"declared picture larger than the value",
          list({Descriptor("WM/Picture", 1, "\x03" + LittleEndian(201, 4) + std::string(195, 'p'))}),
          true, "", ""},
+        {"a name of three-byte characters", list({euroName, PictureDescriptor(kPicture)}), true, kPicture, ""},
         {"later picture in another object",
          AsfHeader({ExtContentDescription({PictureDescriptor(kPicture)}),
                     ExtContentDescription({PictureDescriptor(second)})}), true, second, ""},

@@ -49,7 +49,7 @@ std::string InMoov(const std::vector<std::string>& children, const std::string& 
     return FtypBox() + Box("moov", MetaBox(children)) + Box("mdat", tail);
 }
 
-TEST(BoxHeaderTest, SizesAreCheckedAgainstTheBytesAndTheEnclosingBox) {
+TEST(BoxHeaderTest, SizesAreCheckedAgainstTheirLimit) {
     const struct {
         const char* what;
         std::string bytes;
