@@ -53,9 +53,6 @@ inline std::string Guid(const char (&bytes)[17]) { return std::string(bytes, 16)
 inline std::string HeaderGuid() {
     return Guid("\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C");
 }
-inline std::string ContentDescriptionGuid() {
-    return Guid("\x33\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C");
-}
 inline std::string ExtContentDescriptionGuid() {
     return Guid("\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50");
 }
@@ -105,7 +102,8 @@ template <typename ColourFn>
 inline std::string Bmp(int w, int h, ColourFn colour) {
     const int stride = (w * 3 + 3) & ~3;
     const uint32_t pixels = static_cast<uint32_t>(stride * h);
-    std::string out = "BM" + LittleEndian(54 + pixels, 4) + LittleEndian(0, 4) + LittleEndian(54, 4);
+    std::string out =
+        "BM" + LittleEndian(54 + pixels, 4) + LittleEndian(0, 4) + LittleEndian(54, 4);
     out += LittleEndian(40, 4) + LittleEndian(w, 4) + LittleEndian(h, 4) + LittleEndian(1, 2) +
            LittleEndian(24, 2) + LittleEndian(0, 4) + LittleEndian(pixels, 4) +
            LittleEndian(2835, 4) + LittleEndian(2835, 4) + LittleEndian(0, 8);
