@@ -43,6 +43,10 @@ $FF -f lavfi -i "$(fade 3840x2160 5 2)" -c:v libx264 -preset ultrafast -g 3 -pix
     "$OUT/fade_h264_3840x2160_2s.mkv"
 $FF -f lavfi -i "$(fade 3840x2000 5 2)" -c:v libx264 -preset ultrafast -g 3 -pix_fmt yuv420p \
     "$OUT/fade_h264_3840x2000_2s.mkv"
+# 4K HEVC with open GOPs: each key picture lists references for the pictures leading it.
+$FF -f lavfi -i "$(fade 3840x2160 5 2)" -c:v libx265 -preset ultrafast \
+    $X265:keyint=3:min-keyint=3:open-gop=1:bframes=2:scenecut=0 -pix_fmt yuv420p \
+    "$OUT/fade_hevc_3840x2160_2s_open_gop.mkv"
 # One key frame, then ten seconds of others: the tests blank its pictures to make a stream
 # that never gives one.
 $FF -f lavfi -i "$(fade 64x64 25 10)" -c:v libx264 -preset ultrafast -g 1000 \
