@@ -72,6 +72,8 @@ TEST(ImageUtilTest, PlanarScalerSamplesAndAveragesWithinTheSource) {
 
 TEST(ImageUtilTest, BilinearScalerBlendsColourKeepsAlphaAndStaysInside) {
     // Byte 0 of pixel i is v[i]; bytes 1 and 2 are 1 and 2; alpha is 100 + i.
+    const std::vector<int> kRamp = {0,  10, 20,  30,  40,  50,  60,  70,
+                                    80, 90, 100, 110, 120, 130, 140, 150};
     const struct {
         std::vector<int> v;
         int srcW, srcH, dstW, dstH, x, y;
@@ -79,14 +81,7 @@ TEST(ImageUtilTest, BilinearScalerBlendsColourKeepsAlphaAndStaysInside) {
     } cases[] = {
         // step 2048: (1, 1) blends rows and columns 2 and 3 with weight 0: colour P[2][2],
         // alpha P[3][3].
-        {{0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120, 130, 140, 150},
-         4,
-         4,
-         2,
-         2,
-         1,
-         1,
-         {100, 1, 2, 115}},
+        {kRamp, 4, 4, 2, 2, 1, 1, {100, 1, 2, 115}},
         // step 512: half-way both ways, 10-bit weights, truncated: (0 + 200) / 2 = 100 and
         // (100 + 51) / 2 = 75, then (100 + 75) / 2.
         {{0, 100, 200, 51}, 2, 2, 4, 4, 1, 1, {87, 1, 2, 103}},

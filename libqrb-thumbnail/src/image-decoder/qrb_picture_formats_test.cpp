@@ -123,19 +123,10 @@ TEST(PictureFormatTest, FirstBytesNameTheFormat) {
         {std::string("RIFF\x24\0\0\0WEBPVP8 ", 16), QRBPictureFormat::kWebp},
         {std::string("MM\0*\0\0\0\x08", 8), QRBPictureFormat::kTiff},
         {std::string("II+\0\x08\0\0\0", 8), QRBPictureFormat::kTiff},  // BigTIFF
-        {std::string("\0\0\0\x1C"
-                     "ftypavif\0\0\0\0avifmif1miaf",
-                     28),
-         QRBPictureFormat::kHeif},
-        {std::string("\0\0\0\x18"
-                     "ftypmif1\0\0\0\0mif1heic",
-                     24),
-         QRBPictureFormat::kHeif},
+        {std::string("\0\0\0\034ftypavif\0\0\0\0avifmif1miaf", 28), QRBPictureFormat::kHeif},
+        {std::string("\0\0\0\030ftypmif1\0\0\0\0mif1heic", 24), QRBPictureFormat::kHeif},
         // The same containers holding a video, a song or a sound are no picture.
-        {std::string("\0\0\0\x18"
-                     "ftypisom\0\0\x02\0isommp41",
-                     24),
-         QRBPictureFormat::kOther},
+        {std::string("\0\0\0\030ftypisom\0\0\002\0isommp41", 24), QRBPictureFormat::kOther},
         {std::string("RIFF\x24\0\0\0WAVEfmt ", 16), QRBPictureFormat::kOther},
         {"GIF8", QRBPictureFormat::kOther},  // too short to tell
     };

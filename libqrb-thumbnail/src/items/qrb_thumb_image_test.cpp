@@ -2,8 +2,6 @@
 // expected pixels are worked out by hand from the sampling rules.
 #include "qrb_thumb_image.h"
 
-#include "qrb_thumb_flyweight_factory.h"
-
 #include <gtest/gtest.h>
 
 #include <array>
@@ -110,12 +108,6 @@ TEST(ThumbImageTest, RotateGivesEveryOrientationsRaster) {
     EXPECT_FALSE(image->RotateARGB(0));
     EXPECT_FALSE(image->RotateARGB(9));
     EXPECT_FALSE(CQRBThumbImage().RotateARGB(6)) << "not created";
-}
-
-TEST(GetterFactoryTest, VideoAndOutOfRangeKindsHaveNoSharedGetter) {
-    auto* flyweights = CQRBThumbFlyWeightFactroy::GetInstance();
-    for (int kind : {2, 2, 17, -1})  // video (twice), none, out of range
-        EXPECT_EQ(nullptr, flyweights->GetFlyWeight(static_cast<qrb_media_thumbnail_type>(kind)));
 }
 
 }  // namespace
