@@ -1,6 +1,6 @@
-// Real camera and tool JPEGs from the shared corpus: IFD0 orientation in both byte orders (and
-// never IFD1's), IFD1 thumbnails found where their tags say and of the length they say,
-// uncompressed or empty IFD1 thumbnails ignored, and every file decoded or refused without harm.
+// Real camera and tool JPEGs from the shared corpus: IFD0 orientation (never IFD1's), IFD1
+// thumbnails found where their tags say and of the length they say, uncompressed or empty IFD1
+// thumbnails ignored, and every file decoded or refused without harm.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_jpeg_header_parser.h"
 #include "image-decoder/qrb_picture_test_support.h"
@@ -12,27 +12,24 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <vector>
 
 namespace {
 
 using namespace qrbpicturetest;
 
-TEST(JpegExifCorpusTest, OrientationComesFromIfd0InBothByteOrders) {
+// The eight orientation samples of each byte order are shown upright by the EXIF getter's
+// corpus test; here the files whose IFD1 says otherwise, or whose tag is absent or 0.
+TEST(JpegExifCorpusTest, OrientationComesFromIfd0Only) {
     QRB_REQUIRE_CORPUS(corpus);
-    std::vector<std::pair<std::string, uint32_t>> cases = {
+    const std::pair<const char*, uint32_t> cases[] = {
         {"recurser-exif-orientation-examples/Landscape_0.jpg", 0},  // the tag says 0
         {"pillow/hopper.jpg", 0},                                   // no EXIF
         {"ianare-exif-samples/jpg/Panasonic_DMC-FZ30.jpg", 1},      // IFD1 says 8
         {"taglib-sharp/sample_bgo625367.jpg", 6},                   // IFD1 says 1
         {"taglib-sharp/sample_recursive_ifd.jpg", 0},
+        {"ianare-exif-samples/jpg/orientation/portrait_1.jpg", 1},  // little-endian
+        {"ianare-exif-samples/jpg/orientation/portrait_6.jpg", 6},  // big-endian
     };
-    for (uint32_t n = 1; n <= 8; ++n) {  // portrait_1 is little-endian, the rest big-endian
-        cases.push_back(
-            {"ianare-exif-samples/jpg/orientation/portrait_" + std::to_string(n) + ".jpg", n});
-        cases.push_back(
-            {"recurser-exif-orientation-examples/Landscape_" + std::to_string(n) + ".jpg", n});
-    }
     for (const auto& [path, orientation] : cases) {
         const std::string url = "file://" + corpus + "/" + path;
         EXPECT_EQ(orientation, CQRBImageDecoder(url.c_str(), 64, 64, 0, false).GetOrientation())
