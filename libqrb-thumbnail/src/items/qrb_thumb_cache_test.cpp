@@ -16,7 +16,7 @@ ItemPtr Item(const std::string& url, int bytes, int width = 1) {
     ItemPtr item(new CQRBThumbnailItem);
     item->SetURL(url);
     boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-    image->Create(width, 1, 4, width * 4, static_cast<unsigned char*>(malloc(4)), 0);
+    image->Create(width, 1, 4, width * 4, static_cast<unsigned char*>(calloc(width, 4)), 0);
     item->AddImage(image);
     item->SetSize(bytes);
     return item;
