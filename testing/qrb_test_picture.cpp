@@ -118,24 +118,15 @@ void WriteError(png_structp png, png_const_charp message) {
     png_longjmp(png, 1);
 }
 
-// Packs one row of raw samples at the file's bit depth (every step-th pixel from x0).
+// Packs one row of 8-bit RGB samples (every step-th pixel from x0).
 void PackRow(const PngSpec& spec, uint32_t y, uint32_t x0, uint32_t step,
              std::vector<png_byte>* row) {
-    const int channels = PngChannels(spec.colorType);
-    const int depth = spec.bitDepth;
-    row->assign(static_cast<size_t>(spec.width) * channels * 2 + 8, 0);
-    size_t bit = 0;
+    row->assign(static_cast<size_t>(spec.width) * 3, 0);
+    size_t at = 0;
     for (uint32_t x = x0; x < spec.width; x += step) {
-        uint16_t s[4] = {0, 0, 0, 0};
+        uint16_t s[3] = {0, 0, 0};
         spec.pixel(x, y, s);
-        for (int c = 0; c < channels; ++c, bit += depth) {
-            if (depth == 16) {
-                (*row)[bit / 8] = static_cast<png_byte>(s[c] >> 8);
-                (*row)[bit / 8 + 1] = static_cast<png_byte>(s[c] & 0xFF);
-            } else {
-                (*row)[bit / 8] |= static_cast<png_byte>(s[c] << (8 - depth - bit % 8));
-            }
-        }
+        for (int c = 0; c < 3; ++c) (*row)[at++] = static_cast<png_byte>(s[c]);
     }
 }
 
@@ -153,19 +144,9 @@ bool GuardedWrite(WriteJob* job) {
     const PngSpec& spec = *job->spec;
     png_set_write_fn(job->png, job->out, AppendData, FlushData);
     png_set_compression_level(job->png, spec.compression);
-    png_set_IHDR(job->png, job->info, spec.width, spec.height, spec.bitDepth, spec.colorType,
+    png_set_IHDR(job->png, job->info, spec.width, spec.height, 8, PNG_COLOR_TYPE_RGB,
                  spec.interlace ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    if (!spec.palette.empty()) {
-        png_set_PLTE(job->png, job->info, spec.palette.data(),
-                     static_cast<int>(spec.palette.size()));
-    }
-    if (!spec.paletteAlpha.empty()) {
-        png_set_tRNS(job->png, job->info, spec.paletteAlpha.data(),
-                     static_cast<int>(spec.paletteAlpha.size()), nullptr);
-    } else if (spec.colorKey) {
-        png_set_tRNS(job->png, job->info, nullptr, 0, &spec.key);
-    }
     png_write_info(job->png, job->info);
     const int passes = spec.interlace ? 7 : 1;
     for (int pass = 0; pass < passes; ++pass) {
@@ -197,20 +178,6 @@ uint32_t Crc32(const std::string& bytes) {
 
 }  // namespace
 
-int PngChannels(int colorType) {
-    switch (colorType) {
-        case PNG_COLOR_TYPE_GRAY:
-        case PNG_COLOR_TYPE_PALETTE:
-            return 1;
-        case PNG_COLOR_TYPE_GRAY_ALPHA:
-            return 2;
-        case PNG_COLOR_TYPE_RGB:
-            return 3;
-        default:
-            return 4;
-    }
-}
-
 std::string MakePng(const PngSpec& spec) {
     std::string out;
     std::vector<png_byte> row;
@@ -220,31 +187,6 @@ std::string MakePng(const PngSpec& spec) {
     const bool ok = GuardedWrite(&job);
     png_destroy_write_struct(&png, &info);
     return ok ? out : std::string();
-}
-
-void PngExpected(const PngSpec& spec, uint32_t x, uint32_t y, uint8_t rgba[4]) {
-    uint16_t s[4] = {0, 0, 0, 0};
-    spec.pixel(x, y, s);
-    const int depth = spec.bitDepth;
-    auto to8 = [depth](uint16_t v) -> uint8_t {
-        if (depth == 16) return static_cast<uint8_t>((v * 255u + 32767u) / 65535u);
-        return static_cast<uint8_t>(v * 255 / ((1 << depth) - 1));
-    };
-    if (spec.colorType == PNG_COLOR_TYPE_PALETTE) {
-        const png_color c = s[0] < spec.palette.size() ? spec.palette[s[0]] : png_color{0, 0, 0};
-        rgba[0] = c.red;
-        rgba[1] = c.green;
-        rgba[2] = c.blue;
-        rgba[3] = s[0] < spec.paletteAlpha.size() ? spec.paletteAlpha[s[0]] : 255;
-        return;
-    }
-    const bool grey = (spec.colorType & PNG_COLOR_MASK_COLOR) == 0;
-    const int alphaAt = grey ? 1 : 3;
-    for (int c = 0; c < 3; ++c) rgba[c] = to8(s[grey ? 0 : c]);
-    const bool keyed = spec.colorKey && (grey ? s[0] == spec.key.gray
-                                              : s[0] == spec.key.red && s[1] == spec.key.green &&
-                                                    s[2] == spec.key.blue);
-    rgba[3] = (spec.colorType & PNG_COLOR_MASK_ALPHA) ? to8(s[alphaAt]) : keyed ? 0 : 255;
 }
 
 bool ReadPng(const std::string& path, Raster* out) {

@@ -44,25 +44,16 @@ std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);
 
-// A PNG file written with libpng.
+// An 8-bit RGB PNG file written with libpng.
 struct PngSpec {
     uint32_t width = 13;
     uint32_t height = 11;
-    int colorType = PNG_COLOR_TYPE_RGB;
-    int bitDepth = 8;
     bool interlace = false;
     int compression = 6;
-    std::vector<png_color> palette;
-    std::vector<png_byte> paletteAlpha;  // tRNS of a palette
-    bool colorKey = false;               // tRNS of grey or RGB
-    png_color_16 key{};
-    // Raw samples of pixel (x, y) at the file's depth: grey, RGB or an index, then alpha.
+    // Red, green and blue of pixel (x, y).
     std::function<void(uint32_t x, uint32_t y, uint16_t* samples)> pixel;
 };
-int PngChannels(int colorType);
 std::string MakePng(const PngSpec& spec);
-// What a reader must make of pixel (x, y) of spec: 8-bit RGBA after libpng's expansion.
-void PngExpected(const PngSpec& spec, uint32_t x, uint32_t y, uint8_t rgba[4]);
 // A file read with libpng's simplified API, in the decoder's byte order.
 bool ReadPng(const std::string& path, Raster* out);
 

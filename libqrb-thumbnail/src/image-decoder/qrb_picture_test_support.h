@@ -1,5 +1,5 @@
-// The picture decoder's tests' names for the shared fixtures (testing/), and a scratch folder
-// that writes picture files.
+// The picture decoder's tests' shared helpers: the fixture folders, and files patched to
+// declare sizes they do not hold.
 #ifndef QRB_PICTURE_TEST_SUPPORT_H
 #define QRB_PICTURE_TEST_SUPPORT_H
 
@@ -11,26 +11,44 @@
 
 namespace qrbpicturetest {
 
-using qrbtest::CorpusDir;
-using qrbtest::PngChunk;
-using qrbtest::PngWithHeader;
+using qrbtest::DecodePicture;
+using qrbtest::LittleEndian;
 using qrbtest::Raster;
 using qrbtest::ReadFileBytes;
+using qrbtest::ScratchRoot;
 
-inline Raster Decode(const std::string& url, int width, int height, bool forceFull = false) {
-    return qrbtest::DecodePicture(url, width, height, forceFull);
-}
-inline bool ReadReferencePng(const std::string& path, Raster* out) {
-    return qrbtest::ReadPng(path, out);
+// A picture of testdata/make_format_fixtures.sh (HEIF, AVIF, WebP, GIF, TIFF) as a URL.
+inline std::string Fixture(const std::string& name) {
+    return std::string("file://") + QRB_FORMAT_FIXTURE_DIR + "/" + name;
 }
 
-class ScratchDir : public qrbtest::ScratchRoot {
-public:
-    // Writes bytes to a file in the folder and returns its path.
-    std::string Write(const std::string& name, const std::string& bytes) {
-        return WriteFile(name, bytes);
+// The JPEG with its first SOF0/SOF2 outside APPn segments (where thumbnails live) saying w x h.
+inline std::string JpegDeclaring(std::string bytes, int w, int h) {
+    for (size_t i = 2; i + 9 < bytes.size(); ++i) {
+        const unsigned char a = bytes[i], b = bytes[i + 1];
+        if (a == 0xFF && (b == 0xC0 || b == 0xC2)) {
+            return bytes.replace(i + 5, 4, qrbtest::BigEndian(h, 2) + qrbtest::BigEndian(w, 2));
+        }
+        if (a == 0xFF && b >= 0xE0 && b <= 0xFE)
+            i += 1 + ((static_cast<unsigned char>(bytes[i + 2]) << 8) |
+                      static_cast<unsigned char>(bytes[i + 3]));
     }
-};
+    return std::string();
+}
+
+// A BMP with a 40-byte info header declaring w x h at bpp, a grey palette (entry i is i, i, i)
+// up to 8 bits, then data; the file and image sizes are left 0 (unknown).
+inline std::string BmpFile(int32_t w, int32_t h, uint32_t bpp, uint32_t compression,
+                           const std::string& data) {
+    std::string palette;
+    for (uint32_t i = 0; bpp <= 8 && i < (1u << bpp); ++i)
+        palette += LittleEndian(i * 0x010101u, 4);
+    return "BM" + LittleEndian(0, 8) + LittleEndian(54 + palette.size(), 4) + LittleEndian(40, 4) +
+           LittleEndian(static_cast<uint32_t>(w), 4) + LittleEndian(static_cast<uint32_t>(h), 4) +
+           LittleEndian(1, 2) + LittleEndian(bpp, 2) + LittleEndian(compression, 4) +
+           LittleEndian(0, 4) + LittleEndian(2835, 4) + LittleEndian(2835, 4) + LittleEndian(0, 8) +
+           palette + data;
+}
 
 }  // namespace qrbpicturetest
 

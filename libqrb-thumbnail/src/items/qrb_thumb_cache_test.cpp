@@ -1,108 +1,93 @@
+// The size-bounded first-in-first-out cache of results, and the result item it holds.
 #include "qrb_thumb_cache.h"
-
-#include "qrb_thumbnail_getter.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
 constexpr int kMiB = 1024 * 1024;
+using ItemPtr = boost::intrusive_ptr<CQRBThumbnailItem>;
 
-boost::intrusive_ptr<CQRBThumbnailItem> Item(const std::string& url, long long bytes, int width = 1,
-                                             int height = 1) {
-    boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
+// An item of one image `width` pixels wide that accounts for `bytes` (not its real pixels).
+ItemPtr Item(const std::string& url, int bytes, int width = 1) {
+    ItemPtr item(new CQRBThumbnailItem);
     item->SetURL(url);
-    item->SetRID(-1);
     boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-    image->Create(width, height, 4, width * 4, static_cast<unsigned char*>(malloc(4)), 0);
+    image->Create(width, 1, 4, width * 4, static_cast<unsigned char*>(calloc(width, 4)), 0);
     item->AddImage(image);
-    item->SetSize(static_cast<int>(bytes));  // what the item accounts for, not its real pixels
+    item->SetSize(bytes);
     return item;
 }
 
-class ThumbCacheTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(cache.Create()); }
+TEST(ThumbCacheTest, AdmissionEvictsTheOldestUntilTheNewItemFits) {
+    const struct {
+        std::vector<int> mib;  // items "a", "b", ... inserted in this order
+        std::string kept;
+    } cases[] = {
+        {{4, 4, 4}, "bc"},  // the third evicts the first; 8 MiB left
+        {{6, 4}, "ab"},     // exactly 10 MiB: nothing goes
+        {{1, 11}, "b"},     // never evicted by its own admission
+    };
+    for (const auto& c : cases) {
+        CQRBThumbCache cache;
+        ASSERT_TRUE(cache.Create());
+        for (size_t i = 0; i < c.mib.size(); ++i)
+            cache.Insert(Item(std::string(1, 'a' + i), c.mib[i] * kMiB));
+        std::string kept;
+        long long total = 0;
+        ItemPtr out;
+        for (size_t i = 0; i < c.mib.size(); ++i) {
+            if (!cache.Get(0, std::string(1, 'a' + i), out)) continue;
+            kept += static_cast<char>('a' + i);
+            total += c.mib[i] * kMiB;
+        }
+        EXPECT_EQ(c.kept, kept);
+        EXPECT_EQ(total, cache.TotalSize()) << c.kept;
+    }
+}
+
+TEST(ThumbCacheTest, LookupsNeitherRefreshNorDeduplicate) {
     CQRBThumbCache cache;
-};
-
-TEST_F(ThumbCacheTest, ThirdFourMebibyteItemEvictsTheFirst) {
-    cache.Insert(Item("a", 4 * kMiB));
-    cache.Insert(Item("b", 4 * kMiB));
-    EXPECT_EQ(cache.TotalSize(), 8 * kMiB);
-    cache.Insert(Item("c", 4 * kMiB));
-    EXPECT_EQ(cache.TotalSize(), 8 * kMiB);
-    boost::intrusive_ptr<CQRBThumbnailItem> out;
-    EXPECT_FALSE(cache.Get(-1, "a", out));
-    EXPECT_TRUE(cache.Get(-1, "b", out));
-    EXPECT_TRUE(cache.Get(-1, "c", out));
-}
-
-TEST_F(ThumbCacheTest, ItemFillingTheBudgetExactlyEvictsNothing) {
-    cache.Insert(Item("a", 6 * kMiB));
-    cache.Insert(Item("b", 4 * kMiB));
-    EXPECT_EQ(cache.TotalSize(), CQRBThumbCache::kMaxBytes);
-    EXPECT_EQ(cache.Count(), 2);
-}
-
-TEST_F(ThumbCacheTest, OversizeItemIsKeptAloneAndNeverEvictedByItsOwnAdmission) {
-    cache.Insert(Item("a", 1 * kMiB));
-    cache.Insert(Item("huge", 11 * kMiB));
-    EXPECT_EQ(cache.Count(), 1);
-    boost::intrusive_ptr<CQRBThumbnailItem> out;
-    EXPECT_TRUE(cache.Get(-1, "huge", out));
-}
-
-TEST_F(ThumbCacheTest, LookupsDoNotRefreshEntries) {
-    cache.Insert(Item("old", 5 * kMiB));
-    cache.Insert(Item("new", 5 * kMiB));
-    boost::intrusive_ptr<CQRBThumbnailItem> out;
-    ASSERT_TRUE(cache.Get(-1, "old", out));
-    cache.Insert(Item("newest", 1));
-    EXPECT_FALSE(cache.Get(-1, "old", out)) << "first in, first out, even after a lookup";
-    EXPECT_TRUE(cache.Get(-1, "new", out));
-}
-
-TEST_F(ThumbCacheTest, SizedLookupNeedsTheExactFirstImageSize) {
-    cache.Insert(Item("pic", 100, 32, 16));
-    boost::intrusive_ptr<CQRBThumbnailItem> out;
-    EXPECT_TRUE(cache.Get(-1, "pic", 32, 16, out));
-    EXPECT_FALSE(cache.Get(-1, "pic", 16, 16, out));
-    EXPECT_FALSE(cache.Get(5, "pic", 32, 16, out)) << "the id is part of the key";
-}
-
-TEST_F(ThumbCacheTest, DuplicatesTakeTwoEntriesAndTheOlderIsFound) {
-    auto first = Item("dup", 10);
-    auto second = Item("dup", 10);
+    ASSERT_TRUE(cache.Create());
+    const ItemPtr first = Item("a", 5 * kMiB);
     cache.Insert(first);
-    cache.Insert(second);
-    EXPECT_EQ(cache.Count(), 2);
-    boost::intrusive_ptr<CQRBThumbnailItem> out;
-    ASSERT_TRUE(cache.Get(-1, "dup", out));
-    EXPECT_EQ(out.get(), first.get());
+    cache.Insert(Item("a", 5 * kMiB));
+    ItemPtr out;
+    ASSERT_TRUE(cache.Get(0, "a", out));
+    EXPECT_EQ(first, out) << "the older of two";
+    cache.Insert(Item("b", 1));
+    ASSERT_TRUE(cache.Get(0, "a", out));
+    EXPECT_NE(first, out) << "first in, first out, even after a lookup";
 }
 
-TEST_F(ThumbCacheTest, NullItemChangesNothingAndClearReleasesEverything) {
-    cache.Insert(nullptr);
-    EXPECT_EQ(cache.Count(), 0);
-    auto item = Item("held", 10);
-    cache.Insert(item);
-    EXPECT_EQ(item->RefCount(), 2);
-    cache.ClearAll();
-    EXPECT_EQ(item->RefCount(), 1);
-    EXPECT_EQ(cache.TotalSize(), 0);
-    cache.Destroy();
-    EXPECT_FALSE(cache.FlagCreate());
-}
-
-TEST_F(ThumbCacheTest, ItemSizeCountsDataAndEveryImage) {
-    auto item = Item("sz", 100);
-    boost::intrusive_ptr<CQRBThumbImage> second(new CQRBThumbImage);
-    item->AddImage(second);
+TEST(ThumbCacheTest, SizedLookupAndClear) {
+    CQRBThumbCache cache;
+    ASSERT_TRUE(cache.Create());
+    const ItemPtr item = Item("pic", 100, 32);
+    item->AddImage(nullptr);
     item->SetData(std::string(50, 'd'));
-    EXPECT_EQ(item->CacheSize(), 250);
+    cache.Insert(item);
+    EXPECT_EQ(250, cache.TotalSize()) << "data and every image";
+    ItemPtr out;
+    EXPECT_TRUE(cache.Get(0, "pic", 32, 1, out));
+    EXPECT_FALSE(cache.Get(0, "pic", 16, 1, out));
+    EXPECT_FALSE(cache.Get(5, "pic", 32, 1, out)) << "the id is part of the key";
+    out.reset();
+    cache.ClearAll();
+    EXPECT_EQ(1, item->RefCount());
+    EXPECT_EQ(0, cache.TotalSize());
+}
+
+TEST(ThumbnailItemTest, HoldsAtMostFiveImagesAndAZeroFilledPreset) {
+    ItemPtr item(new CQRBThumbnailItem);
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(item->AddImage(nullptr));
+    EXPECT_FALSE(item->AddImage(nullptr));
+    ASSERT_TRUE(item->SetBufferPreset("long preset text"));
+    ASSERT_TRUE(item->SetBufferPreset("short"));
+    EXPECT_EQ(0, std::memcmp(item->GetPreset(), "short\0\0\0\0\0\0", 12));
 }
 
 }  // namespace
