@@ -234,6 +234,7 @@ int Describe(Input& input, AVFormatContext* context) {
     // One picture per position: a thread pool would cost more to start than it saves, and
     // frame threads would hold pictures back.
     codec->thread_count = 1;
+    codec->thread_type = FF_THREAD_SLICE;  // never frame threads, which GetBuffer does not serve
     codec->get_buffer2 = GetBuffer;
 
     input.width = par->width;
