@@ -150,7 +150,10 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBID3ThumbnailGetter::m_DecodeCover(
         return nullptr;
     }
     const std::string dataDir = QRBSystemPath(QRB_DATA_DIR);
-    if (m_CreateDir(dataDir.c_str()) != 0) return nullptr;
+    if (m_CreateDir(dataDir.c_str()) != 0) {
+        QRBNoteFailure(QRBFailure::kScratch);
+        return nullptr;
+    }
 
     std::string tried;  // the last name tried
     QRBTempFile file;   // removed on every way out; a name this getter did not make never is

@@ -2,6 +2,7 @@
 
 #include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_thumb_param.h"
+#include "qrb_failure.h"
 #include "qrb_log.h"
 #include "qrb_scoped.h"
 #include "qrb_system_path.h"
@@ -75,6 +76,7 @@ boost::intrusive_ptr<CQRBThumbnailItem> CQRBSCSAThumbnailGetter::ExtractThumbnai
     // The folders get 0755 exactly, whatever the umask.
     if (CQRBUtil::MakeDirs(QRBSystemPath(QRB_DATA_DIR), 0755, true) != nullptr ||
         !m_WriteFlashFile(file, picture.get(), static_cast<size_t>(size))) {
+        QRBNoteFailure(QRBFailure::kScratch);
         QRB_LOGW("Write JPG Buffer fail");
         return nullptr;
     }
