@@ -12,41 +12,15 @@
 # that user.
 set -eu
 
-REPO=$(cd "$(dirname "$0")/.." && pwd)
-BUILD=$(cd "$1" && pwd)
-SCRATCH=$(mktemp -d /tmp/qrb-installed-test.XXXXXX)
-trap 'rm -rf "$SCRATCH"' EXIT INT TERM
-chmod 755 "$SCRATCH"
-PREFIX=$SCRATCH/prefix
-fail() { echo "test-installed: $*" >&2; exit 1; }
-
-cmake --install "$BUILD" --prefix "$PREFIX" >/dev/null
-
-# The sample media, readable by anyone. The stand-in recorder hands the recording's key frames
-# over; it writes its scratch files under a root of its own.
-QRB_ROOT=$SCRATCH/recorder-root "$REPO/scripts/make-media.sh" "$BUILD" "$SCRATCH/media" \
-    "$SCRATCH/recordings" "$SCRATCH/work" >/dev/null
-[ -s "$SCRATCH/recordings/news.mta" ] || fail "the recording got no key frames"
-mkdir -p "$SCRATCH/out"
-chmod -R a+rX "$SCRATCH"
-
-# An empty environment but for the search path (and the library path for app.c, linked without
-# an rpath as the README builds it).
-if [ "$(id -u)" -eq 0 ]; then
-    as_user() { setpriv --reuid=nobody --regid=nogroup --clear-groups env -i PATH=/usr/bin:/bin "$@"; }
-    chown nobody "$SCRATCH/out"
-else
-    as_user() { env -i PATH=/usr/bin:/bin "$@"; }
-fi
-leftovers() { find /tmp -maxdepth 1 -name 'qrb-thumbnail-*' -user "$(as_user id -u)" | wc -l; }
+. "$(dirname "$0")/installed-user.sh"
+[ -s "$RECORDINGS/news.mta" ] || fail "the recording got no key frames"
 before=$(leftovers)
 
 TOOL=$PREFIX/bin/qrb-thumb
-M=$SCRATCH/media
 as_user "$TOOL" -o "$SCRATCH/out" --json "$M/orientation-6-exif-thumbnail.jpg" "$M/picture.png" \
     "$M/picture.bmp" "$M/picture.heic" "$M/picture.webp" "$M/song-with-cover.mp3" \
     "$M/song-id3v22-cover.mp3" "$M/song-wma-cover.wma" "$M/song-with-cover.flac" "$M/clip.mp4" \
-    "$M/clip-hevc.mkv" "$SCRATCH/recordings/news.srf" "$M/feature.uvu" \
+    "$M/clip-hevc.mkv" "$RECORDINGS/news.srf" "$M/feature.uvu" \
     "$M/song-without-cover.mp3" > "$SCRATCH/report.json" || true
 python3 - "$SCRATCH/report.json" <<'PY' || fail "the installed tool did not answer every kind"
 import json, sys
