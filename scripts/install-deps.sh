@@ -15,7 +15,7 @@ libheif-dev libwebp-dev libgif-dev libtiff-dev libtag1-dev
 libgtest-dev libgmock-dev googletest
 libcli11-dev nlohmann-json3-dev libcpp-httplib-dev
 imagemagick libimage-exiftool-perl time ffmpegthumbnailer libvips-tools hyperfine
-libheif-examples webp
+libheif-examples webp libtiff-tools
 "
 
 missing=""

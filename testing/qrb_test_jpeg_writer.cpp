@@ -45,10 +45,36 @@ struct CompressJob {
     unsigned int app1Size;
     const unsigned char* app2;
     unsigned int app2Size;
-    jpeg_scan_info scans[4];  // the scan script of sequentialScans
+    jpeg_scan_info scans[3];  // the scan script of sequentialScans
 };
 
-uint8_t Luma(JpegColor c) { return static_cast<uint8_t>((77 * c.r + 150 * c.g + 29 * c.b) >> 8); }
+// The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
+JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
+    const bool sideways = spec.storedFor >= 5 && spec.storedFor <= 8;
+    const int w = sideways ? spec.height : spec.width;  // the scene's size
+    const int h = sideways ? spec.width : spec.height;
+    // The scene point stored at (x, y), from which side the stored rows and columns run along.
+    const int mirrorX[9] = {0, 0, 1, 1, 0, 0, 1, 1, 0};
+    const int mirrorY[9] = {0, 0, 0, 1, 1, 0, 0, 1, 1};
+    const int o = spec.storedFor >= 0 && spec.storedFor <= 8 ? spec.storedFor : 0;
+    int sx = sideways ? y : x;
+    int sy = sideways ? x : y;
+    if (mirrorX[o]) sx = w - 1 - sx;
+    if (mirrorY[o]) sy = h - 1 - sy;
+    switch (spec.pattern) {
+        case JpegPattern::kSolid:
+            return spec.color;
+        case JpegPattern::kQuadrants: {
+            const bool right = sx >= w / 2;
+            if (sy < h / 2) return right ? JpegColor{0, 255, 0} : JpegColor{255, 0, 0};
+            return right ? spec.lowerRight : JpegColor{0, 0, 255};
+        }
+        case JpegPattern::kGradient:
+            return JpegColor{static_cast<uint8_t>(sx * 255 / std::max(w - 1, 1)),
+                             static_cast<uint8_t>(sy * 255 / std::max(h - 1, 1)), spec.color.b};
+    }
+    return spec.color;
+}
 
 // The only frame that holds a jump target: libjpeg errors land here and nothing with a
 // destructor lives in it.
@@ -60,19 +86,9 @@ bool CompressGuarded(CompressJob* job) {
     jpeg_mem_dest(cinfo, job->out, job->outSize);
     cinfo->image_width = static_cast<JDIMENSION>(spec.width);
     cinfo->image_height = static_cast<JDIMENSION>(spec.height);
-    int components = 3;
-    if (spec.grey) {
-        components = 1;
-        cinfo->in_color_space = JCS_GRAYSCALE;
-    } else if (spec.cmyk) {
-        components = 4;
-        cinfo->in_color_space = JCS_CMYK;
-    } else {
-        cinfo->in_color_space = JCS_RGB;
-    }
-    cinfo->input_components = components;
+    cinfo->in_color_space = JCS_RGB;
+    cinfo->input_components = 3;
     jpeg_set_defaults(cinfo);
-    if (spec.cmyk) jpeg_set_colorspace(cinfo, spec.ycck ? JCS_YCCK : JCS_CMYK);
     jpeg_set_quality(cinfo, spec.quality, TRUE);
     if (spec.progressive) jpeg_simple_progression(cinfo);
     if (spec.sequentialScans && !spec.progressive) {
@@ -98,14 +114,9 @@ bool CompressGuarded(CompressJob* job) {
         unsigned char* p = job->row;
         for (int x = 0; x < spec.width; ++x) {
             const JpegColor c = PatternColor(spec, x, y);
-            if (components == 1) {
-                *p++ = Luma(c);
-            } else {
-                *p++ = c.r;
-                *p++ = c.g;
-                *p++ = c.b;
-                if (components == 4) *p++ = 0;
-            }
+            *p++ = c.r;
+            *p++ = c.g;
+            *p++ = c.b;
         }
         JSAMPROW rows[1] = {job->row};
         jpeg_write_scanlines(cinfo, rows, 1);
@@ -152,34 +163,8 @@ void PutEntry(std::string& s, const IfdEntry& e, bool big) {
     }
 }
 
-}  // namespace
 
-JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
-    const bool sideways = spec.storedFor >= 5 && spec.storedFor <= 8;
-    const int w = sideways ? spec.height : spec.width;  // the scene's size
-    const int h = sideways ? spec.width : spec.height;
-    // The scene point stored at (x, y), from which side the stored rows and columns run along.
-    const int mirrorX[9] = {0, 0, 1, 1, 0, 0, 1, 1, 0};
-    const int mirrorY[9] = {0, 0, 0, 1, 1, 0, 0, 1, 1};
-    const int o = spec.storedFor >= 0 && spec.storedFor <= 8 ? spec.storedFor : 0;
-    int sx = sideways ? y : x;
-    int sy = sideways ? x : y;
-    if (mirrorX[o]) sx = w - 1 - sx;
-    if (mirrorY[o]) sy = h - 1 - sy;
-    switch (spec.pattern) {
-        case JpegPattern::kSolid:
-            return spec.color;
-        case JpegPattern::kQuadrants: {
-            const bool right = sx >= w / 2;
-            if (sy < h / 2) return right ? JpegColor{0, 255, 0} : JpegColor{255, 0, 0};
-            return right ? spec.lowerRight : JpegColor{0, 0, 255};
-        }
-        case JpegPattern::kGradient:
-            return JpegColor{static_cast<uint8_t>(sx * 255 / std::max(w - 1, 1)),
-                             static_cast<uint8_t>(sy * 255 / std::max(h - 1, 1)), spec.color.b};
-    }
-    return spec.color;
-}
+}  // namespace
 
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
     const bool big = spec.bigEndian;
@@ -193,10 +178,7 @@ std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
     const uint32_t ifd1Offset = ifd0Offset + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
     if (hasIfd1) {
         ifd1.push_back({0x0103, 3, 6});  // Compression: JPEG
-        if (spec.thumbOrientation != 0) {
-            ifd1.push_back({0x0112, 3, static_cast<uint32_t>(spec.thumbOrientation)});
-        }
-        const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4 + (spec.thumbOrientation ? 12 : 0);
+        const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4;
         ifd1.push_back({0x0201, 4, dataOffset});
         ifd1.push_back({0x0202, 4, static_cast<uint32_t>(thumbnail.size())});
     }
@@ -238,7 +220,7 @@ std::string MakeJpeg(const JpegSpec& spec) {
         if (thumbnail.empty()) return std::string();
     }
     std::string app1;
-    if (spec.exif || spec.orientation != 0 || !thumbnail.empty() || spec.thumbOrientation != 0) {
+    if (spec.exif || spec.orientation != 0 || !thumbnail.empty()) {
         app1 = ExifSegment(spec, thumbnail).substr(4);  // libjpeg writes marker and length
     }
     std::string app2;
@@ -255,7 +237,7 @@ std::string MakeJpeg(const JpegSpec& spec) {
         return std::string();
     }
 
-    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 4);
+    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 3);
     jpeg_compress_struct storage;
     std::memset(&storage, 0, sizeof(storage));
     WriterError err;

@@ -1,6 +1,6 @@
 // JPEG files for tests, written with libjpeg into memory: any size, baseline or progressive,
-// colour, grey, CMYK or YCCK, with an optional APP1 EXIF block (either byte order; IFD0
-// Orientation; an IFD1 holding a JPEG thumbnail) and an optional APP2 segment holding a larger
+// with an optional APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 holding a JPEG
+// thumbnail) and an optional APP2 segment holding a larger
 // embedded JPEG. Pixels are generated one row at a time, so a 4000 x 3000 picture costs no more
 // memory than a small one.
 //
@@ -32,9 +32,6 @@ struct JpegSpec {
     int quality = 90;
     bool progressive = false;
     bool sequentialScans = false;  // baseline, one scan per component instead of one interleaved
-    bool grey = false;             // one component: the luma of each pattern pixel
-    bool cmyk = false;  // four components C, M, Y, K = r, g, b, 0 (not inverted, no conversion)
-    bool ycck = false;  // with cmyk: stored as YCCK, decoded back to CMYK by libjpeg
     JpegPattern pattern = JpegPattern::kSolid;
     JpegColor color{200, 40, 40};
     JpegColor lowerRight{255, 255, 255};  // the fourth quadrant of kQuadrants
@@ -50,9 +47,8 @@ struct JpegSpec {
     int thumbWidth = 0;      // IFD1 JPEG thumbnail (solid thumbColor); 0 = no IFD1
     int thumbHeight = 0;
     JpegColor thumbColor{40, 200, 40};
-    bool thumbScene = false;   // the thumbnail shows the picture's pattern, stored the same way,
-                               // with thumbColor in the fourth quadrant (else solid thumbColor)
-    int thumbOrientation = 0;  // IFD1 Orientation tag, 0 = no tag
+    bool thumbScene = false;  // the thumbnail shows the picture's pattern, stored the same way,
+                              // with thumbColor in the fourth quadrant (else solid thumbColor)
 
     // APP2 segment whose payload is a whole JPEG (solid largeThumbColor), as the picture
     // decoder's large embedded thumbnail. 0 = none. Its encoding must fit one segment (64 KiB).
@@ -65,9 +61,6 @@ std::string MakeJpeg(const JpegSpec& spec);
 // A width x height gradient (red grows left to right, green top to bottom, blue 100) at
 // quality 95: where a crop was taken from shows in its pixels.
 std::string GradientJpeg(int width, int height);
-
-// The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
-JpegColor PatternColor(const JpegSpec& spec, int x, int y);
 
 // The APP1 EXIF segment MakeJpeg writes for spec (marker and length included), for tests that
 // assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).

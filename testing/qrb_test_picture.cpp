@@ -3,8 +3,10 @@
 #include "image-decoder/qrb_image_processor.h"
 #include "qrb_test_files.h"
 
+#include <png.h>
+#include <zlib.h>
+
 #include <algorithm>
-#include <csetjmp>
 #include <cstdlib>
 #include <cstring>
 
@@ -104,91 +106,6 @@ Raster CropCentre(const Raster& in, int width, int height) {
     return out;
 }
 
-// ---- PNG writing
-
-namespace {
-
-void AppendData(png_structp png, png_bytep data, png_size_t length) {
-    static_cast<std::string*>(png_get_io_ptr(png))
-        ->append(reinterpret_cast<const char*>(data), length);
-}
-void FlushData(png_structp) {}
-void WriteError(png_structp png, png_const_charp message) {
-    ADD_FAILURE() << "libpng write: " << message;
-    png_longjmp(png, 1);
-}
-
-// Packs one row of 8-bit RGB samples (every step-th pixel from x0).
-void PackRow(const PngSpec& spec, uint32_t y, uint32_t x0, uint32_t step,
-             std::vector<png_byte>* row) {
-    row->assign(static_cast<size_t>(spec.width) * 3, 0);
-    size_t at = 0;
-    for (uint32_t x = x0; x < spec.width; x += step) {
-        uint16_t s[3] = {0, 0, 0};
-        spec.pixel(x, y, s);
-        for (int c = 0; c < 3; ++c) (*row)[at++] = static_cast<png_byte>(s[c]);
-    }
-}
-
-struct WriteJob {
-    png_structp png;
-    png_infop info;
-    const PngSpec* spec;
-    std::string* out;
-    std::vector<png_byte>* row;
-};
-
-// The only frame with a jump target; it holds no destructor.
-bool GuardedWrite(WriteJob* job) {
-    if (setjmp(png_jmpbuf(job->png))) return false;
-    const PngSpec& spec = *job->spec;
-    png_set_write_fn(job->png, job->out, AppendData, FlushData);
-    png_set_compression_level(job->png, spec.compression);
-    png_set_IHDR(job->png, job->info, spec.width, spec.height, 8, PNG_COLOR_TYPE_RGB,
-                 spec.interlace ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(job->png, job->info);
-    const int passes = spec.interlace ? 7 : 1;
-    for (int pass = 0; pass < passes; ++pass) {
-        // An interlaced pass row holds only that pass's pixels, packed.
-        if (spec.interlace && PNG_PASS_COLS(spec.width, pass) == 0) continue;
-        const uint32_t rows = spec.interlace ? PNG_PASS_ROWS(spec.height, pass) : spec.height;
-        for (uint32_t r = 0; r < rows; ++r) {
-            if (spec.interlace) {
-                PackRow(spec, PNG_ROW_FROM_PASS_ROW(r, pass), PNG_PASS_START_COL(pass),
-                        1u << PNG_PASS_COL_SHIFT(pass), job->row);
-            } else {
-                PackRow(spec, r, 0, 1, job->row);
-            }
-            png_write_row(job->png, job->row->data());
-        }
-    }
-    png_write_end(job->png, nullptr);
-    return true;
-}
-
-uint32_t Crc32(const std::string& bytes) {
-    uint32_t crc = 0xFFFFFFFFu;
-    for (unsigned char b : bytes) {
-        crc ^= b;
-        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return crc ^ 0xFFFFFFFFu;
-}
-
-}  // namespace
-
-std::string MakePng(const PngSpec& spec) {
-    std::string out;
-    std::vector<png_byte> row;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, WriteError, nullptr);
-    png_infop info = png_create_info_struct(png);
-    WriteJob job{png, info, &spec, &out, &row};
-    const bool ok = GuardedWrite(&job);
-    png_destroy_write_struct(&png, &info);
-    return ok ? out : std::string();
-}
-
 bool ReadPng(const std::string& path, Raster* out) {
     png_image image;
     std::memset(&image, 0, sizeof(image));
@@ -207,7 +124,9 @@ bool ReadPng(const std::string& path, Raster* out) {
 }
 
 std::string PngChunk(const std::string& type, const std::string& data) {
-    return BigEndian(data.size(), 4) + type + data + BigEndian(Crc32(type + data), 4);
+    const std::string body = type + data;
+    const uLong crc = crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size());
+    return BigEndian(data.size(), 4) + body + BigEndian(crc, 4);
 }
 
 std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest) {

@@ -1,15 +1,11 @@
 // Pictures for tests: rasters as the library makes them (bytes blue, green, red, alpha), the
-// picture decoder's output as an owned raster, PNG files written and read with libpng, and
-// hand-assembled PNG chunks for hostile files.
+// picture decoder's output as an owned raster, PNG files read with libpng, and hand-assembled PNG chunks for hostile files.
 #ifndef QRB_TESTING_PICTURE_H
 #define QRB_TESTING_PICTURE_H
 
 #include "qrb_thumbnail_item.h"
 
-#include <png.h>
-
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,16 +40,6 @@ std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);
 
-// An 8-bit RGB PNG file written with libpng.
-struct PngSpec {
-    uint32_t width = 13;
-    uint32_t height = 11;
-    bool interlace = false;
-    int compression = 6;
-    // Red, green and blue of pixel (x, y).
-    std::function<void(uint32_t x, uint32_t y, uint16_t* samples)> pixel;
-};
-std::string MakePng(const PngSpec& spec);
 // A file read with libpng's simplified API, in the decoder's byte order.
 bool ReadPng(const std::string& path, Raster* out);
 

@@ -73,8 +73,6 @@ TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
         {"IFD1, Motorola", kMotorolaWithIfd1, 1000, true, 1, kThumb, 0x20, "bIsInterOrder[0]"},
         {"orientation 9 counts as absent", Patch(kIntelOrientation6, 24, {9}), 1000, true, 0, 0, 0,
          "m_InFileInfo.uOrientation [0], tmpOrientation[9]"},
-        {"a LONG orientation", Patch(kIntelOrientation6, 18, {4, 0, 1, 0, 0, 0, 3, 0, 0, 0}), 1000,
-         true, 3, 0, 0, ""},
         {"IFD1's orientation is never the picture's", Patch(kIntelWithIfd1, 16, {0x0E}), 1000, true,
          0, kThumb, 0x20, ""},
         {"thumbnail ending at the end of the file", kIntelWithIfd1, kThumb + 0x20, true, 1, kThumb,
@@ -82,18 +80,14 @@ TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
         {"thumbnail a byte past it", kIntelWithIfd1, kThumb + 0x1F, true, 1, 0, 0, ""},
         {"offset near 2^32", Patch(kIntelWithIfd1, 6 + 48, {0xF0, 0xFF, 0xFF, 0xFF}), 1000, true, 1,
          0, 0, ""},
-        {"zero length", Patch(kIntelWithIfd1, 6 + 60, {0}), 1000, true, 1, 0, 0, ""},
         {"IFD0 linking to itself", Patch(kIntelWithIfd1, 6 + 22, {8}), 1000, true, 1, 0, 0,
          "IFD1 link 8 ignored"},
         {"IFD0 claiming 65535 entries", Patch(kIntelWithIfd1, 6 + 8, {0xFF, 0xFF}), 1000, true, 1,
          0, 0, "IFD0 claims 65535 entries"},
-        {"IFD1 claiming 65535 entries", Patch(kIntelWithIfd1, 6 + 26, {0xFF, 0xFF}), 1000, true, 1,
-         kThumb, 0x20, ""},
         {"IFD0 past the block", Patch(kIntelOrientation6, 10, {0xFF, 0x7F}), 1000, false, 0, 0, 0,
          "Wrong EXIF Foramt or Wrong Information ~!!!"},
         {"IFD1 past the block", Patch(kIntelWithIfd1, 6 + 22, {0xF0, 0x0F}), 1000, true, 1, 0, 0,
          ""},
-        {"no byte order", Patch(kIntelOrientation6, 6, {'I', 'M'}), 1000, false, 0, 0, 0, ""},
     };
     for (const auto& c : cases) {
         log.Clear();
@@ -136,8 +130,7 @@ std::string Repeat(const std::string& s, int n) {
 
 TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {
     qrbtest::LogCapture log;
-    std::string sof2 = kSof0, sof3 = kSof0;
-    sof2[1] = '\xC2';
+    std::string sof3 = kSof0;
     sof3[1] = '\xC3';
     const struct {
         const char* what;
@@ -145,8 +138,6 @@ TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {
         int ret;  // 0: the frame of 160 x 120 was found
         const char* logged;
     } cases[] = {
-        {"JFIF then SOF0", kSoi + Segment(0xE0, "JFIF\0abc") + kSof0 + kSos + kEoi, 0, ""},
-        {"SOF2", kSoi + sof2 + kSos, 0, ""},
         {"fill bytes, standalone markers, garbage",
          kSoi + Bytes({0xFF, 0xFF}) + Segment(0xFE, "x") + Bytes({0x12, 0xFF, 0, 0xFF, 0xD3}) +
              kSof0,
@@ -157,7 +148,6 @@ TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {
         {"broken EXIF", kSoi + Segment(0xE1, kExifId + std::string("XX*\0\x08\0\0\0", 8)) + kSof0,
          0, "Wrong EXIF Foramt or Wrong Information ~!!!"},
         {"lossless frame", kSoi + sof3 + kSos + kEoi, -1, "marker 0xDA before any frame header"},
-        {"not a JPEG", "\x89PNG\r\n\x1a\n", -1, ""},
         {"one byte", kSoi.substr(0, 1), -1, "ERROR FOR READ THE FILE, errno is:"},
         {"no frame", kSoi + kEoi, -1, ""},
         {"length 1", kSoi + Bytes({0xFF, 0xE0, 0, 1}) + kSof0, -1, "marker 0xE0 with length 1"},

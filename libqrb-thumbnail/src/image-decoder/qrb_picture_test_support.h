@@ -17,6 +17,11 @@ using qrbtest::Raster;
 using qrbtest::ReadFileBytes;
 using qrbtest::ScratchRoot;
 
+// A picture of testdata/make_picture_fixtures.sh (JPEG, PNG) as a path.
+inline std::string PictureFixture(const std::string& name) {
+    return std::string(QRB_PICTURE_FIXTURE_DIR) + "/" + name;
+}
+
 // A picture of testdata/make_format_fixtures.sh (HEIF, AVIF, WebP, GIF, TIFF) as a URL.
 inline std::string Fixture(const std::string& name) {
     return std::string("file://") + QRB_FORMAT_FIXTURE_DIR + "/" + name;

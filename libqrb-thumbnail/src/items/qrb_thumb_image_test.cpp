@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <vector>
 
 namespace {
 
@@ -14,13 +13,11 @@ using Pixel = std::array<int, 4>;  // bytes 0..3 of one pixel
 
 // Column, row, a mix of both, and a falling alpha: every byte differs between neighbours.
 Pixel Pattern(int x, int y) { return {x & 255, y & 255, (x * 7 + y * 13) & 255, 255 - (x & 127)}; }
-// Ids 1, 2, 3, ... row by row in byte 0.
-Pixel Ids(int x, int y) { return {1 + y * 3 + x, 0, 0, 255}; }
 
-boost::intrusive_ptr<CQRBThumbImage> MakeImage(int w, int h, Pixel (*fn)(int, int) = Pattern) {
+boost::intrusive_ptr<CQRBThumbImage> MakeImage(int w, int h) {
     auto* p = static_cast<unsigned char*>(malloc(static_cast<size_t>(w) * h * 4));
     for (int i = 0; i < w * h * 4; ++i)
-        p[i] = static_cast<unsigned char>(fn(i / 4 % w, i / 4 / w)[i % 4]);
+        p[i] = static_cast<unsigned char>(Pattern(i / 4 % w, i / 4 / w)[i % 4]);
     boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
     image->Create(w, h, 4, w * 4, p, 0);
     return image;
@@ -37,11 +34,9 @@ TEST(ThumbImageTest, ScaleSamplesNearestWhenGrowingBothWaysElseAveragesBoxes) {
         int srcW, srcH, dstW, dstH, x, y;
         Pixel want;
     } cases[] = {
-        {100, 50, 200, 100, 1, 1, Pattern(0, 0)},  // nearest: no blend
-        {100, 50, 200, 100, 199, 99, Pattern(99, 49)},
-        {100, 50, 200, 40, 2, 0, {1, 0, 17, 253}},   // mean of (1, 0), (2, 0), (1, 1), (2, 1)
+        {100, 50, 200, 100, 199, 99, Pattern(99, 49)},  // nearest: no blend
+        {100, 50, 200, 40, 2, 0, {1, 0, 17, 253}},  // mean of (1, 0), (2, 0), (1, 1), (2, 1)
         {100, 50, 200, 40, 10, 39, Pattern(5, 48)},  // last row: copied
-        {100, 50, 200, 40, 199, 7, Pattern(99, 8)},  // last column: copied
         // Boxes starting on the last source column or row take it twice, never reading past.
         {100, 50, 200, 40, 198, 0, {99, 0, 187, 156}},
         {200, 50, 100, 100, 0, 98, {0, 49, 128, 254}},
@@ -56,17 +51,13 @@ TEST(ThumbImageTest, ScaleSamplesNearestWhenGrowingBothWaysElseAveragesBoxes) {
     }
 }
 
-TEST(ThumbImageTest, ScaleRefusesBadOrAbsurdTargetsAndKeepsTheImage) {
-    auto image = MakeImage(6, 4);
+// Bad or absurd targets are refused and leave the image as it was.
+TEST(ThumbImageTest, ScaleAndCropTakeOnlyWhatFitsTheSource) {
+    auto image = MakeImage(10, 10);
     const unsigned char* before = image->GetBuffer();
     for (auto [w, h] : {std::pair{0, 4}, {6, -1}, {1 << 15, 1 << 15}, {70000, 70000}})
         EXPECT_FALSE(image->ScaleARGB(w, h)) << w << "x" << h;
     EXPECT_EQ(before, image->GetBuffer());
-    EXPECT_EQ(6, image->GetWidth());
-}
-
-TEST(ThumbImageTest, CropTakesOnlyWhatLiesInsideTheSource) {
-    auto image = MakeImage(10, 10);
     for (auto [x, y, w, h] : {std::array{-1, 0, 5, 5},
                               {0, 0, 0, 5},
                               {0, 0, 11, 5},
@@ -82,32 +73,11 @@ TEST(ThumbImageTest, CropTakesOnlyWhatLiesInsideTheSource) {
     EXPECT_EQ(Pattern(7, 6), At(*image, 5, 3));
 }
 
-TEST(ThumbImageTest, RotateGivesEveryOrientationsRaster) {
-    // Source 3 x 2:  1 2 3
-    //                4 5 6
-    const std::vector<int> want[] = {
-        {},
-        {1, 2, 3, 4, 5, 6},
-        {3, 2, 1, 6, 5, 4},  // mirror
-        {6, 5, 4, 3, 2, 1},
-        {4, 5, 6, 1, 2, 3},
-        {1, 4, 2, 5, 3, 6},  // transpose
-        {4, 1, 5, 2, 6, 3},  // a quarter turn clockwise: the left column bottom to top on top
-        {6, 3, 5, 2, 4, 1},  // transverse
-        {3, 6, 2, 5, 1, 4},
-    };
-    for (int orient = 1; orient <= 8; ++orient) {
-        auto image = MakeImage(3, 2, Ids);
-        ASSERT_TRUE(image->RotateARGB(orient));
-        EXPECT_EQ(orient >= 5 ? 2 : 3, image->GetWidth()) << orient;
-        std::vector<int> ids;
-        for (int i = 0; i < 6; ++i) ids.push_back(image->GetBuffer()[i * 4]);
-        EXPECT_EQ(want[orient], ids) << "orientation " << orient;
-    }
-    auto image = MakeImage(3, 2, Ids);
-    EXPECT_FALSE(image->RotateARGB(0));
-    EXPECT_FALSE(image->RotateARGB(9));
-    EXPECT_FALSE(CQRBThumbImage().RotateARGB(6)) << "not created";
+// Every orientation's raster is checked end to end by the EXIF getter's test; here, only what
+// it never asks.
+TEST(ThumbImageTest, RotateRefusesUnknownOrientationsAndEmptyImages) {
+    EXPECT_FALSE(MakeImage(3, 2)->RotateARGB(9));
+    EXPECT_FALSE(CQRBThumbImage().RotateARGB(6));
 }
 
 }  // namespace

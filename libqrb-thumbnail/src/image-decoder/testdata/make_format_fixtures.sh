@@ -13,7 +13,11 @@
 #   quad_offset.gif   the quadrants as a 640 x 480 frame at (80, 60) on an 800 x 600 canvas
 #   quad_pyramid.tif  reduced-resolution pages (320 x 240 down to 40 x 30) after the picture
 #   quad_subifd.tif   the same pages as SubIFDs of the picture
+#   quad_pages.tif    the quadrants, then pages marked reduced that do not show them: black
+#                     320 x 240, a red square 100 x 100 (another picture's shape), blue 160 x 120
 #   large_4000x3000.heic  12 megapixels, the size of a phone photo
+#   black_12000x12000.tif  grey, deflate, strips of 128 rows
+#   black_8000x8000_one_strip.tif  RGB, deflate, the whole picture one strip of 192 MiB
 set -eu
 
 if [ $# -ne 1 ]; then
@@ -76,6 +80,14 @@ convert "$T/quad_alpha.png" -compress lzw "$T/quad_alpha.tif"
 convert "$T/quad.png" -orient RightTop "$T/quad_orient6.tif"
 vips tiffsave "$T/quad.png" "$T/quad_pyramid.tif" --pyramid --tile --tile-width 64 --tile-height 64
 vips tiffsave "$T/quad.png" "$T/quad_subifd.tif" --pyramid --tile --subifd
+convert "$T/quad.png" -size 320x240 xc:black -size 100x100 xc:red -size 160x120 xc:blue \
+    -type TrueColor -compress none "$T/quad_pages.tif"
+tiffset -d 0 -s 254 0 "$T/quad_pages.tif"
+for d in 1 2 3; do tiffset -d "$d" -s 254 1 "$T/quad_pages.tif"; done
+vips black "$T/black_12000x12000.tif[compression=deflate]" 12000 12000
+vips black "$T/black_rgb.tif[compression=deflate]" 8000 8000 --bands 3
+tiffcp -c zip -r 8000 "$T/black_rgb.tif" "$T/black_8000x8000_one_strip.tif"
+rm "$T/black_rgb.tif"
 
 # A phone photo's size.
 quadrants 4000 3000 PNG24:"$T/large.png"
