@@ -47,10 +47,10 @@ $FF -f lavfi -i "$(fade 3840x2000 5 2)" -c:v libx264 -preset ultrafast -g 3 -pix
 $FF -f lavfi -i "$(fade 3840x2160 5 2)" -c:v libx265 -preset ultrafast \
     $X265:keyint=3:min-keyint=3:open-gop=1:bframes=2:scenecut=0 -pix_fmt yuv420p \
     "$OUT/fade_hevc_3840x2160_2s_open_gop.mkv"
-# One key frame, then ten seconds of others: the tests blank its pictures to make a stream
-# that never gives one.
-$FF -f lavfi -i "$(fade 64x64 25 10)" -c:v libx264 -preset ultrafast -g 1000 \
-    -pix_fmt yuv420p "$OUT/fade_h264_64x64_10s_one_key.mkv"
+# One key frame, then ten seconds of others, with the pictures taken out (access-unit delimiters
+# left under the key flags): every position decodes until its attempts run out.
+$FF -f lavfi -i "$(fade 64x64 25 10)" -c:v libx264 -preset ultrafast -g 1000 -x264-params aud=1 \
+    -pix_fmt yuv420p -bsf:v "filter_units=remove_types=1|5" "$OUT/no_pictures_h264_64x64_10s_one_key.nut"
 # Two seconds of access-unit delimiters with the pictures taken out: it opens, has a duration
 # and packets, and never gives a picture.
 $FF -f lavfi -i "$(fade 64x64 25 2)" -c:v libx264 -preset ultrafast -g 5 -x264-params aud=1 \

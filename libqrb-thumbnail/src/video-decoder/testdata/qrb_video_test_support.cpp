@@ -6,7 +6,6 @@ extern "C" {
 #include <libavutil/dovi_meta.h>
 }
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -116,9 +115,9 @@ struct SideData {
     std::string bytes;
 };
 
-// src's video stream copied into dst's container: each packet's bytes zeroed when blank is set,
-// the side data attached, the muxer allowed what its format's unofficial extensions need.
-void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
+// src's video stream copied into dst's container with the side data attached, the muxer allowed
+// what its format's unofficial extensions need.
+void CopyVideoStream(const std::string& src, const std::string& dst,
                      const std::vector<SideData>& sideData) {
     QRBScopedFormatContext input = OpenForTest(src);
     const int index = VideoStream(input.get());
@@ -148,9 +147,6 @@ void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
     QRBScopedPacket packet(av_packet_alloc());
     while (av_read_frame(input.get(), packet.get()) >= 0) {
         if (packet->stream_index == index) {
-            if (blank && av_packet_make_writable(packet.get()) == 0) {
-                std::fill(packet->data, packet->data + packet->size, 0);
-            }
             packet->stream_index = 0;
             packet->pos = -1;
             av_packet_rescale_ts(packet.get(), input->streams[index]->time_base, out->time_base);
@@ -163,15 +159,11 @@ void CopyVideoStream(const std::string& src, const std::string& dst, bool blank,
 
 }  // namespace
 
-void WriteBlankedVideoCopy(const std::string& src, const std::string& dst) {
-    CopyVideoStream(src, dst, true, {});
-}
-
 void WriteWithDisplayMatrix(const std::string& src, const std::string& dst, int a, int b, int c,
                             int d) {
     const int32_t one = 1 << 16;
     const int32_t matrix[9] = {a * one, b * one, 0, c * one, d * one, 0, 0, 0, 1 << 30};
-    CopyVideoStream(src, dst, false,
+    CopyVideoStream(src, dst,
                     {{AV_PKT_DATA_DISPLAYMATRIX,
                       std::string(reinterpret_cast<const char*>(matrix), sizeof(matrix))}});
 }
@@ -189,7 +181,7 @@ void WriteWithDolbyVision(const std::string& src, const std::string& dst, int pr
     record->bl_present_flag = 1;
     record->dv_bl_signal_compatibility_id = static_cast<uint8_t>(compatibility);
     CopyVideoStream(
-        src, dst, false,
+        src, dst,
         {{AV_PKT_DATA_DOVI_CONF, std::string(reinterpret_cast<const char*>(record.get()), size)}});
 }
 

@@ -1,7 +1,7 @@
 // What the video and recording tests share: the fixture videos the build made (see
 // make_video_fixtures.sh), the plug-ins installed into a scratch root, and small tools that read
 // real media with FFmpeg to tell the tests what to expect (durations, key-frame times, the key
-// frames themselves) or to derive broken files from good ones.
+// frames themselves) or to give copies the side data a phone or an HDR file carries.
 #ifndef QRB_VIDEO_TEST_SUPPORT_H
 #define QRB_VIDEO_TEST_SUPPORT_H
 
@@ -38,10 +38,6 @@ MediaFacts ReadMediaFacts(const std::string& path);
 // The first count key-frame packets of the video stream of a transport stream, as a recorder
 // hands them over: one coded picture each, with the headers it carries in the stream.
 std::vector<std::string> CutKeyFrames(const std::string& path, int count);
-
-// A copy of src whose video packets keep their sizes, times and flags but hold only zero bytes:
-// a well-formed container around a stream that never gives a picture.
-void WriteBlankedVideoCopy(const std::string& src, const std::string& dst);
 
 // A copy of src whose video stream carries the display matrix (a, b, 0; c, d, 0; 0, 0, 1): a
 // point (x, y) of the stored picture is shown at (a x + c y, b x + d y), y downwards, as a
