@@ -65,6 +65,8 @@ std::string MakeJpeg(const JpegSpec& spec);
 // A width x height gradient (red grows left to right, green top to bottom, blue 100) at
 // quality 95: where a crop was taken from shows in its pixels.
 std::string GradientJpeg(int width, int height);
+// A width x height picture of four quadrants (red, green / blue, white) at quality 95.
+std::string QuadrantJpeg(int width, int height);
 
 // The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
 JpegColor PatternColor(const JpegSpec& spec, int x, int y);

@@ -1,4 +1,4 @@
-// The music getter on songs the tests assemble, through the C interface and directly.
+// The music getter on songs the tests assemble, through the C interface.
 #include "qrb_id3_thumbnail_getter.h"
 
 #include "id3-extractor/qrb_music_test_support.h"
@@ -21,16 +21,6 @@ using namespace qrbmusictest;
 
 const char kDataDir[] = "/opt/usr/apps/orvale/data/";
 
-// A w x h cover: red top left, green top right, blue bottom left, white bottom right.
-std::string QuadrantJpeg(int w = 200, int h = 100) {
-    qrbtest::JpegSpec spec;
-    spec.width = w;
-    spec.height = h;
-    spec.quality = 95;
-    spec.pattern = qrbtest::JpegPattern::kQuadrants;
-    return qrbtest::MakeJpeg(spec);
-}
-
 std::string Mp3WithApic(const std::string& picture) {
     return Id3Tag(3, V23Frame("TIT2", std::string("\0Song", 5)) +
                          V23Frame("APIC", ApicBody("image/jpeg", picture))) +
@@ -46,87 +36,56 @@ std::string WmaWithHalves() {
            AsfObject(DataGuid(), kAudio);
 }
 
-class MusicGetterTest : public ::testing::Test {
-protected:
-    boost::intrusive_ptr<CQRBThumbnailItem> Extract(const std::string& url, int w, int h) {
-        _stExtractInfo info;
-        info.strURL = url;
-        info.width = w;
-        info.height = h;
-        return getter.ExtractThumbnail(info);
-    }
-
-    qrbtest::ScratchRoot root;
-    qrbtest::LogCapture log;
-    CQRBID3ThumbnailGetter getter;
-};
-
 // Through the C interface (a local song is kind 1 on the multi variant, one on a serial device
 // kind 14 on the single variant): centre-cropped from the raster that covers the box (0 x 0:
 // uncropped), through a temporary file named after the process id (padded to five digits on the
-// ID3 path only) and removed.
-TEST_F(MusicGetterTest, CoversAreDecodedAndCentreCropped) {
-    ASSERT_EQ(thumbnail_init(), 0);
+// ID3 path only) and removed. A cover of 524287 bytes is the largest taken; songs without a
+// usable cover fail once and leave no file (a capitalised WMA extension is looked at as an MP3).
+TEST(MusicGetterTest, CoversAreDecodedAndCentreCroppedOrFailOnce) {
+    qrbtest::ScratchRoot root;
+    qrbtest::LogCapture log;
     qrbtest::CallbackRecorder recorder;
-    const struct {
-        const char* name;
-        std::string bytes;
-        qrb_extend_dev_type dev;
-        int w, h, outW, outH;
-        const char* quadrants;
-        bool id3;
-    } cases[] = {
-        {"song.mp3", Mp3WithApic(QuadrantJpeg()), DEV_TYPE_LOCAL, 50, 50, 50, 50, "RGWB", true},
-        {"own.mp3", Mp3WithApic(QuadrantJpeg()), DEV_TYPE_SERIAL_FIRST, 0, 0, 200, 100, "RGWB", true},
-        {"song.wma", WmaWithHalves(), DEV_TYPE_LOCAL, 4, 4, 4, 4, "RGGR", false},  // columns 2 to 5 of 8
-    };
-    for (const auto& c : cases) {
-        log.Clear();
-        const auto r = recorder.Request(root.WriteFile("music/" + std::string(c.name), c.bytes), MEDIA_TYPE_MUSIC,
-                                        c.dev, c.w, c.h);
-        ASSERT_EQ(r.width, c.outW) << c.name;
-        ASSERT_EQ(r.height, c.outH) << c.name;
-        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.outW, c.outH)), c.quadrants) << c.name;
-        EXPECT_EQ(log.Contains("cropStartX="), c.w != 0) << c.name;
-        const std::string name = c.id3 ? CQRBID3ThumbnailGetter::m_ID3TempName(getpid(), 0)
-                                       : CQRBID3ThumbnailGetter::m_WMATempName(getpid(), 0);
-        EXPECT_TRUE(log.Contains("Writing the data to flash ,path is " +
-                                 name.substr(0, name.size() - 9)))
-            << c.name;
-        EXPECT_EQ(root.CountEntries(kDataDir), 0) << c.name;
-    }
-    thumbnail_finalize();
-    EXPECT_EQ(CQRBID3ThumbnailGetter::m_ID3TempName(123, 7),
-              root.Resolve(kDataDir) + "mus0012300007.jpg");
-    EXPECT_EQ(CQRBID3ThumbnailGetter::m_WMATempName(123, 7),
-              root.Resolve(kDataDir) + "mus12300007.jpg");
-}
-
-// A cover of 524287 bytes is the largest taken; songs without a usable cover give no item and
-// leave no file (a capitalised WMA extension is looked at as an MP3).
-TEST_F(MusicGetterTest, OnlyUsableCoversWithinTheLimitGiveAnItem) {
-    std::string limit = QuadrantJpeg(64, 32);
+    ASSERT_EQ(thumbnail_init(), 0);
+    std::string limit = qrbtest::QuadrantJpeg(64, 32);
     limit.resize(CQRBID3ThumbnailGetter::kMaxCoverLength, '\0');  // bytes after the end marker
     ASSERT_EQ(limit.size(), 524287u);
-    std::string cut = Mp3WithApic(QuadrantJpeg());
+    std::string cut = Mp3WithApic(qrbtest::QuadrantJpeg(200, 100));
     cut.resize(300);  // the tag and its picture frame claim far more
     const struct {
         const char* name;
         std::string bytes;
-        bool ok;
+        qrb_extend_dev_type dev;
+        int w, h, outW, outH;  // outW 0: fails
+        const char* quadrants;
     } cases[] = {
-        {"limit.mp3", Mp3WithApic(limit), true},
-        {"over.mp3", Mp3WithApic(limit + '\0'), false},
-        {"bad.mp3", Mp3WithApic("not a picture at all"), false},
-        {"cut.mp3", cut, false},
-        {"SONG.WMA", WmaWithHalves(), false},
+        {"song.mp3", Mp3WithApic(qrbtest::QuadrantJpeg(200, 100)), DEV_TYPE_LOCAL, 50, 50, 50, 50, "RGWB"},
+        {"own.mp3", Mp3WithApic(qrbtest::QuadrantJpeg(200, 100)), DEV_TYPE_SERIAL_FIRST, 0, 0, 200, 100, "RGWB"},
+        {"song.wma", WmaWithHalves(), DEV_TYPE_LOCAL, 4, 4, 4, 4, "RGGR"},  // columns 2 to 5 of 8
+        {"limit.mp3", Mp3WithApic(limit), DEV_TYPE_LOCAL, 16, 16, 16, 16, "RGWB"},
+        {"over.mp3", Mp3WithApic(limit + '\0'), DEV_TYPE_LOCAL, 16, 16, 0, 0, ""},
+        {"bad.mp3", Mp3WithApic("not a picture at all"), DEV_TYPE_LOCAL, 16, 16, 0, 0, ""},
+        {"cut.mp3", cut, DEV_TYPE_LOCAL, 16, 16, 0, 0, ""},
+        {"SONG.WMA", WmaWithHalves(), DEV_TYPE_LOCAL, 16, 16, 0, 0, ""},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(Extract(root.WriteFile(c.name, c.bytes), 16, 16) != nullptr, c.ok) << c.name;
+        const auto r = recorder.Request(root.WriteFile("music/" + std::string(c.name), c.bytes), MEDIA_TYPE_MUSIC,
+                                        c.dev, c.w, c.h);
+        EXPECT_EQ(r.status, c.outW ? 0 : -1) << c.name;
+        if (c.outW == 0) continue;
+        ASSERT_EQ(r.width, c.outW) << c.name;
+        ASSERT_EQ(r.height, c.outH) << c.name;
+        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.outW, c.outH)), c.quadrants) << c.name;
     }
+    thumbnail_finalize();
     EXPECT_TRUE(log.Contains("picture of 524288 bytes is over the limit of 524287"));
-    EXPECT_EQ(log.Count("Writing the data to flash"), 2) << "only the limit and the bad picture";
+    EXPECT_EQ(log.Count("Writing the data to flash"), 5) << "the covers taken and the bad picture";
+    for (const std::string& name : {CQRBID3ThumbnailGetter::m_ID3TempName(getpid(), 0),
+                                    CQRBID3ThumbnailGetter::m_WMATempName(getpid(), 0)}) {
+        EXPECT_TRUE(log.Contains("Writing the data to flash ,path is " + name.substr(0, name.size() - 9)));
+    }
     EXPECT_EQ(root.CountEntries(kDataDir), 0);
+    EXPECT_EQ(CQRBID3ThumbnailGetter::m_ID3TempName(123, 7), root.Resolve(kDataDir) + "mus0012300007.jpg");
+    EXPECT_EQ(CQRBID3ThumbnailGetter::m_WMATempName(123, 7), root.Resolve(kDataDir) + "mus12300007.jpg");
 }
 
 }  // namespace

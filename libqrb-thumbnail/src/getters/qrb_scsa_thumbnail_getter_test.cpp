@@ -24,16 +24,6 @@ using namespace qrbtest;
 const std::string kUrn = "urn:dece:container:imageindex:";
 const char kDataDir[] = "/opt/usr/apps/orvale/data/";
 
-// 200 x 100: red top left, green top right, blue bottom left, white bottom right.
-std::string QuadrantJpeg() {
-    JpegSpec spec;
-    spec.width = 200;
-    spec.height = 100;
-    spec.quality = 95;
-    spec.pattern = JpegPattern::kQuadrants;
-    return MakeJpeg(spec);
-}
-
 // Two contents: the table's, whose picture names an item that is not there, and the box's,
 // whose picture is the package's poster (item 4).
 std::string TwoContentPackage(const std::string& poster) {
@@ -60,7 +50,7 @@ TEST(ScsaGetterTest, FirstContentWithAPictureIsCentreCroppedThroughTheCInterface
     LogCapture log;
     CallbackRecorder recorder;
     ASSERT_EQ(thumbnail_init(), 0);
-    const std::string package = root.WriteFile("films/film.uvu", TwoContentPackage(QuadrantJpeg()));
+    const std::string package = root.WriteFile("films/film.uvu", TwoContentPackage(QuadrantJpeg(200, 100)));
     const int cases[][4] = {{50, 50, 50, 50}, {30, 80, 30, 80}, {0, 10, 200, 100}};
     for (const auto& c : cases) {
         const RecordedResult r = recorder.Request(package, MEDIA_TYPE_SCSA, DEV_TYPE_LOCAL, c[0], c[1]);
