@@ -80,23 +80,24 @@ class QRBThumbHttpVariantTest : public ::testing::Test {
 protected:
     void SetUp() override {
         qrbtest::ServePatternBytes(m_Server);
-        m_Server.Http().Get(R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
-            m_Gate.Pass();
-            res.set_content("gated " + std::string(req.matches[1]), "text/plain");
-        });
+        m_Server.Http().Get(
+            R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+                m_Gate.Pass();
+                res.set_content("gated " + std::string(req.matches[1]), "text/plain");
+            });
         m_Server.Http().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
             res.status = 404;
             res.set_content("no such picture", "text/plain");
         });
         // Peers that redirect (to themselves, to other schemes) or send a compressed body
         // unasked: nothing is followed or inflated.
-        for (const auto& [path, to] : {std::pair{"/loop", "/loop"},
-                                       std::pair{"/to-file", "file:///etc/hostname"},
-                                       std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
-            m_Server.Http().Get(path, [to = std::string(to)](const httplib::Request&,
-                                                             httplib::Response& res) {
-                res.set_redirect(to);
-            });
+        for (const auto& [path, to] :
+             {std::pair{"/loop", "/loop"}, std::pair{"/to-file", "file:///etc/hostname"},
+              std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
+            m_Server.Http().Get(
+                path, [to = std::string(to)](const httplib::Request&, httplib::Response& res) {
+                    res.set_redirect(to);
+                });
         }
         m_Server.Http().Get("/bomb.jpg", [](const httplib::Request&, httplib::Response& res) {
             res.set_header("Content-Encoding", "gzip");
@@ -121,8 +122,8 @@ protected:
         return m_Server.Url(path);
     }
     void RequestBuffer(const std::string& url, int i) {
-        thumbnail_request_http_buffer_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 0, 0, 0, 1,
-                                            &CallbackRecorder::Callback, m_Recorder.Tag(i));
+        thumbnail_request_http_buffer_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 0, 0,
+                                            0, 1, &CallbackRecorder::Callback, m_Recorder.Tag(i));
     }
     void RequestThumb(const std::string& url, int i) {
         thumbnail_request_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 40, 30, 0, 1,
@@ -200,11 +201,14 @@ TEST_F(QRBThumbHttpVariantTest, RunsAtMostTenTransfersAtOnceAndCancelledOnesDeli
     EXPECT_EQ(m_Gate.WaitForStarted(12, std::chrono::milliseconds(300)), 11);
     m_Gate.Release(0, true);
     ASSERT_TRUE(m_Recorder.WaitForCount(kRequests - 2, kWait));
-    ASSERT_TRUE(m_Log.WaitFor("request gone while downloading, bytes dropped, url=" + Url("/gate/0"), kWait));
-    ASSERT_TRUE(m_Log.WaitFor("result not delivered (request gone or no callback), url=" + Url("/gate/1"), kWait));
+    ASSERT_TRUE(m_Log.WaitFor(
+        "request gone while downloading, bytes dropped, url=" + Url("/gate/0"), kWait));
+    ASSERT_TRUE(m_Log.WaitFor(
+        "result not delivered (request gone or no callback), url=" + Url("/gate/1"), kWait));
     thumbnail_finalize();
     EXPECT_EQ(m_Recorder.Count(), static_cast<size_t>(kRequests - 2));
-    EXPECT_TRUE(m_Recorder.For(m_Recorder.Tag(0)).empty() && m_Recorder.For(m_Recorder.Tag(1)).empty());
+    EXPECT_TRUE(m_Recorder.For(m_Recorder.Tag(0)).empty() &&
+                m_Recorder.For(m_Recorder.Tag(1)).empty());
     for (int i = 2; i < kRequests; ++i) EXPECT_EQ(One(i).buffers[0], "gated " + std::to_string(i));
 }
 
@@ -248,15 +252,22 @@ TEST_F(QRBThumbHttpVariantTest, HttpsNeedsTheIssuingCaAndTheRightHost) {
         LoopbackHttpServer* server;
         const qrbtest::TestCertificateAuthority* bundle;  // null: none
         int status;
-    } cases[] = {{&good, &other, -1}, {&misnamed, &ca, -1}, {&expired, &ca, -1},
-                 {&good, &ca, 0},     {&m_Server, nullptr, 0}};
+    } cases[] = {{&good, &other, -1},
+                 {&misnamed, &ca, -1},
+                 {&expired, &ca, -1},
+                 {&good, &ca, 0},
+                 {&m_Server, nullptr, 0}};
     for (int i = 0; i < 5; ++i) {
         std::remove(m_Root.Resolve("/opt/down/cert/ca.pem").c_str());
-        if (cases[i].bundle) m_Root.WriteFile("opt/down/cert/ca.pem", cases[i].bundle->CertificatePem());
-        RequestBuffer(cases[i].server->Url("/bytes/" + std::to_string(10 + i) + "?next=https://x.invalid/"), i);
+        if (cases[i].bundle)
+            m_Root.WriteFile("opt/down/cert/ca.pem", cases[i].bundle->CertificatePem());
+        RequestBuffer(
+            cases[i].server->Url("/bytes/" + std::to_string(10 + i) + "?next=https://x.invalid/"),
+            i);
         ASSERT_TRUE(m_Recorder.WaitForCount(i + 1, kWait));
         EXPECT_EQ(One(i).status, cases[i].status) << "case " << i;
-        EXPECT_EQ(One(i).buffers[0], cases[i].status == 0 ? PatternBytes(0, 10 + i) : "") << "case " << i;
+        EXPECT_EQ(One(i).buffers[0], cases[i].status == 0 ? PatternBytes(0, 10 + i) : "")
+            << "case " << i;
     }
     EXPECT_FALSE(m_Log.Contains("It is NOT https,NOT verifies certificate."));
 }
@@ -278,7 +289,8 @@ TEST_F(QRBThumbHttpVariantTest, DecodedThumbnailsAreCachedAndDeviceIconsReachThe
     CQRBThumbnail::GetInstance()->RequestDeviceIcon(icon, 31, static_cast<qrb_device_icon_type>(5),
                                                     &CallbackRecorder::Callback, false, false);
     ASSERT_TRUE(m_Log.WaitFor("strURL=" + icon + ", decode fail", kWait));
-    EXPECT_TRUE(m_Log.Contains("RequestedItem.szURI=" + icon + ", RequestedItem.eThumbnailType=11"));
+    EXPECT_TRUE(
+        m_Log.Contains("RequestedItem.szURI=" + icon + ", RequestedItem.eThumbnailType=11"));
     EXPECT_TRUE(m_Log.Contains("downloaded buffer of 777 bytes, url=" + icon));
 }
 
@@ -289,7 +301,8 @@ TEST_F(QRBThumbHttpVariantTest, FinalizeWhileTransfersHangReturnsPromptly) {
     {
         RawTcpPeer silent(RawTcpPeer::Behaviour::Silent);
         const int threadsBefore = qrbtest::ThreadCount();
-        for (int i = 0; i < 3; ++i) RequestBuffer(silent.Url("http", "/hang/" + std::to_string(i)), i);
+        for (int i = 0; i < 3; ++i)
+            RequestBuffer(silent.Url("http", "/hang/" + std::to_string(i)), i);
         RequestThumb(silent.Url("http", "/hang/thumb"), 3);
         ASSERT_TRUE(silent.WaitForAccepted(4, kWait));
         const auto start = std::chrono::steady_clock::now();
