@@ -1,5 +1,6 @@
 #include "qrb_test_http_server.h"
 
+#include <algorithm>
 #include <chrono>
 
 #if defined(__SANITIZE_THREAD__)
@@ -60,6 +61,17 @@ std::string PatternBytes(size_t offset, size_t length) {
         bytes[i] = static_cast<char>((at * 131 + at / 1024) & 0xff);
     }
     return bytes;
+}
+
+void ServePatternBytes(LoopbackHttpServer& server) {
+    server.Http().Get(R"(/bytes/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
+        res.set_content_provider(std::stoul(req.matches[1]), "application/octet-stream",
+                                 [](size_t offset, size_t length, httplib::DataSink& sink) {
+                                     const std::string bytes =
+                                         PatternBytes(offset, std::min<size_t>(length, 16384));
+                                     return sink.write(bytes.data(), bytes.size());
+                                 });
+    });
 }
 
 }  // namespace qrbtest

@@ -49,6 +49,9 @@ private:
 // smaller chunk compares unequal.
 std::string PatternBytes(size_t offset, size_t length);
 
+// Serves /bytes/<n> on server: n pattern bytes from offset 0, written in 16 KiB chunks.
+void ServePatternBytes(LoopbackHttpServer& server);
+
 }  // namespace qrbtest
 
 #endif

@@ -276,6 +276,15 @@ std::string GradientJpeg(int width, int height) {
     return MakeJpeg(spec);
 }
 
+std::string QuadrantJpeg(int width, int height) {
+    JpegSpec spec;
+    spec.width = width;
+    spec.height = height;
+    spec.quality = 95;
+    spec.pattern = JpegPattern::kQuadrants;
+    return MakeJpeg(spec);
+}
+
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
     if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
         static_cast<uint8_t>(jpeg[1]) != 0xD8)

@@ -61,6 +61,8 @@ std::string MakeJpeg(const JpegSpec& spec);
 // A width x height gradient (red grows left to right, green top to bottom, blue 100) at
 // quality 95: where a crop was taken from shows in its pixels.
 std::string GradientJpeg(int width, int height);
+// A width x height picture of four quadrants (red, green / blue, white) at quality 95.
+std::string QuadrantJpeg(int width, int height);
 
 // The APP1 EXIF segment MakeJpeg writes for spec (marker and length included), for tests that
 // assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).

@@ -48,7 +48,6 @@ TEST(QRBDlnaAsfDownloadTest, DownloadsCompleteInTurnAndFailuresKeepTheOldFile) {
         {server.Url("/missing.mta"), false},
         {dropper.Url("http", "/item.mta"), false},
         {"ftp://127.0.0.1/item.mta", true},
-        {"127.0.0.1/item.mta", true},
     };
     root.WriteFile("dl/item.mta", "old");
     for (const auto& c : cases) {

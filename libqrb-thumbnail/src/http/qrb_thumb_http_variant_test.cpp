@@ -3,7 +3,6 @@
 // misbehave).
 #include "qrb_thumb_http_request.h"
 #include "qrb_thumbnail.h"
-#include "qrb_thumbnail_http_imp.h"
 #include "qrb_thumbnail_service.h"
 
 #include "qrb_test_callbacks.h"
@@ -15,16 +14,13 @@
 #include "qrb_test_tls.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 
 namespace {
@@ -39,41 +35,16 @@ using qrbtest::RecordedResult;
 // slow; a hang fails the test instead of stalling it.
 constexpr std::chrono::seconds kWait(15);
 
-// /bytes/<n>: n pattern bytes, written in 16 KiB chunks.
-// 256 MiB of zeros, gzip-compressed (about 250 KiB).
+// 16 MiB of zeros, compressed by gzip (about 16 KiB): over the 5 MiB cap were it inflated.
 const std::string& GzipBomb() {
     static const std::string bomb = [] {
-        z_stream z{};
-        deflateInit2(&z, 9, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
-        const std::string zeros(1 << 20, '\0');
-        std::string out;
-        char buffer[1 << 16];
-        for (int i = 0; i < 256; ++i) {
-            z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(zeros.data()));
-            z.avail_in = static_cast<uInt>(zeros.size());
-            const int flush = i == 255 ? Z_FINISH : Z_NO_FLUSH;
-            do {
-                z.next_out = reinterpret_cast<Bytef*>(buffer);
-                z.avail_out = sizeof(buffer);
-                deflate(&z, flush);
-                out.append(buffer, sizeof(buffer) - z.avail_out);
-            } while (z.avail_out == 0);
-        }
-        deflateEnd(&z);
+        std::string out(1 << 20, '\0');
+        FILE* gzip = popen("head -c 16777216 /dev/zero | gzip -9", "r");
+        out.resize(gzip ? fread(&out[0], 1, out.size(), gzip) : 0);
+        if (gzip) pclose(gzip);
         return out;
     }();
     return bomb;
-}
-
-void ServeBytes(LoopbackHttpServer& server) {
-    server.Http().Get(R"(/bytes/(\d+))", [](const httplib::Request& req, httplib::Response& res) {
-        res.set_content_provider(std::stoul(req.matches[1]), "application/octet-stream",
-                                 [](size_t offset, size_t length, httplib::DataSink& sink) {
-                                     const std::string bytes =
-                                         PatternBytes(offset, std::min<size_t>(length, 16384));
-                                     return sink.write(bytes.data(), bytes.size());
-                                 });
-    });
 }
 
 // Server-side gate: handlers count themselves in and wait for a permit or for the gate to open
@@ -81,24 +52,20 @@ void ServeBytes(LoopbackHttpServer& server) {
 struct Gate {
     std::mutex mutex;
     std::condition_variable cond;
-    int started = 0, inFlight = 0, maxInFlight = 0, permits = 0;
+    int started = 0, permits = 0;
     bool open = false;
 
     void Pass() {
         std::unique_lock<std::mutex> lock(mutex);
         ++started;
-        maxInFlight = std::max(maxInFlight, ++inFlight);
         cond.notify_all();
         cond.wait_for(lock, std::chrono::seconds(30), [&] { return open || permits > 0; });
         if (!open && permits > 0) --permits;
-        --inFlight;
     }
-    bool WaitForStarted(int n) {
+    // Waits until n handlers came in; the number that came.
+    int WaitForStarted(int n, std::chrono::milliseconds timeout = kWait) {
         std::unique_lock<std::mutex> lock(mutex);
-        return cond.wait_for(lock, kWait, [&] { return started >= n; });
-    }
-    int Started() {
-        std::lock_guard<std::mutex> lock(mutex);
+        cond.wait_for(lock, timeout, [&] { return started >= n; });
         return started;
     }
     void Release(int n, bool all = false) {
@@ -112,24 +79,25 @@ struct Gate {
 class QRBThumbHttpVariantTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ServeBytes(m_Server);
-        m_Server.Http().Get(R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
-            m_Gate.Pass();
-            res.set_content("gated " + std::string(req.matches[1]), "text/plain");
-        });
+        qrbtest::ServePatternBytes(m_Server);
+        m_Server.Http().Get(
+            R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+                m_Gate.Pass();
+                res.set_content("gated " + std::string(req.matches[1]), "text/plain");
+            });
         m_Server.Http().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
             res.status = 404;
             res.set_content("no such picture", "text/plain");
         });
         // Peers that redirect (to themselves, to other schemes) or send a compressed body
         // unasked: nothing is followed or inflated.
-        for (const auto& [path, to] : {std::pair{"/loop", "/loop"},
-                                       std::pair{"/to-file", "file:///etc/hostname"},
-                                       std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
-            m_Server.Http().Get(path, [to = std::string(to)](const httplib::Request&,
-                                                             httplib::Response& res) {
-                res.set_redirect(to);
-            });
+        for (const auto& [path, to] :
+             {std::pair{"/loop", "/loop"}, std::pair{"/to-file", "file:///etc/hostname"},
+              std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
+            m_Server.Http().Get(
+                path, [to = std::string(to)](const httplib::Request&, httplib::Response& res) {
+                    res.set_redirect(to);
+                });
         }
         m_Server.Http().Get("/bomb.jpg", [](const httplib::Request&, httplib::Response& res) {
             res.set_header("Content-Encoding", "gzip");
@@ -147,24 +115,19 @@ protected:
                                                     CQRBThumbHttpRequest::kDefaultTotalTimeoutSec);
     }
 
-    // A URL on the fixture's server, started on first use (its threads are not there before).
+    // A URL on the fixture's server, started on first use (the thread count of the finalize
+    // test must not see its threads come up).
     std::string Url(const std::string& path) {
-        if (m_Server.Port() <= 0) {
-            EXPECT_TRUE(m_Server.Start());
-        }
+        if (m_Server.Port() <= 0) EXPECT_TRUE(m_Server.Start());
         return m_Server.Url(path);
     }
     void RequestBuffer(const std::string& url, int i) {
-        thumbnail_request_http_buffer_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 0, 0, 0, 1,
-                                            &CallbackRecorder::Callback, m_Recorder.Tag(i));
+        thumbnail_request_http_buffer_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 0, 0,
+                                            0, 1, &CallbackRecorder::Callback, m_Recorder.Tag(i));
     }
-    void RequestThumb(const std::string& url, int i, int width = 0, int height = 0) {
-        thumbnail_request_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, width, height, 0, 1,
+    void RequestThumb(const std::string& url, int i) {
+        thumbnail_request_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 40, 30, 0, 1,
                                 &CallbackRecorder::Callback, m_Recorder.Tag(i));
-    }
-    CQRBThumbnailHttpImp* HttpVariant() {
-        return dynamic_cast<CQRBThumbnailHttpImp*>(
-            CQRBThumbnail::GetInstance()->Variant(CQRBThumbnail::SLOT_HTTP));
     }
     // The one result of request i (a test failure when there is not exactly one).
     RecordedResult One(int i) {
@@ -182,11 +145,13 @@ protected:
 };
 
 // Bodies up to 5 MiB come whole (as given: a 404 page or a redirect is a body like any other,
-// a compressed body comes as sent); a larger one is cut at the cap and fails, as does a refused
-// connection, once. Redirects are not followed, to other schemes least of all.
+// a compressed body comes as sent, a body cut short is logged and still delivered); a larger
+// one is cut at the cap and fails, as does a refused connection, once. Redirects are not
+// followed, to other schemes least of all. As thumbnails, none of them is a picture.
 TEST_F(QRBThumbHttpVariantTest, BufferRequestsGetTheBodyBytesUpToFiveMiB) {
     const std::string refused =
         "http://127.0.0.1:" + std::to_string(qrbtest::UnusedLoopbackPort()) + "/pic.jpg";
+    RawTcpPeer dropper(RawTcpPeer::Behaviour::DropMidBody);  // 1000 of 100000 bytes
     const struct {
         std::string url;
         int status;
@@ -196,16 +161,17 @@ TEST_F(QRBThumbHttpVariantTest, BufferRequestsGetTheBodyBytesUpToFiveMiB) {
                  {Url("/bytes/6291456"), -1, ""},                       // 6 MiB
                  {Url("/missing"), 0, "no such picture"},
                  {refused, -1, ""},
+                 {dropper.Url("http", "/a.jpg"), 0, std::string(1000, 'x')},
                  {Url("/loop"), 0, ""},
                  {Url("/to-file"), 0, ""},
                  {Url("/to-ftp"), 0, ""},
                  {Url("/bomb.jpg"), 0, GzipBomb()}};
     constexpr int kCases = sizeof(cases) / sizeof(cases[0]);
+    ASSERT_GT(GzipBomb().size(), 1000u);
     for (int i = 0; i < kCases; ++i) RequestBuffer(cases[i].url, i);
-    // As thumbnails, none of them is a picture.
-    const char* notPictures[] = {"/loop", "/to-file", "/bomb.jpg"};
-    for (int i = 0; i < 3; ++i) RequestThumb(Url(notPictures[i]), 20 + i);
-    RequestThumb(refused, 19);
+    const std::string notPictures[] = {refused, dropper.Url("http", "/b.jpg"), Url("/to-file"),
+                                       Url("/bomb.jpg")};
+    for (int i = 0; i < 4; ++i) RequestThumb(notPictures[i], 20 + i);
     ASSERT_TRUE(m_Recorder.WaitForCount(kCases + 4, kWait));
     thumbnail_finalize();
     for (int i = 0; i < kCases; ++i) {
@@ -214,40 +180,45 @@ TEST_F(QRBThumbHttpVariantTest, BufferRequestsGetTheBodyBytesUpToFiveMiB) {
         EXPECT_EQ(r.bBuffer, cases[i].status == 0 ? 1 : 0) << cases[i].url;
         EXPECT_TRUE(r.buffers[0] == cases[i].body) << cases[i].url;
     }
-    for (int i = 19; i < 23; ++i) EXPECT_EQ(One(i).status, -1) << "thumbnail " << i;
+    for (int i = 20; i < 24; ++i) EXPECT_EQ(One(i).status, -1) << notPictures[i - 20];
     EXPECT_TRUE(m_Log.Contains("*********DownloadFileLenth 70001**********"));
+    EXPECT_EQ(m_Log.Count("*********Not Fully Downloaded download size = 1000**********"), 2);
 }
 
-TEST_F(QRBThumbHttpVariantTest, RunsAtMostTenTransfersAtOnce) {
+// Ten transfers run at once, an eleventh starts only when one ends. Two of the running ten are
+// cancelled: they are downloaded to their end and deliver nothing.
+TEST_F(QRBThumbHttpVariantTest, RunsAtMostTenTransfersAtOnceAndCancelledOnesDeliverNothing) {
     constexpr int kRequests = 12;
-    for (int i = 0; i < kRequests; ++i) RequestBuffer(Url("/gate/" + std::to_string(i)), i);
-    // Ten transfers reach the server together and wait there. An eleventh must not start while
-    // all ten are still running; a wrong one gets the time of several polling rounds to show.
-    ASSERT_TRUE(m_Gate.WaitForStarted(10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-    EXPECT_EQ(m_Gate.Started(), 10);
-    // One finishes: exactly one more starts.
+    RequestThumb(Url("/gate/0"), 0);
+    for (int i = 1; i < kRequests; ++i) RequestBuffer(Url("/gate/" + std::to_string(i)), i);
+    // A wrong eleventh gets the time of several polling rounds to show.
+    ASSERT_EQ(m_Gate.WaitForStarted(10), 10);
+    EXPECT_EQ(m_Gate.WaitForStarted(11, std::chrono::milliseconds(600)), 10);
+    thumbnail_request_cancel(Url("/gate/0").c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS);
+    thumbnail_request_cancel(Url("/gate/1").c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS);
     m_Gate.Release(1);
-    ASSERT_TRUE(m_Recorder.WaitForCount(1, kWait));
-    ASSERT_TRUE(m_Gate.WaitForStarted(11));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(m_Gate.Started(), 11);
+    ASSERT_EQ(m_Gate.WaitForStarted(11), 11);
+    EXPECT_EQ(m_Gate.WaitForStarted(12, std::chrono::milliseconds(300)), 11);
     m_Gate.Release(0, true);
-    ASSERT_TRUE(m_Recorder.WaitForCount(kRequests, kWait));
+    ASSERT_TRUE(m_Recorder.WaitForCount(kRequests - 2, kWait));
+    ASSERT_TRUE(m_Log.WaitFor(
+        "request gone while downloading, bytes dropped, url=" + Url("/gate/0"), kWait));
+    ASSERT_TRUE(m_Log.WaitFor(
+        "result not delivered (request gone or no callback), url=" + Url("/gate/1"), kWait));
     thumbnail_finalize();
-    std::lock_guard<std::mutex> lock(m_Gate.mutex);
-    EXPECT_EQ(m_Gate.maxInFlight, 10);
-    for (int i = 0; i < kRequests; ++i) EXPECT_EQ(One(i).buffers[0], "gated " + std::to_string(i));
+    EXPECT_EQ(m_Recorder.Count(), static_cast<size_t>(kRequests - 2));
+    EXPECT_TRUE(m_Recorder.For(m_Recorder.Tag(0)).empty() &&
+                m_Recorder.For(m_Recorder.Tag(1)).empty());
+    for (int i = 2; i < kRequests; ++i) EXPECT_EQ(One(i).buffers[0], "gated " + std::to_string(i));
 }
 
 // Peers that never complete a handshake (TLS never answered, TCP never established; the total
 // time-out far away) are ended by the connect time-out; silent and trickling responses by the
-// total one.
+// total one. Either way each fails once, long before the test's own wait runs out.
 TEST_F(QRBThumbHttpVariantTest, TimeoutsEndHangingPeersWithOneFailureEach) {
     qrbtest::TestCertificateAuthority ca;  // a bundle must be there, or TLS fails before connecting
     m_Root.WriteFile("opt/down/cert/ca.pem", ca.CertificatePem());
     for (const bool connectPhase : {true, false}) {
-        m_Log.Clear();
         CQRBThumbHttpRequest::SetTimeoutsForTesting(1, connectPhase ? 60 : 2);
         RawTcpPeer first(RawTcpPeer::Behaviour::Silent);
         RawTcpPeer second(connectPhase ? RawTcpPeer::Behaviour::NeverAccept
@@ -261,7 +232,6 @@ TEST_F(QRBThumbHttpVariantTest, TimeoutsEndHangingPeersWithOneFailureEach) {
         if (!connectPhase) {
             EXPECT_GT(second.BodyBytesSent(), 0) << "the slow body never started";
         }
-        EXPECT_EQ(m_Log.Count("transfer failed: result=28 "), 2);
     }
 }
 
@@ -275,53 +245,36 @@ TEST_F(QRBThumbHttpVariantTest, HttpsNeedsTheIssuingCaAndTheRightHost) {
     LoopbackHttpServer expired(ca.Issue("IP:127.0.0.1,DNS:localhost", true));
     Url("/");
     for (LoopbackHttpServer* server : {&good, &misnamed, &expired}) {
-        ServeBytes(*server);
+        qrbtest::ServePatternBytes(*server);
         ASSERT_TRUE(server->Start());
     }
     const struct {
         LoopbackHttpServer* server;
         const qrbtest::TestCertificateAuthority* bundle;  // null: none
         int status;
-    } cases[] = {{&good, &other, -1},    {&good, nullptr, -1}, {&misnamed, &ca, -1},
-                 {&expired, &ca, -1}, {&good, &ca, 0},      {&m_Server, nullptr, 0}};
-    for (int i = 0; i < 6; ++i) {
+    } cases[] = {{&good, &other, -1},
+                 {&misnamed, &ca, -1},
+                 {&expired, &ca, -1},
+                 {&good, &ca, 0},
+                 {&m_Server, nullptr, 0}};
+    for (int i = 0; i < 5; ++i) {
         std::remove(m_Root.Resolve("/opt/down/cert/ca.pem").c_str());
-        if (cases[i].bundle) m_Root.WriteFile("opt/down/cert/ca.pem", cases[i].bundle->CertificatePem());
-        RequestBuffer(cases[i].server->Url("/bytes/" + std::to_string(10 + i) + "?next=https://x.invalid/"), i);
+        if (cases[i].bundle)
+            m_Root.WriteFile("opt/down/cert/ca.pem", cases[i].bundle->CertificatePem());
+        RequestBuffer(
+            cases[i].server->Url("/bytes/" + std::to_string(10 + i) + "?next=https://x.invalid/"),
+            i);
         ASSERT_TRUE(m_Recorder.WaitForCount(i + 1, kWait));
         EXPECT_EQ(One(i).status, cases[i].status) << "case " << i;
-        if (cases[i].status == 0) {
-            EXPECT_TRUE(One(i).buffers[0] == PatternBytes(0, 10 + i));
-        }
+        EXPECT_EQ(One(i).buffers[0], cases[i].status == 0 ? PatternBytes(0, 10 + i) : "")
+            << "case " << i;
     }
     EXPECT_FALSE(m_Log.Contains("It is NOT https,NOT verifies certificate."));
 }
 
-// A peer that closes the connection before the length it declared: what came is logged and
-// still delivered, whether as a buffer or to the decoder.
-TEST_F(QRBThumbHttpVariantTest, ShortTransfersAreLoggedAndStillDelivered) {
-    RawTcpPeer dropper(RawTcpPeer::Behaviour::DropMidBody);  // 1000 of 100000 bytes
-    RequestBuffer(dropper.Url("http", "/a.jpg"), 0);
-    RequestThumb(dropper.Url("http", "/b.jpg"), 1, 40, 30);
-    ASSERT_TRUE(m_Recorder.WaitForCount(2, kWait));
-    thumbnail_finalize();
-    EXPECT_EQ(One(0).buffers[0], std::string(1000, 'x'));
-    EXPECT_TRUE(m_Log.Contains("downloaded buffer of 1000 bytes, url=" + dropper.Url("http", "/b.jpg")));
-    EXPECT_EQ(m_Log.Count("*********Not Fully Downloaded download size = 1000**********"), 2);
-}
-
-// Remote device icons (kinds above 1) are HTTP requests keyed by id with a null user pointer.
-TEST_F(QRBThumbHttpVariantTest, DeviceIconKeyedByIdReachesTheDecodeThread) {
-    const std::string url = Url("/bytes/777");
-    CQRBThumbnail::GetInstance()->RequestDeviceIcon(url, 31, static_cast<qrb_device_icon_type>(5),
-                                                    &CallbackRecorder::Callback, false, false);
-    ASSERT_TRUE(m_Log.WaitFor("strURL=" + url + ", decode fail", kWait));
-    EXPECT_TRUE(m_Log.Contains("RequestedItem.szURI=" + url + ", RequestedItem.eThumbnailType=11"));
-    EXPECT_TRUE(m_Log.Contains("downloaded buffer of 777 bytes, url=" + url));
-    EXPECT_EQ(HttpVariant()->ParkedCount(), 0);
-}
-
-TEST_F(QRBThumbHttpVariantTest, DecodedThumbnailIsCachedForCallersThatAskForIt) {
+// A decoded thumbnail is cached for callers that ask for it; one without the cache flag is
+// served afresh. Remote device icons (kinds above 1) are HTTP requests keyed by id.
+TEST_F(QRBThumbHttpVariantTest, DecodedThumbnailsAreCachedAndDeviceIconsReachTheDecoder) {
     ASSERT_EQ(thumbnail_init(), 0);
     const std::string url = Url("/pic.jpg");
     const auto first = m_Recorder.Request(url, MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 20, 20, 1);
@@ -329,54 +282,16 @@ TEST_F(QRBThumbHttpVariantTest, DecodedThumbnailIsCachedForCallersThatAskForIt) 
     EXPECT_EQ(second.status, 0);
     EXPECT_TRUE(first.buffers[0] == second.buffers[0]);
     EXPECT_EQ(m_PictureHits.load(), 1) << "the second answer should come from the cache";
-    // A caller without the cache flag is always served afresh.
     EXPECT_EQ(m_Recorder.Request(url, MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 20, 20).status, 0);
     EXPECT_EQ(m_PictureHits.load(), 2);
-}
 
-// Cancel by URL, by id and cancel-all drop the bytes parked for their requests, silently.
-TEST_F(QRBThumbHttpVariantTest, CancelAndClearDropParkedBytes) {
-    CQRBThumbnailHttpImp* imp = HttpVariant();
-    ASSERT_NE(imp, nullptr);
-    // Requests held in ITEM_DOWNLOADING, which neither thread takes, with bytes parked for them
-    // as the download thread would.
-    for (const auto& [url, rid] : {std::make_pair("http://h/a.jpg", -1LL), std::make_pair("http://h/b.jpg", 77LL),
-                                   std::make_pair("http://h/c.jpg", -1LL)}) {
-        _stRequestedItem request;
-        request.strURL = url;
-        request.RID = rid;
-        request.eThumbnailType = THUMB_SNS;
-        request.state = ITEM_DOWNLOADING;
-        request.callback = &CallbackRecorder::Callback;
-        imp->RequestList()->Insert(request);
-        imp->Parking()->Park(request, "downloaded");
-    }
-    auto left = [imp] { return std::make_pair(imp->ParkedCount(), imp->RequestList()->Size()); };  // parked, listed
-    thumbnail_request_cancel("http://h/a.jpg", MEDIA_TYPE_PICTURE, DEV_TYPE_SNS);
-    EXPECT_EQ(left(), std::make_pair(2, 2));
-    CQRBThumbnail::GetInstance()->CancelRequest(77LL, THUMB_SNS);
-    EXPECT_EQ(left(), std::make_pair(1, 1));
-    thumbnail_request_cancel_all();
-    EXPECT_EQ(left(), std::make_pair(0, 0));
-    thumbnail_finalize();
-    EXPECT_EQ(m_Recorder.Count(), 0u);
-}
-
-// A request cancelled while downloading is downloaded to its end and then delivers nothing.
-TEST_F(QRBThumbHttpVariantTest, CancelWhileDownloadingDeliversNothing) {
-    const std::string thumbUrl = Url("/gate/1");
-    const std::string bufferUrl = Url("/gate/2");
-    RequestThumb(thumbUrl, 0);
-    RequestBuffer(bufferUrl, 1);
-    ASSERT_TRUE(m_Gate.WaitForStarted(2));
-    thumbnail_request_cancel(thumbUrl.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS);
-    thumbnail_request_cancel(bufferUrl.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS);
-    m_Gate.Release(0, true);
-    ASSERT_TRUE(m_Log.WaitFor("request gone while downloading, bytes dropped, url=" + thumbUrl, kWait));
-    ASSERT_TRUE(m_Log.WaitFor("result not delivered (request gone or no callback), url=" + bufferUrl, kWait));
-    EXPECT_EQ(HttpVariant()->ParkedCount(), 0);
-    thumbnail_finalize();
-    EXPECT_EQ(m_Recorder.Count(), 0u);
+    const std::string icon = Url("/bytes/777");
+    CQRBThumbnail::GetInstance()->RequestDeviceIcon(icon, 31, static_cast<qrb_device_icon_type>(5),
+                                                    &CallbackRecorder::Callback, false, false);
+    ASSERT_TRUE(m_Log.WaitFor("strURL=" + icon + ", decode fail", kWait));
+    EXPECT_TRUE(
+        m_Log.Contains("RequestedItem.szURI=" + icon + ", RequestedItem.eThumbnailType=11"));
+    EXPECT_TRUE(m_Log.Contains("downloaded buffer of 777 bytes, url=" + icon));
 }
 
 // Finalize stops hanging transfers (default time-outs: they would hang for 20 s), answers each
@@ -386,14 +301,14 @@ TEST_F(QRBThumbHttpVariantTest, FinalizeWhileTransfersHangReturnsPromptly) {
     {
         RawTcpPeer silent(RawTcpPeer::Behaviour::Silent);
         const int threadsBefore = qrbtest::ThreadCount();
-        for (int i = 0; i < 3; ++i) RequestBuffer(silent.Url("http", "/hang/" + std::to_string(i)), i);
+        for (int i = 0; i < 3; ++i)
+            RequestBuffer(silent.Url("http", "/hang/" + std::to_string(i)), i);
         RequestThumb(silent.Url("http", "/hang/thumb"), 3);
         ASSERT_TRUE(silent.WaitForAccepted(4, kWait));
         const auto start = std::chrono::steady_clock::now();
         thumbnail_finalize();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
         for (int i = 0; i < 4; ++i) EXPECT_EQ(One(i).status, -1);
-        EXPECT_EQ(m_Log.Count("transfer stopped before its end"), 4);
         EXPECT_EQ(qrbtest::ThreadCount(), threadsBefore);
     }
     EXPECT_EQ(qrbtest::OpenFileDescriptors(), fdsBefore);
