@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke fuzz-long soak install clean format
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz-smoke fuzz-long soak valgrind install clean format
 
 all: build
 
@@ -72,6 +72,16 @@ soak: deps build-asan/CMakeCache.txt build-tsan/CMakeCache.txt
 	  reliability/soak.sh build-asan $(SOAK_SECONDS)
 	cmake --build build-tsan -j $(JOBS) --target qrb-soak
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 reliability/soak.sh build-tsan $(SOAK_SECONDS)
+
+# Not in CI: every test case of the plain suite under valgrind's memcheck (the test programs run
+# through it as through an emulator), failing on any error or definite leak. Slow: an hour or more.
+build-valgrind/CMakeCache.txt:
+	cmake -S . -B build-valgrind $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) \
+	  "-DCMAKE_CROSSCOMPILING_EMULATOR=valgrind;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite;--suppressions=$(CURDIR)/reliability/valgrind.supp;--quiet"
+
+valgrind: deps build-valgrind/CMakeCache.txt
+	cmake --build build-valgrind -j $(JOBS)
+	cd build-valgrind && ctest --output-on-failure -j $(JOBS) --timeout 3600
 
 install: build
 	cmake --install build --prefix $(PREFIX)
