@@ -30,7 +30,6 @@ TEST(DmpParseXmlTest, TableOfContentsGivesTheDescriptivePathInBothForms) {
         {"colons escaped one by one", Toc("urn:a:b/meta.xml"), 1, "urn%3Aa%3Ab/meta.xml", 7},
         {"no prefix; leading slash removed, substring match", Toc("/meta.xml", ""), 1, "/meta.xml",
          1},
-        {"a longer path", Toc("other/meta.xml", "x:"), 1, "other/meta.xml", 2},
         {"trailing NULs", Toc("pkg/meta.xml") + std::string(5, '\0'), 1, "pkg/meta.xml", 1},
         {"the first match wins, and the walk stops there",
          "<T><DescriptiveMetadata>other/meta.xml</DescriptiveMetadata><DescriptiveMetadata>x"
