@@ -46,7 +46,6 @@ constexpr uint16_t kOpenSession = 0x1002;
 constexpr uint16_t kCloseSession = 0x1003;
 constexpr uint16_t kGetStorageIDs = 0x1004;
 constexpr uint16_t kGetStorageInfo = 0x1005;
-constexpr uint16_t kGetNumObjects = 0x1006;
 constexpr uint16_t kGetObjectHandles = 0x1007;
 constexpr uint16_t kGetObjectInfo = 0x1008;
 constexpr uint16_t kGetObject = 0x1009;
@@ -535,7 +534,6 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
         std::string response;
         Put16(response, answer.code);
         Put32(response, request.transaction);
-        for (uint32_t p : answer.params) Put32(response, p);
         if (!SendPacket(fd, kOperationResponse, response)) return;
     }
 }
@@ -602,7 +600,7 @@ std::string PtpipResponder::m_DeviceInfo() const {
     PutString(s, "");
     Put16(s, 0);  // functional mode
     PutArray16(s, {kGetDeviceInfo, kOpenSession, kCloseSession, kGetStorageIDs, kGetStorageInfo,
-                   kGetNumObjects, kGetObjectHandles, kGetObjectInfo, kGetObject, kGetThumb});
+                   kGetObjectHandles, kGetObjectInfo, kGetObject, kGetThumb});
     PutArray16(s, {});  // events
     PutArray16(s, {});  // device properties
     PutArray16(s, {});  // capture formats
@@ -684,19 +682,12 @@ PtpipResponder::Answer PtpipResponder::m_AnswerInSession(const Request& request)
                 if (s.id == p0) return Answer::Data(m_StorageInfo(s));
             }
             return Answer(kInvalidStorageID);
-        case kGetNumObjects:
         case kGetObjectHandles: {
             uint16_t error = kOk;
             const std::vector<uint32_t> handles =
                 m_Select(p0, static_cast<uint16_t>(request.params[1]), request.params[2], &error);
             if (error != kOk) return Answer(error);
-            const auto count = static_cast<uint32_t>(handles.size());
-            if (request.code == kGetNumObjects) {
-                answer = Answer();
-                answer.params.push_back(count);
-                return answer;
-            }
-            Put32(answer.data, count);
+            Put32(answer.data, static_cast<uint32_t>(handles.size()));
             for (uint32_t h : handles) Put32(answer.data, h);
             return answer;
         }

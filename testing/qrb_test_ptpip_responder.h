@@ -8,7 +8,7 @@
 // camera's own numbers (from 0x10001 up), deliberately unlike the client's small ones.
 //
 // Operations served: GetDeviceInfo, OpenSession, CloseSession, GetStorageIDs, GetStorageInfo,
-// GetNumObjects, GetObjectHandles, GetObjectInfo, GetObject, GetThumb; any other operation is
+// GetObjectHandles, GetObjectInfo, GetObject, GetThumb; any other operation is
 // answered OperationNotSupported. One thread per connection; the model and the fault knobs may
 // be changed while serving. Writes use MSG_NOSIGNAL, so a client that goes away costs no
 // SIGPIPE. Stop (and the destructor) shuts every connection down and joins every thread.
@@ -99,7 +99,6 @@ private:
             return a;
         }
         uint16_t code;
-        std::vector<uint32_t> params;
         bool hasData = false;
         std::string data;
         bool hangUp = false;  // the data phase stops halfway and the client is cut off
