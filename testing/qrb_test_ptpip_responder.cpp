@@ -1,5 +1,6 @@
 #include "qrb_test_ptpip_responder.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_jpeg_writer.h"
 
 #include "qrb_scoped.h"
@@ -19,8 +20,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace qrbtest {
@@ -74,18 +73,9 @@ constexpr size_t kDataChunk = 64 * 1024;
 // Folders deeper than this are not copied by LoadFolder (a link loop, or a hostile tree).
 constexpr int kMaxLoadDepth = 16;
 
-void Put16(std::string& s, uint32_t v) {
-    s.push_back(static_cast<char>(v & 0xFF));
-    s.push_back(static_cast<char>((v >> 8) & 0xFF));
-}
-void Put32(std::string& s, uint32_t v) {
-    Put16(s, v & 0xFFFF);
-    Put16(s, v >> 16);
-}
-void Put64(std::string& s, uint64_t v) {
-    Put32(s, static_cast<uint32_t>(v));
-    Put32(s, static_cast<uint32_t>(v >> 32));
-}
+void Put16(std::string& s, uint32_t v) { s += LittleEndian(v, 2); }
+void Put32(std::string& s, uint32_t v) { s += LittleEndian(v, 4); }
+void Put64(std::string& s, uint64_t v) { s += LittleEndian(v, 8); }
 uint32_t Get16(const std::string& s, size_t at) {
     return static_cast<uint8_t>(s[at]) | (static_cast<uint8_t>(s[at + 1]) << 8);
 }
@@ -186,11 +176,6 @@ bool SendPacket(int fd, uint32_t type, const std::string& payload) {
     Put32(packet, type);
     packet += payload;
     return SendAll(fd, packet);
-}
-
-std::string ReadFileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace

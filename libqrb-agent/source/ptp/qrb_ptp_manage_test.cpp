@@ -162,7 +162,8 @@ TEST_F(PtpManageTest, ListerShowsTheStorageInUseAndOpensAFolderByItsHandle) {
     std::string lines;
     for (const auto& line : RunLister("--folder " + folder.substr(9) + " 1 2", &status)) {
         lines += line[1] == "ptp://001;002;" + line[2]
-                     ? line[0] + "/" + line[4] + "/" + line[3] + " " : "?";
+                     ? line[0] + "/" + line[4] + "/" + line[3] + " "
+                     : "?";
     }
     EXPECT_EQ(status, 0);
     const std::string size = std::to_string(jpeg.size());

@@ -68,7 +68,7 @@ TEST(DmpDataTest, KeysReadTheCurrentContentAndIndexesAreCheckedBeforeAnyAccess) 
         int content, image;
         int images;  // GetThumbDataCount's count, -1: refused
     } cases[] = {
-        {"/p.uvu", 1, 2, 3},  {"/p.uvu", 2, 0, 0},  {"/p.uvu", 1, 3, 3},  {"/p.uvu", 0, -1, 1},
+        {"/p.uvu", 1, 2, 3},  {"/p.uvu", 2, 0, 0},   {"/p.uvu", 1, 3, 3},      {"/p.uvu", 0, -1, 1},
         {"/p.uvu", 3, 0, -1}, {"/p.uvu", -1, 0, -1}, {"/other.uvu", 0, 0, -1},
     };
     for (const auto& c : cases) {

@@ -88,32 +88,19 @@ TEST_F(DmpSourceTest, PackagesAreReadOnceAndTheBoxAndThePosterMakeTheContent) {
     EXPECT_TRUE(log.Contains("DmpSource: Path Exists !"));
 }
 
-TEST_F(DmpSourceTest, DocumentsBesideThePackageStayInsideItsFolder) {
-    root.WriteFile("shelf/side/meta.xml",
-                   MetadataXml({{"ContentID", "beside"}}, {{1, 1, "", "side/poster.jpg"}}));
-    root.WriteFile("shelf/side/poster.jpg", kPoster);
-    int n = 0;
-    // Documents outside the package's folder are refused by the package reader (its test).
-    for (const char* toc : {"/side/meta.xml", "side/missing.xml"}) {
-        PackageSpec spec;
-        spec.items = {{1, "TableOfContents.XML", "", TableOfContentsXml(toc), false, 1}};
-        const std::string path =
-            root.WriteFile("shelf/m" + std::to_string(n++) + ".uvu", MakePackage(spec));
-        const bool found = toc[0] == '/';
-        EXPECT_EQ(source.MoveToIndex(path), found) << toc;
-        if (!found) continue;
-        EXPECT_EQ(Picture(path, 0, 0), kPoster);
-        EXPECT_EQ(Text("CONTENT_ID"), "beside");
-    }
-}
-
-// A table of contents naming the box gives the box's one content; failures say why. Files
-// that are no package, missing pictures and which content comes first are tested through the
-// SCSA getter.
+// A table of contents naming the box, or a document beside the package (whose poster lies
+// beside it too), gives one content; failures say why. Documents outside the package's folder
+// are refused by the package reader (its test); files that are no package, missing pictures
+// and which content comes first are tested through the SCSA getter.
 TEST_F(DmpSourceTest, PackagesGiveTheirContentsOrSayWhyNot) {
-    PackageSpec byToc = BoxOnly("t"), empty, notXml = BoxOnly(""), brokenTable = BoxOnly("x");
+    root.WriteFile("side/meta.xml",
+                   MetadataXml({{"ContentID", "beside"}}, {{1, 1, "", "side/poster.jpg"}}));
+    root.WriteFile("side/poster.jpg", kPoster);
+    PackageSpec byToc = BoxOnly("t"), beside, empty, notXml = BoxOnly(""),
+                brokenTable = BoxOnly("x");
     byToc.items.push_back({9, "TableOfContents.XML", "",
                            TableOfContentsXml(SCSA_DMP::MetaDataExtractor::XML_BOX_NAME), true, 1});
+    beside.items = {{1, "TableOfContents.XML", "", TableOfContentsXml("/side/meta.xml"), false, 1}};
     notXml.xml = "this is not a document";
     brokenTable.hasXmlBox = false;
     brokenTable.items.push_back(
@@ -124,6 +111,7 @@ TEST_F(DmpSourceTest, PackagesGiveTheirContentsOrSayWhyNot) {
         const char* log;  // "" for the package that is read
     } packages[] = {
         {MakePackage(byToc), ""},
+        {MakePackage(beside), ""},
         {MakePackage(empty), "DmpSource: GetFileList no data, vEmbeddedFileList.empty()!"},
         {MakePackage(notXml), "bRet1 = [0], bRet2 = [0]"},
         {MakePackage(brokenTable), "DmpSource: GetMetaData has failed"},

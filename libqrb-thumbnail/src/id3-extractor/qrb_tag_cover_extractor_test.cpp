@@ -60,7 +60,8 @@ TEST(TagCoverServiceTest, EachContainerShowsItsFrontCoverThroughTheCInterface) {
         {"front.wv",
          Fixture("plain.wv") + ApeTag({{"Cover Art (Back)", back}, {"Cover Art (Front)", front}}),
          C::kWavPack, "RGWB"},
-        {"back.wv", Fixture("plain.wv") + ApeTag({{"Cover Art (Back)", back}}), C::kWavPack, "BBBB"},
+        {"back.wv", Fixture("plain.wv") + ApeTag({{"Cover Art (Back)", back}}), C::kWavPack,
+         "BBBB"},
         {"front.ape", kMonkey + ApeTag({{"Cover Art (Front)", front}}), C::kApe, "RGWB"},
         {"none.ape", kMonkey, C::kApe, ""},
     };
