@@ -1,5 +1,6 @@
 #include "qrb_test_ptpip_responder.h"
 
+#include "qrb_test_files.h"
 #include "qrb_test_jpeg_writer.h"
 
 #include "qrb_scoped.h"
@@ -19,8 +20,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace qrbtest {
@@ -46,7 +45,6 @@ constexpr uint16_t kOpenSession = 0x1002;
 constexpr uint16_t kCloseSession = 0x1003;
 constexpr uint16_t kGetStorageIDs = 0x1004;
 constexpr uint16_t kGetStorageInfo = 0x1005;
-constexpr uint16_t kGetNumObjects = 0x1006;
 constexpr uint16_t kGetObjectHandles = 0x1007;
 constexpr uint16_t kGetObjectInfo = 0x1008;
 constexpr uint16_t kGetObject = 0x1009;
@@ -59,7 +57,6 @@ constexpr uint16_t kInvalidStorageID = 0x2008;
 constexpr uint16_t kInvalidObjectHandle = 0x2009;
 constexpr uint16_t kNoThumbnailPresent = 0x2010;
 constexpr uint16_t kInvalidParentObject = 0x201A;
-constexpr uint16_t kInvalidParameter = 0x201D;
 constexpr uint16_t kSessionAlreadyOpen = 0x201E;
 
 // Object formats.
@@ -76,18 +73,9 @@ constexpr size_t kDataChunk = 64 * 1024;
 // Folders deeper than this are not copied by LoadFolder (a link loop, or a hostile tree).
 constexpr int kMaxLoadDepth = 16;
 
-void Put16(std::string& s, uint32_t v) {
-    s.push_back(static_cast<char>(v & 0xFF));
-    s.push_back(static_cast<char>((v >> 8) & 0xFF));
-}
-void Put32(std::string& s, uint32_t v) {
-    Put16(s, v & 0xFFFF);
-    Put16(s, v >> 16);
-}
-void Put64(std::string& s, uint64_t v) {
-    Put32(s, static_cast<uint32_t>(v));
-    Put32(s, static_cast<uint32_t>(v >> 32));
-}
+void Put16(std::string& s, uint32_t v) { s += LittleEndian(v, 2); }
+void Put32(std::string& s, uint32_t v) { s += LittleEndian(v, 4); }
+void Put64(std::string& s, uint64_t v) { s += LittleEndian(v, 8); }
 uint32_t Get16(const std::string& s, size_t at) {
     return static_cast<uint8_t>(s[at]) | (static_cast<uint8_t>(s[at + 1]) << 8);
 }
@@ -188,11 +176,6 @@ bool SendPacket(int fd, uint32_t type, const std::string& payload) {
     Put32(packet, type);
     packet += payload;
     return SendAll(fd, packet);
-}
-
-std::string ReadFileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace
@@ -345,11 +328,6 @@ bool PtpipResponder::LoadFolder(uint32_t storage, const std::string& dir) {
     return LoadInto(this, storage, 0, dir, 0);
 }
 
-void PtpipResponder::RemoveObject(uint32_t handle) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_Objects.erase(handle);
-}
-
 void PtpipResponder::SetThumbFault(uint32_t handle, ThumbFault fault) {
     std::lock_guard<std::mutex> lock(m_Mutex);
     auto it = m_Objects.find(handle);
@@ -371,17 +349,6 @@ void PtpipResponder::SetResponseDelay(std::chrono::milliseconds delay) {
 }
 
 std::string PtpipResponder::Address() const { return "127.0.0.1:" + std::to_string(m_Port); }
-
-int PtpipResponder::Connections() const {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_Connections;
-}
-
-int PtpipResponder::Operations(uint16_t code) const {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    auto it = m_Operations.find(code);
-    return it == m_Operations.end() ? 0 : it->second;
-}
 
 int PtpipResponder::TotalOperations() const {
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -463,7 +430,6 @@ void PtpipResponder::m_Serve(int fd) {
             {
                 std::lock_guard<std::mutex> lock(m_Mutex);
                 connection = m_NextConnection++;
-                ++m_Connections;
                 m_ConnectionFds[connection].push_back(fd);
             }
             std::string ack;
@@ -541,7 +507,6 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
         }
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
-            ++m_Operations[request.code];
             ++m_TotalOperations;
         }
         if (!m_WaitDelay()) return;
@@ -554,7 +519,6 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
         std::string response;
         Put16(response, answer.code);
         Put32(response, request.transaction);
-        for (uint32_t p : answer.params) Put32(response, p);
         if (!SendPacket(fd, kOperationResponse, response)) return;
     }
 }
@@ -621,7 +585,7 @@ std::string PtpipResponder::m_DeviceInfo() const {
     PutString(s, "");
     Put16(s, 0);  // functional mode
     PutArray16(s, {kGetDeviceInfo, kOpenSession, kCloseSession, kGetStorageIDs, kGetStorageInfo,
-                   kGetNumObjects, kGetObjectHandles, kGetObjectInfo, kGetObject, kGetThumb});
+                   kGetObjectHandles, kGetObjectInfo, kGetObject, kGetThumb});
     PutArray16(s, {});  // events
     PutArray16(s, {});  // device properties
     PutArray16(s, {});  // capture formats
@@ -647,8 +611,7 @@ std::string PtpipResponder::m_StorageInfo(const Storage& storage) const {
 }
 
 std::string PtpipResponder::m_ObjectInfo(const Object& o) const {
-    const bool hasThumb =
-        o.fault == ThumbFault::kNone ? !o.thumb.empty() : o.fault != ThumbFault::kMissing;
+    const bool hasThumb = !o.thumb.empty() || o.fault != ThumbFault::kNone;
     std::string s;
     Put32(s, o.storage);
     Put16(s, o.format);
@@ -673,114 +636,77 @@ std::string PtpipResponder::m_ObjectInfo(const Object& o) const {
 }
 
 PtpipResponder::Answer PtpipResponder::m_Answer(const Request& request, bool* sessionOpen) {
-    Answer answer;
+    if (request.code == kGetDeviceInfo) return Answer::Data(m_DeviceInfo());
+    if (request.code == kOpenSession) {
+        if (*sessionOpen) return Answer(kSessionAlreadyOpen);
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        *sessionOpen = true;
+        ++m_Sessions;
+        return Answer();
+    }
+    if (!*sessionOpen) return Answer(kSessionNotOpen);
+    if (request.code == kCloseSession) {
+        *sessionOpen = false;
+        return Answer();
+    }
     std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_AnswerInSession(request);
+}
+
+// Called with the mutex held.
+PtpipResponder::Answer PtpipResponder::m_AnswerInSession(const Request& request) {
     const uint32_t p0 = request.params[0];
+    Answer answer = Answer::Data(std::string());
     switch (request.code) {
-        case kGetDeviceInfo:
-            answer.hasData = true;
-            answer.data = m_DeviceInfo();
-            return answer;
-        case kOpenSession:
-            if (p0 == 0) {
-                answer.code = kInvalidParameter;
-            } else if (*sessionOpen) {
-                answer.code = kSessionAlreadyOpen;
-            } else {
-                *sessionOpen = true;
-                ++m_Sessions;
-            }
-            return answer;
-        default:
-            break;
-    }
-    if (!*sessionOpen) {
-        answer.code = kSessionNotOpen;
-        return answer;
-    }
-    switch (request.code) {
-        case kCloseSession:
-            *sessionOpen = false;
-            break;
         case kGetStorageIDs:
-            answer.hasData = true;
             Put32(answer.data, static_cast<uint32_t>(m_Storages.size()));
             for (const Storage& s : m_Storages) Put32(answer.data, s.id);
-            break;
-        case kGetStorageInfo: {
-            auto it = std::find_if(m_Storages.begin(), m_Storages.end(),
-                                   [&](const Storage& s) { return s.id == p0; });
-            if (it == m_Storages.end()) {
-                answer.code = kInvalidStorageID;
-            } else {
-                answer.hasData = true;
-                answer.data = m_StorageInfo(*it);
+            return answer;
+        case kGetStorageInfo:
+            for (const Storage& s : m_Storages) {
+                if (s.id == p0) return Answer::Data(m_StorageInfo(s));
             }
-            break;
-        }
-        case kGetNumObjects:
+            return Answer(kInvalidStorageID);
         case kGetObjectHandles: {
             uint16_t error = kOk;
             const std::vector<uint32_t> handles =
                 m_Select(p0, static_cast<uint16_t>(request.params[1]), request.params[2], &error);
-            answer.code = error;
-            if (error != kOk) break;
-            if (request.code == kGetNumObjects) {
-                answer.params.push_back(static_cast<uint32_t>(handles.size()));
-                break;
-            }
-            answer.hasData = true;
+            if (error != kOk) return Answer(error);
             Put32(answer.data, static_cast<uint32_t>(handles.size()));
             for (uint32_t h : handles) Put32(answer.data, h);
-            break;
+            return answer;
         }
         case kGetObjectInfo: {
             const Object* o = m_Object(p0);
-            if (o == nullptr) {
-                answer.code = kInvalidObjectHandle;
-            } else {
-                answer.hasData = true;
-                answer.data = m_ObjectInfo(*o);
-            }
-            break;
+            return o ? Answer::Data(m_ObjectInfo(*o)) : Answer(kInvalidObjectHandle);
         }
         case kGetObject:
-        case kGetThumb: {
-            const Object* o = m_Object(p0);
-            if (o == nullptr || o->folder) {
-                answer.code = kInvalidObjectHandle;
-                break;
-            }
-            if (request.code == kGetObject) {
-                answer.data = *o->bytes;
-            } else if (o->fault == ThumbFault::kEmpty) {
-                answer.data.clear();
-            } else if (o->fault == ThumbFault::kNotJpeg) {
-                answer.data = std::string(
-                    "\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x10\0\0\0\x10\x08\x06\0\0\0", 29);
-            } else if (o->fault == ThumbFault::kBrokenJpeg) {
-                answer.data = std::string("\xFF\xD8\xFF\xE0", 4) + std::string(200, '\x5A');
-            } else if (o->fault == ThumbFault::kLengthOver || o->fault == ThumbFault::kLengthUnder) {
-                answer.data = o->thumb;
-                answer.declared = o->fault == ThumbFault::kLengthOver ? 0xFFFFFFF0u
-                                                                     : o->thumb.size() / 2;
-            } else if (o->fault == ThumbFault::kMissing || o->thumb.empty()) {
-                answer.code = kNoThumbnailPresent;
-                break;
-            } else {
-                answer.data = o->thumb;
-            }
-            answer.hasData = true;
-            if (m_HangUps > 0) {
-                --m_HangUps;
-                answer.hangUp = true;
-            }
-            break;
-        }
+        case kGetThumb:
+            return m_Transfer(request);
         default:
-            answer.code = kOperationNotSupported;
-            break;
+            return Answer(kOperationNotSupported);
     }
+}
+
+// GetObject and GetThumb, with the object's thumbnail fault and any pending hang-up; called
+// with the mutex held.
+PtpipResponder::Answer PtpipResponder::m_Transfer(const Request& request) {
+    const Object* o = m_Object(request.params[0]);
+    if (o == nullptr || o->folder) return Answer(kInvalidObjectHandle);
+    Answer answer = Answer::Data(std::string());
+    if (request.code == kGetObject) {
+        answer.data = *o->bytes;
+    } else if (o->fault == ThumbFault::kBrokenJpeg) {
+        answer.data = std::string("\xFF\xD8\xFF\xE0", 4) + std::string(200, '\x5A');
+    } else if (o->thumb.empty()) {
+        return Answer(kNoThumbnailPresent);
+    } else {
+        answer.data = o->thumb;
+        if (o->fault == ThumbFault::kLengthOver) answer.declared = 0xFFFFFFF0u;
+        if (o->fault == ThumbFault::kLengthUnder) answer.declared = o->thumb.size() / 2;
+    }
+    answer.hangUp = m_HangUps > 0;
+    if (answer.hangUp) --m_HangUps;
     return answer;
 }
 

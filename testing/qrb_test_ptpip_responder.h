@@ -8,14 +8,14 @@
 // camera's own numbers (from 0x10001 up), deliberately unlike the client's small ones.
 //
 // Operations served: GetDeviceInfo, OpenSession, CloseSession, GetStorageIDs, GetStorageInfo,
-// GetNumObjects, GetObjectHandles, GetObjectInfo, GetObject, GetThumb; any other operation is
+// GetObjectHandles, GetObjectInfo, GetObject, GetThumb; any other operation is
 // answered OperationNotSupported. One thread per connection; the model and the fault knobs may
 // be changed while serving. Writes use MSG_NOSIGNAL, so a client that goes away costs no
 // SIGPIPE. Stop (and the destructor) shuts every connection down and joins every thread.
 //
-// Fault knobs: per-object thumbnail faults (missing, zero-length, not a JPEG, a broken JPEG),
-// objects removed after they were listed, names as the test gives them (with "/" or ".."),
-// a hang-up in the middle of the next data phases, and a delay before every response.
+// Fault knobs: per-object thumbnail faults (a broken JPEG, a data phase whose declared length
+// lies), names as the test gives them (with "/" or ".."), a hang-up in the middle of the next
+// data phases, and a delay before every response.
 #ifndef QRB_TESTING_PTPIP_RESPONDER_H
 #define QRB_TESTING_PTPIP_RESPONDER_H
 
@@ -35,10 +35,7 @@ namespace qrbtest {
 class PtpipResponder {
 public:
     enum class ThumbFault {
-        kNone,       // the EXIF thumbnail (objects without one answer as kMissing)
-        kMissing,    // object info names no thumbnail; GetThumb answers NoThumbnailPresent
-        kEmpty,      // object info announces a thumbnail; GetThumb sends zero bytes
-        kNotJpeg,    // GetThumb sends PNG bytes
+        kNone,        // the EXIF thumbnail (NoThumbnailPresent for objects without one)
         kBrokenJpeg,  // GetThumb sends a JPEG start marker followed by noise
         kLengthOver,  // GetThumb's data phase declares nearly 4 GiB and sends the thumbnail
         kLengthUnder  // GetThumb's data phase declares half the thumbnail and sends all of it
@@ -60,8 +57,6 @@ public:
     // Copies every file and folder below dir (names in byte order, hidden entries skipped)
     // into the storage's root. False when dir cannot be read.
     bool LoadFolder(uint32_t storage, const std::string& dir);
-    // The object is forgotten: later requests for it are answered InvalidObjectHandle.
-    void RemoveObject(uint32_t handle);
     void SetThumbFault(uint32_t handle, ThumbFault fault);
     // The handle of the object at a "/"-separated path (0 when there is none).
     uint32_t Find(uint32_t storage, const std::string& path) const;
@@ -75,14 +70,11 @@ public:
     // Listens on 127.0.0.1 (port 0: any free port). False when it cannot.
     bool Start(int port = 0);
     void Stop();
-    int Port() const { return m_Port; }
     // "127.0.0.1:<port>", the form the MTP client's environment variable takes.
     std::string Address() const;
 
     // What the camera has seen.
-    int Connections() const;              // command channels opened
-    int Operations(uint16_t code) const;  // operations received, by code
-    int TotalOperations() const;          // every operation received
+    int TotalOperations() const;  // every operation received
     int SessionsOpened() const;
 
 private:
@@ -99,8 +91,14 @@ private:
         int paramCount = 0;
     };
     struct Answer {
-        uint16_t code = 0x2001;
-        std::vector<uint32_t> params;
+        explicit Answer(uint16_t c = 0x2001) : code(c) {}
+        static Answer Data(std::string bytes) {
+            Answer a;
+            a.hasData = true;
+            a.data = std::move(bytes);
+            return a;
+        }
+        uint16_t code;
         bool hasData = false;
         std::string data;
         bool hangUp = false;  // the data phase stops halfway and the client is cut off
@@ -112,6 +110,8 @@ private:
     void m_ServeCommands(int fd, uint32_t connection);
     void m_ServeEvents(int fd, uint32_t connection);
     Answer m_Answer(const Request& request, bool* sessionOpen);
+    Answer m_AnswerInSession(const Request& request);
+    Answer m_Transfer(const Request& request);
     bool m_SendData(int fd, uint32_t transaction, const Answer& answer,
                     uint32_t connection);
     void m_CutOff(uint32_t connection);
@@ -133,9 +133,7 @@ private:
     int m_HangUps = 0;
     std::chrono::milliseconds m_Delay{0};
 
-    std::map<uint16_t, int> m_Operations;
     int m_TotalOperations = 0;
-    int m_Connections = 0;
     int m_Sessions = 0;
     uint32_t m_NextConnection = 1;
     std::map<uint32_t, std::vector<int>> m_ConnectionFds;  // both channels of a client

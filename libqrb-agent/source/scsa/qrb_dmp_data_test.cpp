@@ -43,9 +43,9 @@ int Number(CQRBDmpData& data, const std::string& path, const std::string& key) {
     return data.GetValue(path, key, &value) ? value : -1;
 }
 
-TEST(DmpDataTest, EveryKeyReadsItsOwnFieldOfTheCurrentContent) {
+TEST(DmpDataTest, KeysReadTheCurrentContentAndIndexesAreCheckedBeforeAnyAccess) {
     CQRBDmpData data;
-    std::vector<_stDMPMETADATA> records{Record("#0", 1), Record("#1", 3)};
+    std::vector<_stDMPMETADATA> records{Record("#0", 1), Record("#1", 3), Record("#2", 0)};
     data.InsertData("/p.uvu", records);
     // Content 0, its first picture and first rating, until another picture is handed out.
     for (const char* key : {"FILE_PATH", "CONTENT_ID", "SUMMARY_4000"})
@@ -58,42 +58,27 @@ TEST(DmpDataTest, EveryKeyReadsItsOwnFieldOfTheCurrentContent) {
     EXPECT_EQ(picture + " " + reference, "STREAM_NAME#1.2 TRACK_REFERENCE#1.2");
     EXPECT_EQ(Number(data, "/p.uvu", "WIDTH"), 102);
     EXPECT_EQ(Text(data, "/p.uvu", "TITLE_SORT"), "TITLE_SORT#1");
-    const struct {
-        std::string path, key;
-        const char* log;
-    } failures[] = {
-        {"/nowhere.uvu", "CONTENT_ID", "DmpData: wrong file path = [/nowhere.uvu]"},
-        {"/p.uvu", "content_id", "DmpData: wrong strField = [content_id]"},
-        {"/p.uvu", "WIDTH", "DmpData: wrong strField = [WIDTH]"},  // a number, asked as text
-    };
     qrbtest::LogCapture log;
-    for (const auto& c : failures) {
-        EXPECT_EQ(Text(data, c.path, c.key), "<none>") << c.key;
-        EXPECT_TRUE(log.Contains(c.log)) << c.log;
-    }
-}
-
-TEST(DmpDataTest, IndexesAreCheckedBeforeAnyAccess) {
-    CQRBDmpData data;
-    std::vector<_stDMPMETADATA> records{Record("#0", 2), Record("#1", 0)};
-    data.InsertData("/p.uvu", records);
+    EXPECT_EQ(Text(data, "/nowhere.uvu", "CONTENT_ID"), "<none>");
+    EXPECT_TRUE(log.Contains("DmpData: wrong file path = [/nowhere.uvu]"));
+    EXPECT_EQ(Text(data, "/p.uvu", "WIDTH"), "<none>");  // a number, asked as text
+    EXPECT_TRUE(log.Contains("DmpData: wrong strField = [WIDTH]"));
     const struct {
         std::string path;
         int content, image;
         int images;  // GetThumbDataCount's count, -1: refused
-        bool data;   // GetThumbnailData's answer
     } cases[] = {
-        {"/p.uvu", 0, 1, 2, true},       {"/p.uvu", 1, 0, 0, false},  {"/p.uvu", 0, 2, 2, false},
-        {"/p.uvu", 0, -1, 2, false},     {"/p.uvu", 2, 0, -1, false}, {"/p.uvu", -1, 0, -1, false},
-        {"/other.uvu", 0, 0, -1, false},
+        {"/p.uvu", 1, 2, 3},  {"/p.uvu", 2, 0, 0},   {"/p.uvu", 1, 3, 3},      {"/p.uvu", 0, -1, 1},
+        {"/p.uvu", 3, 0, -1}, {"/p.uvu", -1, 0, -1}, {"/other.uvu", 0, 0, -1},
     };
     for (const auto& c : cases) {
         int images = -1;
         EXPECT_EQ(data.GetThumbDataCount(c.path, c.content, images), c.images >= 0);
         EXPECT_EQ(images, c.images >= 0 ? c.images : 0);
-        std::string picture = "stale", reference = "stale";
-        EXPECT_EQ(data.GetThumbnailData(c.path, c.content, c.image, picture, reference), c.data);
-        EXPECT_EQ(picture.empty(), !c.data);
+        const bool ok = c.image >= 0 && c.image < c.images;
+        picture = reference = "stale";
+        EXPECT_EQ(data.GetThumbnailData(c.path, c.content, c.image, picture, reference), ok);
+        EXPECT_EQ(picture.empty(), !ok);
     }
 }
 

@@ -49,16 +49,15 @@ inline std::string PicBody(const std::string& picture) {
 }
 
 // ASF, little-endian throughout.
-inline std::string Guid(const char (&bytes)[17]) { return std::string(bytes, 16); }
 inline std::string HeaderGuid() {
-    return Guid("\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C");
+    return std::string("\x30\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C", 16);
 }
 inline std::string ExtContentDescriptionGuid() {
-    return Guid("\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50");
+    return std::string("\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50", 16);
 }
 // Any other object (the Data Object's GUID).
 inline std::string DataGuid() {
-    return Guid("\x36\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C");
+    return std::string("\x36\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C", 16);
 }
 inline std::string AsfObject(const std::string& guid, const std::string& body) {
     return guid + LittleEndian(24 + body.size(), 8) + body;
