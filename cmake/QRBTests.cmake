@@ -12,3 +12,22 @@ function(qrb_add_test name)
     PROPERTIES TIMEOUT 180 ENVIRONMENT "QRB_TEST_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
 
+
+# qrb_add_test_fixtures(TARGET TEST SCRIPT SCRIPT DIR_VARIABLE VAR FOLDER NAME COMMENT TEXT):
+# the files a fixture script makes, once per build tree, into the build folder NAME (the script
+# is run again when it changes). The test program depends on them and sees their folder as the
+# compile definition VAR, which is also set in the caller's scope.
+function(qrb_add_test_fixtures target)
+  cmake_parse_arguments(ARG "" "TEST;SCRIPT;DIR_VARIABLE;FOLDER;COMMENT" "" ${ARGN})
+  set(dir ${CMAKE_CURRENT_BINARY_DIR}/${ARG_FOLDER})
+  add_custom_command(
+    OUTPUT ${dir}/stamp
+    COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SCRIPT} ${dir}
+    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SCRIPT}
+    COMMENT ${ARG_COMMENT}
+    VERBATIM)
+  add_custom_target(${target} DEPENDS ${dir}/stamp)
+  add_dependencies(${ARG_TEST} ${target})
+  target_compile_definitions(${ARG_TEST} PRIVATE ${ARG_DIR_VARIABLE}="${dir}")
+  set(${ARG_DIR_VARIABLE} ${dir} PARENT_SCOPE)
+endfunction()
