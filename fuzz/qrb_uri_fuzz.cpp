@@ -66,8 +66,8 @@ void CheckScheme(const char* uri, const char* path) {
 }  // namespace
 
 // The platform's download: records the request and reports its failure at once.
-extern "C" int asf_provider_download(const char* uri, const char* mimetype, const char* dlpath,
-                                     int, asf_provider_download_cb callback, void* user_data,
+extern "C" int asf_provider_download(const char* uri, const char* mimetype, const char* dlpath, int,
+                                     asf_provider_download_cb callback, void* user_data,
                                      int* token) {
     g_download.asked = true;
     g_download.uri = uri != nullptr ? uri : "";
