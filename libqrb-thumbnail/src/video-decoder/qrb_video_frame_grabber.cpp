@@ -490,7 +490,12 @@ unsigned char* QRBVideoFrameGrabber::m_Scale(AVFrame* picture, int width, int he
         QRB_LOGW("numBytes[%d]\n", numBytes);
         return nullptr;
     }
-    QRBMallocBuffer buffer(static_cast<unsigned char*>(std::malloc(numBytes)), &std::free);
+    // The scaler writes whole groups of pixels: on a narrow picture (2 wide, say) it writes past
+    // the end of each row, and past the buffer after the last one. The slack takes that.
+    constexpr size_t kScalerSlack = 64;
+    QRBMallocBuffer buffer(
+        static_cast<unsigned char*>(std::malloc(static_cast<size_t>(numBytes) + kScalerSlack)),
+        &std::free);
     if (!buffer) {
         QRB_LOGW("malloc fail!");
         return nullptr;
