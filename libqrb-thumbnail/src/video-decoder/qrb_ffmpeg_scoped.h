@@ -7,6 +7,8 @@
 
 #include "qrb_scoped.h"
 
+#include <cstdlib>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -26,6 +28,14 @@ using QRBScopedCodecContext = QRBScoped<AVCodecContext, QRBFreeCodecContext>;
 using QRBScopedFrame = QRBScoped<AVFrame, QRBFreeAVFrame>;
 using QRBScopedPacket = QRBScoped<AVPacket, QRBFreeAVPacket>;
 using QRBScopedSwsContext = QRBScoped<SwsContext, sws_freeContext>;
+
+// A malloc'ed buffer for swscale to write a packed picture of `bytes` into. The scaler writes
+// whole groups of pixels: on a narrow picture (2 wide, say) it writes past the end of each row,
+// and past the buffer after the last one. The slack takes that.
+inline unsigned char* QRBAllocScalerOutput(size_t bytes) {
+    constexpr size_t kScalerSlack = 64;
+    return static_cast<unsigned char*>(std::malloc(bytes + kScalerSlack));
+}
 
 // av_dict_free takes the address of the pointer, so the dictionary is held by value.
 struct QRBScopedDictionary {

@@ -359,8 +359,7 @@ int CQRBThumbanailPVRDecoder::m_ScaleFrame(const AVFrame* frame, int width, int 
         QRB_LOGW("avpicture_get_size fail");
         return -1;
     }
-    PixelBuffer buffer(static_cast<unsigned char*>(std::malloc(static_cast<size_t>(bytes))),
-                       &std::free);
+    PixelBuffer buffer(QRBAllocScalerOutput(static_cast<size_t>(bytes)), &std::free);
     if (!buffer) {
         QRB_LOGW("malloc fail");
         return -1;

@@ -490,12 +490,7 @@ unsigned char* QRBVideoFrameGrabber::m_Scale(AVFrame* picture, int width, int he
         QRB_LOGW("numBytes[%d]\n", numBytes);
         return nullptr;
     }
-    // The scaler writes whole groups of pixels: on a narrow picture (2 wide, say) it writes past
-    // the end of each row, and past the buffer after the last one. The slack takes that.
-    constexpr size_t kScalerSlack = 64;
-    QRBMallocBuffer buffer(
-        static_cast<unsigned char*>(std::malloc(static_cast<size_t>(numBytes) + kScalerSlack)),
-        &std::free);
+    QRBMallocBuffer buffer(QRBAllocScalerOutput(static_cast<size_t>(numBytes)), &std::free);
     if (!buffer) {
         QRB_LOGW("malloc fail!");
         return nullptr;
