@@ -331,14 +331,16 @@ private:
         thumbnail_finalize();
         Oracle::Get().Sealed();
         if (thumbnail_init() != 0) Oracle::Get().Fail("thumbnail_init failed at a checkpoint");
-        // Closed connections leave the server's side a moment later.
+        // Closed connections leave the server's side a moment later (a slow answer is still
+        // being written): the counts are taken once they have held for a second.
         Resources r;
-        for (int i = 0; i < 20; ++i) {
+        int steady = 0;
+        for (int i = 0; i < 100 && steady < 10; ++i) {
             std::this_thread::sleep_for(100ms);
+            const Resources last = r;
             r = Resources{qrbtest::OpenFileDescriptors(), qrbtest::ThreadCount(),
                           RegularFilesUnder(m_Root, m_Root / "usr"), ResidentKiB()};
-            if (r.files == m_Last.files && r.threads == m_Last.threads) break;
-            m_Last = r;
+            steady = r.files == last.files && r.threads == last.threads ? steady + 1 : 0;
         }
         std::cerr << "soak: checkpoint: " << r.files << " open files, " << r.threads
                   << " threads, " << r.leftovers << " files left, " << r.rssKiB / 1024
@@ -368,7 +370,6 @@ private:
     std::vector<Item> m_Items;
     fs::path m_Root;
     std::mt19937 m_Random;
-    Resources m_Last;
 };
 
 }  // namespace
