@@ -225,7 +225,7 @@ thumbnailer_version=$(dpkg-query -W -f='${Version}' ffmpegthumbnailer 2>/dev/nul
     echo "qrb-thumb the whole batch with its four workers (pictures above 2 x 1080p are decoded"
     echo "one at a time). An open-GOP HEVC key frame (CRA) seen without the pictures before it"
     echo "makes FFmpeg's decoder allocate stand-ins for every reference its successors name, some"
-    echo "90 MiB at 2160p, which no caller can turn off."
+    echo "90 MiB at 2160p; qrb-thumb gives them one shared buffer, since no key picture reads them."
     echo
     echo "| case | frames | qrb-thumb, ms per frame | ffmpegthumbnailer | ffmpeg -noaccurate_seek | peak memory: ours / ffmpegthumbnailer / ffmpeg |"
     echo "|---|---|---|---|---|---|"
