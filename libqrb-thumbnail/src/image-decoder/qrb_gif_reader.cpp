@@ -54,6 +54,9 @@ private:
     // Reads records up to the first frame's descriptor; its transparent colour into
     // *transparent (-1 for none). 0 or -1.
     int m_SeekFirstFrame(int* transparent);
+    // The first frame's colours once its place and size are sane; null, with the reason noted,
+    // otherwise.
+    const ColorMapObject* m_FrameColours() const;
 
     ScopedGif m_pGif;
     uint32_t m_uWidth = 0;
@@ -116,10 +119,7 @@ int CQRBGifReader::m_SeekFirstFrame(int* transparent) {
     }
 }
 
-int CQRBGifReader::Decode(unsigned char* out, uint32_t outW, uint32_t outH) {
-    if (out == nullptr || !m_pGif) return -1;
-    int transparent = -1;
-    if (m_SeekFirstFrame(&transparent) != 0) return -1;
+const ColorMapObject* CQRBGifReader::m_FrameColours() const {
     const GifImageDesc& frame = m_pGif->Image;
     const ColorMapObject* map = frame.ColorMap != nullptr ? frame.ColorMap : m_pGif->SColorMap;
     if (frame.Width <= 0 || frame.Height <= 0 || frame.Left < 0 || frame.Top < 0 ||
@@ -127,16 +127,26 @@ int CQRBGifReader::Decode(unsigned char* out, uint32_t outW, uint32_t outH) {
         QRBNoteFailure(QRBFailure::kDamaged);
         QRB_LOGW("GIF frame %d x %d at (%d, %d) without colours", frame.Width, frame.Height,
                  frame.Left, frame.Top);
-        return -1;
+        return nullptr;
     }
+    if (static_cast<uint64_t>(frame.Width) * static_cast<uint64_t>(frame.Height) > kMaxPixels) {
+        QRBNoteFailure(QRBFailure::kTooLarge);
+        QRB_LOGW("GIF frame %d x %d exceeds %llu pixels", frame.Width, frame.Height,
+                 static_cast<unsigned long long>(kMaxPixels));
+        return nullptr;
+    }
+    return map;
+}
+
+int CQRBGifReader::Decode(unsigned char* out, uint32_t outW, uint32_t outH) {
+    if (out == nullptr || !m_pGif) return -1;
+    int transparent = -1;
+    if (m_SeekFirstFrame(&transparent) != 0) return -1;
+    const ColorMapObject* map = m_FrameColours();
+    if (map == nullptr) return -1;
+    const GifImageDesc& frame = m_pGif->Image;
     const uint32_t fw = static_cast<uint32_t>(frame.Width);
     const uint32_t fh = static_cast<uint32_t>(frame.Height);
-    if (static_cast<uint64_t>(fw) * fh > kMaxPixels) {
-        QRBNoteFailure(QRBFailure::kTooLarge);
-        QRB_LOGW("GIF frame %u x %u exceeds %llu pixels", fw, fh,
-                 static_cast<unsigned long long>(kMaxPixels));
-        return -1;
-    }
     const uint32_t left = static_cast<uint32_t>(frame.Left);
     const uint32_t top = static_cast<uint32_t>(frame.Top);
     // The part of each frame row that lies on the canvas.
