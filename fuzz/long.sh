@@ -45,8 +45,16 @@ for target in "$build"/fuzz/qrb_*_fuzz; do
     mkdir -p "$merged"
     if "$target" -merge=1 -rss_limit_mb=1024 -timeout=10 "$merged" "$kept" "$fresh" \
         >>"$log" 2>&1; then
-        find "$kept" -type f -delete
-        cp "$merged"/* "$kept"/ 2>/dev/null || true
+        # Named files (seeds made by hand or by tools, kept reproducers) stay whatever they
+        # add; only the files libFuzzer named by their hash are replaced by the merged set.
+        # (The merged files are named by the SHA-1 of their bytes: a named file's copy is skipped.)
+        find "$kept" -type f -regextype posix-extended -regex '.*/[0-9a-f]{40}' -delete
+        named=$(find "$kept" -type f -exec sha1sum {} + | cut -d' ' -f1 | tr '\n' ' ')
+        for file in "$merged"/*; do
+            [ -e "$file" ] || continue
+            case " $named " in *" $(basename "$file") "*) continue ;; esac
+            cp "$file" "$kept/"
+        done
     fi
     rm -rf "$merged"
     files=$(find "$kept" -type f | wc -l)
