@@ -53,7 +53,7 @@ bool ReadU64(FILE* file, uint64_t* value) {
 std::string Utf16ToUtf8(const unsigned char* bytes, size_t byteLength) {
     const size_t units = byteLength / 2;
     std::vector<unsigned short> text(units + 1, 0);
-    std::memcpy(text.data(), bytes, units * 2);
+    if (units > 0) std::memcpy(text.data(), bytes, units * 2);
     QRBWMAExtractor::m_ConvertToLittleEndian(text.data());
     std::vector<unsigned char> out(units * 3 + 1, 0);
     QRBWMAExtractor::m_ConvertWStringToString_UTF8(out.data(), text.data(),

@@ -92,26 +92,40 @@ double PeakNits(const AVFrame* frame, AVColorTransferCharacteristic transfer) {
     return transfer == AVCOL_TRC_SMPTE2084 ? kPqPeakNits : kHlgPeakNits;
 }
 
+// A colour field of a picture as its stream coded it. FFmpeg copies the codes (a byte each)
+// into its enumerations unchecked, so a crafted stream's code may name no enumerator; such a
+// code reads as unspecified.
+template <typename Enum>
+Enum Named(const Enum& field, Enum count, Enum unspecified) {
+    static_assert(sizeof(Enum) == sizeof(int), "FFmpeg's colour enumerations are ints");
+    int code = 0;
+    std::memcpy(&code, &field, sizeof(code));
+    return code >= 0 && code < static_cast<int>(count) ? static_cast<Enum>(code) : unspecified;
+}
+
 SourceColour DescribeSource(const AVFrame* frame, int width, int height, AVPixelFormat format) {
     SourceColour c = DefaultColour(width, height, format);
     if (frame == nullptr) return c;
-    if (frame->colorspace != AVCOL_SPC_UNSPECIFIED && frame->colorspace != AVCOL_SPC_RESERVED) {
-        c.matrix = frame->colorspace;
+    const AVColorSpace matrix = Named(frame->colorspace, AVCOL_SPC_NB, AVCOL_SPC_UNSPECIFIED);
+    const AVColorRange range = Named(frame->color_range, AVCOL_RANGE_NB, AVCOL_RANGE_UNSPECIFIED);
+    const AVColorTransferCharacteristic transfer =
+        Named(frame->color_trc, AVCOL_TRC_NB, AVCOL_TRC_UNSPECIFIED);
+    const AVColorPrimaries primaries =
+        Named(frame->color_primaries, AVCOL_PRI_NB, AVCOL_PRI_UNSPECIFIED);
+    if (matrix != AVCOL_SPC_UNSPECIFIED && matrix != AVCOL_SPC_RESERVED) c.matrix = matrix;
+    if (range != AVCOL_RANGE_UNSPECIFIED) c.range = range;
+    if (transfer != AVCOL_TRC_UNSPECIFIED && transfer != AVCOL_TRC_RESERVED &&
+        transfer != AVCOL_TRC_RESERVED0) {
+        c.transfer = transfer;
     }
-    if (frame->color_range != AVCOL_RANGE_UNSPECIFIED) c.range = frame->color_range;
-    if (frame->color_trc != AVCOL_TRC_UNSPECIFIED && frame->color_trc != AVCOL_TRC_RESERVED &&
-        frame->color_trc != AVCOL_TRC_RESERVED0) {
-        c.transfer = frame->color_trc;
-    }
-    if (frame->color_primaries != AVCOL_PRI_UNSPECIFIED &&
-        frame->color_primaries != AVCOL_PRI_RESERVED &&
-        frame->color_primaries != AVCOL_PRI_RESERVED0) {
-        c.primaries = frame->color_primaries;
+    if (primaries != AVCOL_PRI_UNSPECIFIED && primaries != AVCOL_PRI_RESERVED &&
+        primaries != AVCOL_PRI_RESERVED0) {
+        c.primaries = primaries;
     }
     // A PQ or HLG stream that does not name its matrix and primaries is BT.2020 all the same.
     if (c.Hdr()) {
-        if (frame->colorspace == AVCOL_SPC_UNSPECIFIED) c.matrix = AVCOL_SPC_BT2020_NCL;
-        if (frame->color_primaries == AVCOL_PRI_UNSPECIFIED) c.primaries = AVCOL_PRI_BT2020;
+        if (matrix == AVCOL_SPC_UNSPECIFIED) c.matrix = AVCOL_SPC_BT2020_NCL;
+        if (primaries == AVCOL_PRI_UNSPECIFIED) c.primaries = AVCOL_PRI_BT2020;
         c.peakNits = PeakNits(frame, c.transfer);
     }
     return c;
