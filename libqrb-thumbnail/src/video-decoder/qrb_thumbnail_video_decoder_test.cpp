@@ -450,6 +450,10 @@ TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     // Every position of the file without pictures gives up after its 201 attempts.
     EXPECT_EQ(log.Count("Decode Falied: len < 0") + log.Count("decode not finished."), 5 * 201);
     EXPECT_EQ(log.Count("no frame could be grabbed from "), 1);
+    // A worker closes its input just after it has answered: it is given a moment.
+    for (int i = 0; i < 100 && qrbtest::OpenFileDescriptors() != fds; ++i) {
+        std::this_thread::sleep_for(20ms);
+    }
     EXPECT_EQ(qrbtest::OpenFileDescriptors(), fds) << "a file was left open";
 }
 
