@@ -1,15 +1,11 @@
-// The video thumbnail decoder. Through the C interface (media 0 on device 100 is kind 2), with
-// the plug-ins this project builds, on videos the build made with ffmpeg
-// (testdata/make_video_fixtures.sh) and MTA files built byte by byte: the fade fixtures go from
-// black to white, so each frame's brightness tells the moment it was taken from. Outside it, one
-// decoder at a time: the binding of the media decoding table against real shared libraries, a
-// worker stopped mid-decode, and the video MTA file against hostile files. The centre crop of
-// each frame is tested with the image; the temporary file and rename under every MTA write, with
-// common/util's tests.
+// The video and recording decoders, mostly through the C interface (media 0 on device 100 is
+// kind 2, media 3 kind 5) with the plug-ins this project builds, on videos made by ffmpeg
+// (testdata/make_video_fixtures.sh: the fade fixtures go from black to white, so a frame's
+// brightness tells its moment) and MTA files built byte by byte. Hostile MTA files and videos
+// are replayed from fuzz/corpus/{video_mta,pvr_mta,video_open}.
+#include "video-decoder/qrb_ffmpeg_scoped.h"
 #include "video-decoder/qrb_thumbnail_ffmpeg_define.h"
 #include "video-decoder/qrb_thumbnail_video_decoder.h"
-#include "video-decoder/testdata/qrb_video_mta_bytes.h"
-#include "video-decoder/testdata/qrb_video_test_support.h"
 
 #include "qrb_fake_control.h"
 #include "qrb_test_callbacks.h"
@@ -23,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -30,34 +27,142 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <map>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using qrbtest::BuildMta;
 using qrbtest::CallbackRecorder;
-using qrbtest::IntactVideoMta;
-using qrbtest::MeanOf;
-using qrbtest::MtaPixels;
 using qrbtest::RecordedResult;
-using qrbtest::VideoFixture;
 
 constexpr auto kWait = 60s;
 constexpr const char* kVideoDir = "/opt/usr/apps/orvale/data/video/";
+constexpr const char* kDataDir = "/opt/usr/apps/orvale/data/";
 
-// Each test starts and ends with an empty table: it is process-wide.
+std::string VideoFixture(const std::string& name) {
+    return std::string(QRB_VIDEO_FIXTURE_DIR) + "/" + name;
+}
+
+// The two media plug-ins (or the libraries given in their place; none for null) in root.
+void InstallMediaPlugins(const qrbtest::ScratchRoot& root,
+                         const char* decoder = QRB_MEDIA_PLUGIN_DECODER,
+                         const char* scaler = QRB_MEDIA_PLUGIN_SCALER) {
+    const fs::path dir = root.Resolve("/usr/lib/gstreamer-1.0/");
+    fs::create_directories(dir);
+    const auto options = fs::copy_options::overwrite_existing;
+    if (decoder != nullptr) fs::copy_file(decoder, dir / "libgstffmpeg.so", options);
+    if (scaler != nullptr) fs::copy_file(scaler, dir / "libgstffmpegscale.so", options);
+}
+
+// Mean of the blue, green and red bytes over a rectangle of a BGRA raster.
+struct MeanColour {
+    double b = 0, g = 0, r = 0;
+    double Grey() const { return (b + g + r) / 3; }
+};
+MeanColour MeanOf(const std::string& bgra, int width, int x0, int y0, int x1, int y1) {
+    MeanColour mean;
+    const double n = static_cast<double>(x1 - x0) * (y1 - y0);
+    for (int y = y0; y < y1; ++y) {
+        for (int x = x0; x < x1; ++x) {
+            const size_t at = (static_cast<size_t>(y) * width + x) * 4;
+            bgra.at(at + 3);  // throws outside the raster
+            mean.b += static_cast<unsigned char>(bgra[at]) / n;
+            mean.g += static_cast<unsigned char>(bgra[at + 1]) / n;
+            mean.r += static_cast<unsigned char>(bgra[at + 2]) / n;
+        }
+    }
+    return mean;
+}
+
+// What FFmpeg reads in a fixture: the container's duration, the key frames' times from the
+// stream's start, and the first `keep` key-frame packets as a recorder hands them over.
+struct MediaFacts {
+    long long durationUs = -1;
+    std::vector<double> keyTimesMs;
+    std::vector<std::string> keyFrames;
+};
+MediaFacts ReadMediaFacts(const std::string& path, size_t keep = 0) {
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+        throw std::runtime_error("cannot open " + path);
+    }
+    QRBScopedFormatContext context(raw);
+    const int index = avformat_find_stream_info(raw, nullptr) < 0
+                          ? -1
+                          : av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0) throw std::runtime_error("no video stream in " + path);
+    MediaFacts facts;
+    facts.durationUs = context->duration;
+    AVStream* stream = context->streams[index];
+    const int64_t start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time : 0;
+    QRBScopedPacket packet(av_packet_alloc());
+    while (av_read_frame(context.get(), packet.get()) >= 0) {
+        if (packet->stream_index == index && (packet->flags & AV_PKT_FLAG_KEY)) {
+            if (packet->pts != AV_NOPTS_VALUE) {
+                facts.keyTimesMs.push_back(
+                    av_rescale_q(packet->pts - start, stream->time_base, {1, 1000000}) / 1000.0);
+            }
+            if (facts.keyFrames.size() < keep) {
+                facts.keyFrames.emplace_back(reinterpret_cast<const char*>(packet->data),
+                                             static_cast<size_t>(packet->size));
+            }
+        }
+        av_packet_unref(packet.get());
+    }
+    if (facts.keyFrames.size() < keep) throw std::runtime_error("too few key frames");
+    return facts;
+}
+
+// The quadrants fixture (red, green / blue, white) with the display matrix (a, b, 0; c, d, 0;
+// 0, 0, 1) in its track header, after the header's first 40 bytes: a point (x, y) of the stored
+// picture is shown at (a x + c y, b x + d y), y downwards.
+std::string TurnedQuadrants(const qrbtest::ScratchRoot& root, int a, int b, int c, int d) {
+    std::string mp4 = qrbtest::ReadFileBytes(VideoFixture("quadrants_h264_320x240.mp4"));
+    const size_t matrix = mp4.find("tkhd") + 4 + 40;
+    const int values[] = {a, b, 0, c, d};
+    for (int i = 0; i < 5; ++i) {
+        mp4.replace(matrix + 4 * i, 4,
+                    qrbtest::BigEndian(static_cast<uint32_t>(values[i] << 16), 4));
+    }
+    return root.WriteFile("turned.mp4", mp4);
+}
+
+// MTA files as the writers lay them out: header, size records, the count record (`count`,
+// whatever the number of frames), frames with markers '0' + i, each with its stamp when stamps
+// are given (video files; recording files have none), then the trailer.
+std::string MtaPixels(uint32_t width, uint32_t height, uint32_t depth, int seed) {
+    std::string pixels(static_cast<size_t>(width) * height * depth, '\0');
+    for (size_t i = 0; i < pixels.size(); ++i)
+        pixels[i] = static_cast<char>((i * 7 + seed * 31 + 1) & 0xff);
+    return pixels;
+}
+std::string BuildMta(uint32_t width, uint32_t height, uint32_t depth, uint32_t count,
+                     const std::vector<std::string>& frames,
+                     const std::vector<uint32_t>& stamps = {}) {
+    using qrbtest::LittleEndian;
+    std::string out("FSmta\0FW", 8);
+    out += LittleEndian(width, 4) + "FH" + LittleEndian(height, 4) + "FD" + LittleEndian(depth, 4) +
+           "FC" + LittleEndian(count, 4) + std::string(2, '\0');
+    for (size_t i = 0; i < frames.size(); ++i) {
+        out += 'F';
+        out += static_cast<char>('0' + i);
+        if (i < stamps.size()) out += LittleEndian(stamps[i], 4);
+        out += frames[i];
+    }
+    return out + "FE";
+}
+
+// Each test starts and ends with an empty media decoding table: it is process-wide.
 class VideoDecoderTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        g_QRBFFmpegApi = QRBFFmpegApi{};
-        qrbfake::DrmReset();
-    }
-    void TearDown() override {
+    VideoDecoderTest() { Reset(); }
+    ~VideoDecoderTest() override { Reset(); }
+    static void Reset() {
         g_QRBFFmpegApi = QRBFFmpegApi{};
         qrbfake::DrmReset();
     }
@@ -65,10 +170,6 @@ protected:
     qrbtest::ScratchRoot root;  // before thumbnail_init, so every fixed path lands in it
     qrbtest::LogCapture log;
 };
-
-// ---------------------------------------------------------------------------------------------
-// The binding: the plug-ins this project builds, linked again with one export hidden. The
-// complete plug-ins bind in every grabber test.
 
 struct BindCase {
     const char* name;
@@ -82,12 +183,11 @@ struct BindCase {
 
 class BindingTest : public VideoDecoderTest, public ::testing::WithParamInterface<BindCase> {};
 
-// A decoder is built whatever the plug-ins; without a complete table every extraction fails its
-// pointer check, before the file is touched. A missing seek-available passes the binding (the test
-// after its lookup re-tests the seek pointer) and is caught by that check.
+// Without a complete table every extraction fails its pointer check before the file is touched
+// (a missing seek-available passes the binding and is caught there).
 TEST_P(BindingTest, BindsWhatThePluginsHaveAndExtractsOnlyWithACompleteTable) {
     const BindCase& c = GetParam();
-    qrbtest::InstallMediaPlugins(root, c.decoder, c.scaler);
+    InstallMediaPlugins(root, c.decoder, c.scaler);
     CQRBThumbnailVideoDecoder decoder;
     EXPECT_EQ(decoder.MediaDecodingReady(), c.ready);
     EXPECT_EQ(log.Count(c.logged), 1);
@@ -111,17 +211,14 @@ INSTANTIATE_TEST_SUITE_P(
                                "dlopen /usr/lib/gstreamer-1.0/libgstlibffmpeg.so failed.", false,
                                false},
                       BindCase{"NoSeekAvailable", QRB_DECODER_WITHOUT_SEEK_AVAILABLE,
-                               QRB_MEDIA_PLUGIN_SCALER, true, "initialize ffmpeg api success.", true, true},
+                               QRB_MEDIA_PLUGIN_SCALER, true, "initialize ffmpeg api success.",
+                               true, true},
                       BindCase{"NoScale", QRB_MEDIA_PLUGIN_DECODER, QRB_SCALER_WITHOUT_SCALE, false,
                                "get av sws scale func pointer failed", true, false}),
     [](const ::testing::TestParamInfo<BindCase>& info) { return info.param.name; });
 
-// ---------------------------------------------------------------------------------------------
-// A worker over the test's own list and cache.
-
-// Stop while a video is decoding: the decoder plug-in has a gate in front of its read function
-// that holds the worker at the first read after "get frame[2]" until it has been told to stop.
-// Stop waits until the request is answered; the worker then serves the next one in full.
+// The gated decoder plug-in holds a worker at the first read after "get frame[2]" until it has
+// been told to stop.
 CQRBThumbnailVideoDecoder* g_stopping = nullptr;
 const qrbtest::LogCapture* g_gateLog = nullptr;
 std::atomic<bool> g_held{false};
@@ -135,8 +232,10 @@ void GateRead() {
     }
 }
 
+// Stop waits until the request is answered, and the worker serves the next one in full; Destroy,
+// as finalize does, gives up a video being decoded too. Neither keeps part of an MTA file.
 TEST_F(VideoDecoderTest, StopGivesUpTheVideoBeingDecodedAndTheWorkerServesOn) {
-    qrbtest::InstallMediaPlugins(root, QRB_MEDIA_PLUGIN_GATED_DECODER);
+    InstallMediaPlugins(root, QRB_MEDIA_PLUGIN_GATED_DECODER);
     fs::create_directories(root.Resolve(kVideoDir));
     CallbackRecorder rec;
     CQRBThumbRequestList list;
@@ -149,51 +248,45 @@ TEST_F(VideoDecoderTest, StopGivesUpTheVideoBeingDecodedAndTheWorkerServesOn) {
         dlsym(g_QRBFFmpegApi.decoder_library, "qrb_test_set_read_gate"));
     ASSERT_NE(setGate, nullptr);
     g_gateLog = &log;
-    g_held = false;
     g_stopping = &decoder;
     setGate(&GateRead);
     _stRequestedItem request;
-    request.strURL = "stopped;" + VideoFixture("fade_hevc_320x240_3s.mkv");
     request.eThumbnailType = THUMB_VIDEO;
     request.width = 8;
     request.height = 6;
     request.callback = &CallbackRecorder::Callback;
     request.FrameCount = 5;
-    request.user_data = rec.Tag(0);
-    list.Insert(request);
-    ASSERT_TRUE(log.WaitFor("get frame[2]", kWait));
-    while (!g_held) std::this_thread::sleep_for(1ms);
-
+    auto holdAtFrame2 = [&](const std::string& id, int tag) {
+        log.Clear();
+        g_held = false;
+        request.strURL = id + ";" + VideoFixture("fade_hevc_320x240_3s.mkv");
+        request.user_data = rec.Tag(tag);
+        list.Insert(request);
+        ASSERT_TRUE(log.WaitFor("get frame[2]", kWait));
+        while (!g_held) std::this_thread::sleep_for(1ms);
+    };
+    auto checkAbandoned = [&](const std::string& id) {
+        EXPECT_EQ(log.Count("stop requested, frame grabbing abandoned at frame[2]"), 1);
+        EXPECT_FALSE(log.Contains("get frame[3]"));
+        EXPECT_FALSE(fs::exists(root.Resolve(kVideoDir) + id + ".mta"));
+    };
+    holdAtFrame2("stopped", 0);
     decoder.Stop();
     ASSERT_EQ(rec.Count(), 1u);
     EXPECT_EQ(rec.Results()[0].status, -1);
-    EXPECT_EQ(log.Count("stop requested, frame grabbing abandoned at frame[2]"), 1);
-    EXPECT_FALSE(log.Contains("get frame[3]"));
-    const std::string mta = root.Resolve(kVideoDir) + "stopped.mta";
-    EXPECT_FALSE(fs::exists(mta)) << "two frames of five are kept for no later request";
+    checkAbandoned("stopped");
 
     request.user_data = rec.Tag(1);
     list.Insert(request);
     ASSERT_TRUE(rec.WaitForCount(2, kWait));
     EXPECT_EQ(rec.Results()[1].count, 5);
-    EXPECT_TRUE(fs::exists(mta));
+    EXPECT_TRUE(fs::exists(root.Resolve(kVideoDir) + "stopped.mta"));
 
-    // Destroy, as finalize does, gives up a video being decoded too.
-    log.Clear();
-    g_held = false;
-    request.strURL = "destroyed;" + VideoFixture("fade_hevc_320x240_3s.mkv");
-    list.Insert(request);
-    ASSERT_TRUE(log.WaitFor("get frame[2]", kWait));
-    while (!g_held) std::this_thread::sleep_for(1ms);
+    holdAtFrame2("destroyed", 2);
     decoder.Destroy();
-    EXPECT_EQ(log.Count("stop requested, frame grabbing abandoned at frame[2]"), 1);
-    EXPECT_FALSE(log.Contains("get frame[3]"));
-    EXPECT_FALSE(fs::exists(root.Resolve(kVideoDir) + "destroyed.mta"));
+    checkAbandoned("destroyed");
     g_stopping = nullptr;
 }
-
-// ---------------------------------------------------------------------------------------------
-// The video MTA file, with a decoder built without plug-ins.
 
 boost::intrusive_ptr<CQRBThumbImage> MakeImage(int w, int h, const std::string& pixels,
                                                long long stamp) {
@@ -205,9 +298,8 @@ boost::intrusive_ptr<CQRBThumbImage> MakeImage(int w, int h, const std::string& 
     return image;
 }
 
-// Every frame is stored at the first image's size (frames of a stream whose size changes differ):
-// an item that would be read past a buffer's end is refused, and no file is left. A timestamp
-// keeps its low 32 bits.
+// Every frame is stored at the first image's size: an item that would be read past a buffer's
+// end is refused, and no file is left. A timestamp keeps its low 32 bits.
 TEST_F(VideoDecoderTest, MtaWriterRefusesWhatCannotBeStored) {
     CQRBThumbnailVideoDecoder decoder;
     fs::create_directories(root.Resolve(kVideoDir));
@@ -226,98 +318,48 @@ TEST_F(VideoDecoderTest, MtaWriterRefusesWhatCannotBeStored) {
 
     ASSERT_TRUE(write({MakeImage(2, 2, MtaPixels(2, 2, 4, 0), 7),
                        MakeImage(2, 2, MtaPixels(2, 2, 4, 1), 0x100000010LL)}));
-    EXPECT_EQ(qrbtest::ReadFileBytes(path), IntactVideoMta(2, 2, 4, {7, 0x10}));
+    EXPECT_EQ(qrbtest::ReadFileBytes(path),
+              BuildMta(2, 2, 4, 2, {MtaPixels(2, 2, 4, 0), MtaPixels(2, 2, 4, 1)}, {7, 0x10}));
 }
-
-TEST_F(VideoDecoderTest, MtaReaderRejectsCorruptLyingAndSpecialFiles) {
-    CQRBThumbnailVideoDecoder decoder;
-    _stRequestedItem request;
-    boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
-    const std::string good = IntactVideoMta(2, 2, 4, {1, 2, 3});
-    auto patched = [&good](size_t offset, char value) {
-        std::string b = good;
-        b[offset] = value;
-        return b;
-    };
-    const std::string px(16, 'p');
-    const struct {
-        const char* name;
-        std::string bytes;
-        const char* reason;
-    } cases[] = {
-        {"bad magic", patched(1, 'X'), "mta header mismatch"},
-        {"count tail not zero", patched(31, '\x01'), "mta record FC mismatch"},
-        {"depth 11", BuildMta(2, 2, 11, 1, {std::string(44, 'd')}, {0}),
-         "get width, height, depth, count fail"},
-        {"frames out of order", patched(33, '1'), "frame[0] marker mismatch"},
-        {"fewer frames than counted", BuildMta(2, 2, 4, 5, {px, px}, {0, 0}), "mta file size"},
-        // 5 GB announced in a few bytes: refused before any frame is allocated.
-        {"size lie", BuildMta(10000, 10000, 10, 5, {std::string(64, 'x')}, {1}),
-         "less than 5000000062 for 5 frames of 10000x10000x10"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        log.Clear();
-        root.WriteFile(std::string(kVideoDir).substr(1) + "clip.mta", c.bytes);
-        EXPECT_FALSE(decoder.m_ParseVideoMtaFile(request, "clip", item));
-        EXPECT_EQ(item->GetImageCount(), 0);
-        EXPECT_TRUE(log.Contains(c.reason));
-    }
-    // A FIFO would block a reader that waits for a writer: it is refused at once.
-    const std::string pipe = root.Resolve(kVideoDir) + "pipe.mta";
-    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    EXPECT_FALSE(decoder.m_ParseVideoMtaFile(request, "pipe", item));
-    EXPECT_TRUE(log.Contains("open " + pipe + " fail"));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Through the C interface.
 
 class VideoGrabberTest : public VideoDecoderTest {
 protected:
     void SetUp() override {
-        VideoDecoderTest::SetUp();
-        qrbtest::InstallMediaPlugins(root);
+        InstallMediaPlugins(root);
         ASSERT_EQ(thumbnail_init(), 0);
     }
-    void TearDown() override {
-        thumbnail_finalize();
-        VideoDecoderTest::TearDown();
-    }
+    void TearDown() override { thumbnail_finalize(); }
     void RequestVideo(const std::string& url, int tag, int frames, int width, int height) {
         thumbnail_request_async(url.c_str(), MEDIA_TYPE_VIDEO, DEV_TYPE_LOCAL, 0, width, height, 0,
                                 static_cast<unsigned char>(frames), &CallbackRecorder::Callback,
                                 rec.Tag(tag));
     }
-    // The results by tag, once n have arrived.
-    std::map<void*, RecordedResult> WaitForResults(size_t n) {
-        EXPECT_TRUE(rec.WaitForCount(n, kWait)) << "only " << rec.Count() << " of " << n;
-        std::map<void*, RecordedResult> byTag;
-        for (const RecordedResult& r : rec.Results()) byTag[r.user_data] = r;
-        return byTag;
-    }
     // The one result of a request for frames of path at width x height.
     RecordedResult Grab(const std::string& path, int frames, int width, int height) {
         const int tag = static_cast<int>(rec.Count());
         RequestVideo(path, tag, frames, width, height);
-        return WaitForResults(static_cast<size_t>(tag + 1))[rec.Tag(tag)];
+        EXPECT_TRUE(rec.WaitForCount(static_cast<size_t>(tag + 1), kWait));
+        return ResultOf(tag);
     }
-    void WriteMta(const std::string& id, const std::string& bytes) {
-        root.WriteFile(std::string(kVideoDir).substr(1) + id + ".mta", bytes);
+    RecordedResult ResultOf(int tag) {
+        for (const RecordedResult& r : rec.Results()) {
+            if (r.user_data == rec.Tag(tag)) return r;
+        }
+        return {};
     }
 
     CallbackRecorder rec;
 };
 
 // 1920 x 1080 with a red bar over its left 192 columns: a square is cut from the middle of the
-// frame scaled to cover it (320 x 180), so the bar is cut away; a size whose cover would pass the
-// limit (8193 x 4608) is refused before anything is allocated, a negative one before decoding.
+// frame scaled to cover it, so the bar is cut away. A size whose cover would pass the limit
+// (8193 x 4608) is refused before anything is allocated, a negative one before decoding; no
+// frame asked is success without a frame.
 TEST_F(VideoGrabberTest, FrameCoversTheRequestedBoxAndItsCentreIsKept) {
     const std::string clip = VideoFixture("bar_h264_1920x1080_2s.mp4");
     const RecordedResult square = Grab(clip, 1, 180, 180);
     ASSERT_EQ(square.count, 1);
-    ASSERT_EQ(square.width, 180);
-    ASSERT_EQ(square.height, 180);
+    ASSERT_EQ(std::make_pair(square.width, square.height), std::make_pair(180, 180));
     const auto left = MeanOf(square.buffers[0], 180, 0, 0, 4, 180);
     EXPECT_NEAR(left.r, left.b, 8) << "the bar lies in the columns cut away";
     EXPECT_EQ(Grab(clip, 1, 8193, 10).status, -1);
@@ -326,6 +368,9 @@ TEST_F(VideoGrabberTest, FrameCoversTheRequestedBoxAndItsCentreIsKept) {
     EXPECT_EQ(Grab(clip, 1, -5, 10).status, -1);
     EXPECT_TRUE(log.Contains("Invalid parameter..."));
     EXPECT_FALSE(log.Contains("decode begin"));
+    const RecordedResult none = Grab(clip, 0, 160, 120);
+    EXPECT_EQ(std::make_pair(none.status, none.count), std::make_pair(0, 0));
+    EXPECT_FALSE(log.Contains("get frame["));
 }
 
 // 3840 x 2160 decodes only key frames: each frame is the picture of the key frame at or before
@@ -340,7 +385,7 @@ TEST_F(VideoGrabberTest, FourKVideosDecodeKeyFramesOnly) {
         ASSERT_EQ(r.status, 0);
         ASSERT_EQ(r.count, 5);
         EXPECT_EQ(log.Count("4K video: only key frames are decoded"), 1);
-        const qrbtest::MediaFacts facts = qrbtest::ReadMediaFacts(fourK);
+        const MediaFacts facts = ReadMediaFacts(fourK);
         const double durationMs = facts.durationUs / 1000.0;
         for (int i = 0; i < 5; ++i) {
             const double target = durationMs * (i + 1) / 6;
@@ -357,22 +402,11 @@ TEST_F(VideoGrabberTest, FourKVideosDecodeKeyFramesOnly) {
     EXPECT_FALSE(log.Contains("4K video"));
 }
 
-TEST_F(VideoGrabberTest, FrameCountZeroSucceedsWithoutAFrame) {
-    const RecordedResult r = Grab(VideoFixture("fade_h264_320x240_3s.mp4"), 0, 160, 120);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.count, 0);
-    EXPECT_TRUE(log.Contains("release ffmpeg resource end"));
-    EXPECT_FALSE(log.Contains("get frame["));
-}
-
 // Five frames are kept in the MTA file as shown (a phone video turned upright by its display
 // matrix stays upright) and served from it next time; a corrupt file is decoded again and
 // rewritten.
 TEST_F(VideoGrabberTest, FiveFramesAreKeptInAnMtaFileAndServedFromItNextTime) {
-    const std::string turned = root.Path() + "/turned.mp4";
-    qrbtest::WriteWithDisplayMatrix(VideoFixture("quadrants_h264_320x240.mp4"), turned, 0, -1, 1,
-                                    0);
-    const std::string url = "phone;" + turned;
+    const std::string url = "phone;" + TurnedQuadrants(root, 0, -1, 1, 0);
     const std::string mta = root.Resolve(kVideoDir) + "phone.mta";
     const RecordedResult first = Grab(url, 5, 72, 96);
     ASSERT_EQ(first.count, 5);
@@ -410,41 +444,34 @@ TEST_F(VideoGrabberTest, ProtectedVideoIsRefusedAndDrmFailuresCountAsUnprotected
     EXPECT_TRUE(log.Contains("can not get drm manager"));
 }
 
-// Files that are not videos to grab from, and videos that give no picture: each is answered,
-// and soon, with no file left open. A file that cannot be opened fails; one that opens and gives
-// no frame at any position succeeds without images.
+// Inputs that are no video to grab from, and one that gives no picture, are each answered soon
+// with no file left open: one that cannot be opened fails; one that opens and gives no frame at
+// any position succeeds without images.
 TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     const std::string good = VideoFixture("fade_h264_320x240_3s.mp4");
-    const std::string goodBytes = qrbtest::ReadFileBytes(good);
-    root.WriteFile("media/clip.mp4", goodBytes);
+    root.WriteFile("media/clip.mp4", qrbtest::ReadFileBytes(good));
     const std::string pipe = root.Path() + "/media/pipe.ts";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const struct {
         std::string path;
-        int status, count;
+        int status;
     } inputs[] = {
-        {root.WriteFile("media/cut.mp4", goodBytes.substr(0, goodBytes.size() * 2 / 5)), -1, 0},
-        // No pictures under key flags: each position decodes until its attempts run out.
-        {VideoFixture("no_pictures_h264_64x64_10s_one_key.nut"), 0, 0},
-        {VideoFixture("tone_aac_2s.m4a"), -1, 0},
-        {pipe, -1, 0},
+        {VideoFixture("no_pictures_h264_64x64_10s_one_key.nut"), 0},
+        {VideoFixture("tone_aac_2s.m4a"), -1},
+        {pipe, -1},
         // A playlist whose entry is a good local video: following it would succeed.
-        {root.WriteFile("media/list.mp4", "ffconcat version 1.0\nfile clip.mp4\n"), -1, 0},
-        // Wider than the limit (8192), as raw frames: refused before any decoding.
-        {root.WriteFile("media/wide.y4m", "YUV4MPEG2 W8200 H16 F5:1 Ip A1:1 C420jpeg\nFRAME\n" +
-                                              std::string(8200 * 16 * 3 / 2, '\x80')),
-         -1, 0},
+        {root.WriteFile("media/list.mp4", "ffconcat version 1.0\nfile clip.mp4\n"), -1},
     };
     const int n = static_cast<int>(std::size(inputs));
-    qrbtest::ReadMediaFacts(good);  // FFmpeg's first use in the process opens sockets it keeps
+    ReadMediaFacts(good);  // FFmpeg's first use in the process opens sockets it keeps
     const int fds = qrbtest::OpenFileDescriptors();
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < n; ++i) RequestVideo(inputs[i].path, i, 5, 80, 60);
-    auto results = WaitForResults(static_cast<size_t>(n));
+    ASSERT_TRUE(rec.WaitForCount(static_cast<size_t>(n), kWait));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
     for (int i = 0; i < n; ++i) {
-        EXPECT_EQ(results[rec.Tag(i)].status, inputs[i].status) << inputs[i].path;
-        EXPECT_EQ(results[rec.Tag(i)].count, inputs[i].count) << inputs[i].path;
+        EXPECT_EQ(ResultOf(i).status, inputs[i].status) << inputs[i].path;
+        EXPECT_EQ(ResultOf(i).count, 0) << inputs[i].path;
     }
     // Every position of the file without pictures gives up after its 201 attempts.
     EXPECT_EQ(log.Count("Decode Falied: len < 0") + log.Count("decode not finished."), 5 * 201);
@@ -456,22 +483,45 @@ TEST_F(VideoGrabberTest, BrokenAndForeignInputsAreAnsweredWithinSeconds) {
     EXPECT_EQ(qrbtest::OpenFileDescriptors(), fds) << "a file was left open";
 }
 
-// A file of three-byte pixels: the event hands out width x height x 4 bytes, the stored ones
-// then zeros, and reads nothing past the buffer. The stored stamp is a signed 32-bit value.
-TEST_F(VideoGrabberTest, FiveFrameRequestIsAnsweredFromAnMtaFileOfAnyDepth) {
-    WriteMta("rgb",
-             qrbtest::BuildMta(2, 2, 3, 2,
-                               {qrbtest::MtaPixels(2, 2, 3, 0), qrbtest::MtaPixels(2, 2, 3, 1)},
-                               {100000, ~0u}));
+// A URL of exactly two parts names an MTA file by its first, a media id, and the video by its
+// second; otherwise the whole URL is the path, and an id that would leave the video folder names
+// no file. A file of three-byte pixels: the event hands out width x height x 4 bytes, the stored
+// ones then zeros, and reads nothing past the buffer; the stored stamp is a signed 32-bit value.
+// A depth out of range, a size lie (5 GB in a few bytes, refused before any frame is allocated)
+// and a FIFO (which would block the reader) are refused with their reason.
+TEST_F(VideoGrabberTest, MediaIdNamesAnMtaFileOfAnyDepthAndLyingFilesAreRefused) {
+    const std::string dir = std::string(kVideoDir).substr(1);
+    root.WriteFile(
+        dir + "rgb.mta",
+        BuildMta(2, 2, 3, 2, {MtaPixels(2, 2, 3, 0), MtaPixels(2, 2, 3, 1)}, {100000, ~0u}));
     const RecordedResult r = Grab("rgb;/media/rgb.mp4", 5, 2, 2);
     ASSERT_EQ(r.count, 2);
     EXPECT_EQ(r.depth, 3);
     EXPECT_EQ(r.timestamps[0], 100000);
     EXPECT_EQ(r.timestamps[1], -1);
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(r.buffers[i], qrbtest::MtaPixels(2, 2, 3, i) + std::string(4, '\0'));
+        EXPECT_EQ(r.buffers[i], MtaPixels(2, 2, 3, i) + std::string(4, '\0'));
     }
     EXPECT_EQ(qrbfake::DrmOpenCalls(), 0) << "nothing about the video itself was touched";
+
+    root.WriteFile(dir + "deep.mta", BuildMta(2, 2, 11, 1, {std::string(44, 'd')}, {0}));
+    root.WriteFile(dir + "lie.mta", BuildMta(10000, 10000, 10, 5, {std::string(64, 'x')}, {1}));
+    ASSERT_EQ(mkfifo((root.Resolve(kVideoDir) + "pipe.mta").c_str(), 0600), 0);
+    root.WriteFile("opt/usr/apps/orvale/data/escape.mta", BuildMta(1, 1, 4, 1, {"pppp"}, {1}));
+    for (const char* url : {"deep;/m.mp4", "lie;/m.mp4", "pipe;/m.mp4", "id;/media/y.mp4",
+                            "/media/plain.mp4", "a;b;/media/x.mp4", "../escape;/media/z.mp4"}) {
+        EXPECT_EQ(Grab(url, 5, 2, 2).status, -1) << url;
+    }
+    EXPECT_TRUE(log.Contains("get width, height, depth, count fail"));
+    EXPECT_TRUE(log.Contains("less than 5000000062 for 5 frames of 10000x10000x10"));
+    EXPECT_TRUE(log.Contains("open " + root.Resolve(kVideoDir) + "pipe.mta fail"));
+    EXPECT_TRUE(log.Contains("szURI:/media/y.mp4."));
+    EXPECT_TRUE(log.Contains("szURI:/media/plain.mp4."));
+    EXPECT_TRUE(log.Contains("szURI:a;b;/media/x.mp4."));
+    EXPECT_TRUE(log.Contains("open " + root.Resolve(kVideoDir) + "id.mta fail"));
+    EXPECT_FALSE(fs::exists(root.Resolve(kVideoDir) + "id.mta")) << "a failed request keeps none";
+    EXPECT_TRUE(log.Contains("media id [../escape] is not a file name"));
+    EXPECT_EQ(log.Count("parse mta success"), 1);
 }
 
 // A one-frame result asked with the cache is kept; the same URL at its size or at none is then
@@ -492,43 +542,15 @@ TEST_F(VideoGrabberTest, CachedFrameIsServedUndecodedAtItsOwnSize) {
     EXPECT_TRUE(log.Contains("decode begin"));
 }
 
-// Exactly two parts: the first names the MTA file, the second is the path; otherwise the whole
-// URL is the path. A media id that would leave the video folder names no file.
-TEST_F(VideoGrabberTest, VideoUrlIsSplitIntoMediaIdAndPath) {
-    root.WriteFile("opt/usr/apps/orvale/data/escape.mta", qrbtest::IntactVideoMta(1, 1, 4, {1}));
-    for (const char* url :
-         {"id;/media/y.mp4", "/media/plain.mp4", "a;b;/media/x.mp4", "../escape;/media/z.mp4"}) {
-        EXPECT_EQ(Grab(url, 5, 16, 16).status, -1);
-    }
-    EXPECT_TRUE(log.Contains("szURI:/media/y.mp4."));
-    EXPECT_TRUE(log.Contains("szURI:/media/plain.mp4."));
-    EXPECT_TRUE(log.Contains("szURI:a;b;/media/x.mp4."));
-    EXPECT_TRUE(log.Contains("open " + root.Resolve(kVideoDir) + "id.mta fail"));
-    EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "a failed request keeps no MTA file";
-    EXPECT_TRUE(log.Contains("media id [../escape] is not a file name"));
-    EXPECT_FALSE(log.Contains("parse mta success"));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Frames as a player shows them: colours, HDR, geometry, and a picture at every position.
-
-struct Rgb {
-    int r, g, b;
-};
-
-template <typename Param>
-class VideoShownTest : public VideoGrabberTest, public ::testing::WithParamInterface<Param> {};
-
 // Colours at points of a frame: the mean of the 8 x 8 square around (fx, fy) x the frame's size.
 struct Probe {
     double fx, fy;
-    Rgb want;
+    int r, g, b;
     double tolerance;
 };
 struct ColourCase {
     const char* file;
     int a, b, c, d;     // a display matrix to give a copy (all 0: the file as it is)
-    int doviBase;       // a Dolby Vision profile 8 copy with this base compatibility (0: none)
     int width, height;  // as shown
     std::vector<Probe> probes;
     const char* quadrants;  // for the quadrants file: their colours clockwise from the top left
@@ -540,44 +562,35 @@ void PrintTo(const ColourCase& c, std::ostream* os) {
 // Three patches (red, green, blue of middling strength) coded with a matrix and range and tagged
 // so, at a size whose usual matrix is the other one, or untagged at a size whose usual matrix
 // they were coded with: decoded with the wrong matrix, the green patch is 10 to 20 off in red.
-const std::vector<Probe> kPatches = {{1 / 6.0, 0.5, {200, 40, 80}, 5},
-                                     {0.5, 0.5, {30, 190, 61}, 5},
-                                     {5 / 6.0, 0.5, {60, 80, 220}, 5}};
+const std::vector<Probe> kPatches = {
+    {1 / 6.0, 0.5, 200, 40, 80, 5}, {0.5, 0.5, 30, 190, 61, 5}, {5 / 6.0, 0.5, 60, 80, 220, 5}};
 // SMPTE bars made into PQ and HLG pictures with SDR white at HDR reference white come back as the
 // SDR bars (75 %): unmapped, PQ white is some 60 levels darker and HLG colours washed out.
 const std::vector<Probe> kBars = {
-    {1 / 14.0, 1 / 3.0, {191, 191, 191}, 6}, {3 / 14.0, 1 / 3.0, {192, 192, 1}, 24},
-    {5 / 14.0, 1 / 3.0, {0, 191, 190}, 24},  {7 / 14.0, 1 / 3.0, {0, 191, 0}, 24},
-    {9 / 14.0, 1 / 3.0, {191, 0, 192}, 24},  {11 / 14.0, 1 / 3.0, {191, 0, 1}, 24},
-    {13 / 14.0, 1 / 3.0, {0, 1, 192}, 24}};
-const Rgb kWhite{255, 255, 255}, kBlack{0, 0, 0};
+    {1 / 14.0, 1 / 3.0, 191, 191, 191, 6}, {3 / 14.0, 1 / 3.0, 192, 192, 1, 24},
+    {5 / 14.0, 1 / 3.0, 0, 191, 190, 24},  {7 / 14.0, 1 / 3.0, 0, 191, 0, 24},
+    {9 / 14.0, 1 / 3.0, 191, 0, 192, 24},  {11 / 14.0, 1 / 3.0, 191, 0, 1, 24},
+    {13 / 14.0, 1 / 3.0, 0, 1, 192, 24}};
 // A white square 100 wide in the middle of a black picture as shown: white 44 pixels either side
 // of the middle, black 58 pixels away.
 std::vector<Probe> Square(int width) {
     const double in = 44.0 / width, out = 58.0 / width;
-    return {{0.5 - in, 0.5, kWhite, 30},
-            {0.5 + in, 0.5, kWhite, 30},
-            {0.5 - out, 0.5, kBlack, 30},
-            {0.5 + out, 0.5, kBlack, 30}};
+    return {{0.5 - in, 0.5, 255, 255, 255, 30},
+            {0.5 + in, 0.5, 255, 255, 255, 30},
+            {0.5 - out, 0.5, 0, 0, 0, 30},
+            {0.5 + out, 0.5, 0, 0, 0, 30}};
 }
 
-class VideoColourTest : public VideoShownTest<ColourCase> {};
+class VideoColourTest : public VideoGrabberTest,
+                        public ::testing::WithParamInterface<ColourCase> {};
 
 TEST_P(VideoColourTest, FrameIsShownInItsColoursAndTurn) {
     const ColourCase& c = GetParam();
-    std::string path = VideoFixture(c.file);
-    if (c.a != 0 || c.b != 0) {
-        qrbtest::WriteWithDisplayMatrix(path, root.Path() + "/turned.mp4", c.a, c.b, c.c, c.d);
-        path = root.Path() + "/turned.mp4";
-    } else if (c.doviBase != 0) {
-        qrbtest::WriteWithDolbyVision(path, root.Path() + "/dovi.mp4", 8, c.doviBase);
-        path = root.Path() + "/dovi.mp4";
-        ASSERT_EQ(qrbtest::DolbyVisionProfile(path), 8);
-    }
+    const std::string path =
+        c.a != 0 || c.b != 0 ? TurnedQuadrants(root, c.a, c.b, c.c, c.d) : VideoFixture(c.file);
     const RecordedResult r = Grab(path, 1, 0, 0);
     ASSERT_EQ(r.count, 1);
-    ASSERT_EQ(r.width, c.width);
-    ASSERT_EQ(r.height, c.height);
+    ASSERT_EQ(std::make_pair(r.width, r.height), std::make_pair(c.width, c.height));
     if (c.quadrants != nullptr) {
         EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.width, c.height)),
                   c.quadrants);
@@ -587,45 +600,44 @@ TEST_P(VideoColourTest, FrameIsShownInItsColoursAndTurn) {
         const int y = static_cast<int>(p.fy * c.height);
         const auto seen = MeanOf(r.buffers[0], c.width, x - 4, y - 4, x + 4, y + 4);
         SCOPED_TRACE(std::to_string(x) + "," + std::to_string(y));
-        EXPECT_NEAR(seen.r, p.want.r, p.tolerance);
-        EXPECT_NEAR(seen.g, p.want.g, p.tolerance);
-        EXPECT_NEAR(seen.b, p.want.b, p.tolerance);
+        EXPECT_NEAR(seen.r, p.r, p.tolerance);
+        EXPECT_NEAR(seen.g, p.g, p.tolerance);
+        EXPECT_NEAR(seen.b, p.b, p.tolerance);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     MatrixRangeHdrAndTurns, VideoColourTest,
     ::testing::Values(
-        ColourCase{"patches_bt601_tv_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
-        ColourCase{"patches_bt2020_tv_640x360.mkv", 0, 0, 0, 0, 0, 642, 360, kPatches, nullptr},
-        ColourCase{"patches_untagged_1280x720.mp4", 0, 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
-        ColourCase{"bars_pq_mastered_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars, nullptr},
-        ColourCase{"bars_hlg_320x180.mkv", 0, 0, 0, 0, 0, 320, 180, kBars, nullptr},
-        ColourCase{"bars_pq_320x180.mkv", 0, 0, 0, 0, 1, 320, 180, kBars,
-                   nullptr},  // Dolby Vision 8.1
+        ColourCase{"patches_bt601_tv_1280x720.mp4", 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
+        ColourCase{"patches_bt2020_tv_640x360.mkv", 0, 0, 0, 0, 642, 360, kPatches, nullptr},
+        ColourCase{"patches_untagged_1280x720.mp4", 0, 0, 0, 0, 1284, 720, kPatches, nullptr},
+        // PQ with and without mastering metadata, and HLG.
+        ColourCase{"bars_pq_mastered_320x180.mkv", 0, 0, 0, 0, 320, 180, kBars, nullptr},
+        ColourCase{"bars_pq_320x180.mkv", 0, 0, 0, 0, 320, 180, kBars, nullptr},
+        ColourCase{"bars_hlg_320x180.mkv", 0, 0, 0, 0, 320, 180, kBars, nullptr},
         // Quadrants red, green / blue, white as the display matrix (a, b; c, d) shows them: a
         // point (x, y) is shown at (a x + c y, b x + d y), y downwards.
-        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, -1, 0, 0, 240, 320, {}, "BRGW"},
-        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, 1, 0, 0, 240, 320, {}, "RBWG"},
+        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, -1, 0, 240, 320, {}, "BRGW"},
+        ColourCase{"quadrants_h264_320x240.mp4", 0, 1, 1, 0, 240, 320, {}, "RBWG"},
         // PAL pictures (720 x 576) shown 16:9 and 4:3 at their shown width, the square square.
-        ColourCase{"square_h264_720x576_sar64x45.mp4", 0, 0, 0, 0, 0, 1024, 576, Square(1024),
+        ColourCase{"square_h264_720x576_sar64x45.mp4", 0, 0, 0, 0, 1024, 576, Square(1024),
                    nullptr},
-        ColourCase{"square_mpeg2_720x576_sar16x15.ts", 0, 0, 0, 0, 0, 768, 576, Square(768),
+        ColourCase{"square_mpeg2_720x576_sar16x15.ts", 0, 0, 0, 0, 768, 576, Square(768),
                    nullptr}));
 
 // A bar crossing the picture moves 16 pixels between its two fields: woven together, every other
 // row is out of step (comb lines, an energy of about 20); deinterlaced, none is.
-class VideoInterlaceTest : public VideoShownTest<const char*> {};
+class VideoInterlaceTest : public VideoGrabberTest,
+                           public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(VideoInterlaceTest, FieldsAreMadeIntoOneProgressivePicture) {
     const RecordedResult r = Grab(VideoFixture(GetParam()), 3, 0, 0);
     ASSERT_EQ(r.count, 3);
-    ASSERT_EQ(r.width, 720);
-    ASSERT_EQ(r.height, 576);
+    ASSERT_EQ(std::make_pair(r.width, r.height), std::make_pair(720, 576));
     for (int i = 0; i < r.count; ++i) {
-        const std::string& bgra = r.buffers[i];
         auto at = [&](int x, int y) {
-            return static_cast<unsigned char>(bgra[(y * 720 + x) * 4 + 1]);
+            return static_cast<unsigned char>(r.buffers[i][(y * 720 + x) * 4 + 1]);
         };
         int bar = 0;
         for (int x = 0; x < 720; ++x) bar += at(x, 288) > 128;
@@ -654,7 +666,8 @@ struct PositionCase {
     bool distinct;      // false where two positions may share a far key frame
 };
 void PrintTo(const PositionCase& c, std::ostream* os) { *os << c.file; }
-class VideoPositionTest : public VideoShownTest<PositionCase> {};
+class VideoPositionTest : public VideoGrabberTest,
+                          public ::testing::WithParamInterface<PositionCase> {};
 
 // Each frame's brightness gives a moment that must be its own timestamp, near its position (the
 // first complete picture from the key frame at or before it; a transport stream's seek may land
@@ -664,20 +677,17 @@ TEST_P(VideoPositionTest, EveryPositionGivesThePictureOfItsMoment) {
     const std::string path = VideoFixture(c.file);
     const RecordedResult r = Grab(path, c.frames, 64, 48);
     ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.width, 64);
-    EXPECT_EQ(r.height, 48);
+    EXPECT_EQ(std::make_pair(r.width, r.height), std::make_pair(64, 48));
     EXPECT_EQ(r.sizes.at(0), 64 * 48 * 4);
     const double durationMs =
-        c.durationMs > 0 ? c.durationMs : qrbtest::ReadMediaFacts(path).durationUs / 1000.0;
+        c.durationMs > 0 ? c.durationMs : ReadMediaFacts(path).durationUs / 1000.0;
     ASSERT_EQ(r.count, c.frames);
     for (int i = 0; i < c.frames; ++i) {
         const double stamp = static_cast<double>(r.timestamps[i]);
         EXPECT_NEAR(stamp, durationMs * (i + 1) / (c.frames + 1), c.keySpacingMs + 60) << i;
         const double grey = MeanOf(r.buffers[i], 64, 0, 0, 64, 48).Grey();
         EXPECT_NEAR(grey / 255.0 * durationMs, stamp, 100.0) << "not the picture of frame " << i;
-        if (i > 0) {
-            EXPECT_GE(r.timestamps[i], r.timestamps[i - 1] + (c.distinct ? 1 : 0));
-        }
+        if (i > 0) EXPECT_GE(r.timestamps[i], r.timestamps[i - 1] + (c.distinct ? 1 : 0));
     }
     EXPECT_EQ(root.CountEntries(kVideoDir), 0) << "no media id, so no MTA file";
 }
@@ -693,5 +703,154 @@ INSTANTIATE_TEST_SUITE_P(
                       PositionCase{"fade_hevc_320x240_6s_open_gop.ts", 5, 2000, 0, false},
                       PositionCase{"fade_h264_320x240_3s_no_duration.mkv", 5, 400, 3000, true},
                       PositionCase{"fade_h264_320x240_3s.h264", 5, 200, 3000, true}));
+
+// Recordings: key frames cut from real transport streams go through set_pvr_key_frame into the
+// MTA file beside the ".srf" path, come back through parse_pvr_mta_file and are served by the
+// recording getter.
+
+// The key frames of a fixture, as the recorder hands them over.
+std::vector<_key_frame> KeyFrames(const MediaFacts& facts, int encodeType) {
+    std::vector<_key_frame> frames;
+    for (const std::string& unit : facts.keyFrames) {
+        _key_frame frame{};
+        frame.buffer = reinterpret_cast<const unsigned char*>(unit.data());
+        frame.buffer_size = static_cast<int>(unit.size());
+        frame.encode_type = encodeType;
+        frames.push_back(frame);
+    }
+    return frames;
+}
+
+// What parse_pvr_mta_file hands out, with its buffers freed as an application must.
+struct Parsed {
+    int status = -1, width = 0, height = 0, depth = 0, count = 0;
+    std::vector<std::string> frames;
+};
+Parsed Parse(const std::string& srf) {
+    _thumb_result result;
+    std::memset(&result, 0, sizeof(result));
+    Parsed parsed;
+    parsed.status = parse_pvr_mta_file(srf.c_str(), &result);
+    parsed.width = result.width;
+    parsed.height = result.height;
+    parsed.depth = result.depth;
+    parsed.count = result.count;
+    for (int i = 0; i < QRB_THUMB_MAX_IMAGES; ++i) {
+        if (result.pBuffer[i] == nullptr) continue;
+        parsed.frames.emplace_back(reinterpret_cast<char*>(result.pBuffer[i]),
+                                   static_cast<size_t>(result.nBufSize[i]));
+        std::free(result.pBuffer[i]);
+    }
+    return parsed;
+}
+
+struct PvrCase {
+    const char* fixture;
+    int encodeType;  // 1 MPEG-2, decoded from memory; 2 H.264, through an ".es" file
+    int count, width, height;
+};
+void PrintTo(const PvrCase& c, std::ostream* os) { *os << c.fixture; }
+
+class PvrKeyFrameTest : public VideoGrabberTest, public ::testing::WithParamInterface<PvrCase> {};
+
+// Names already taken by links to someone else's file are replaced, not written through; no
+// elementary stream outlives the call; each stored frame is the picture of its key frame, and a
+// request for four gets as many as asked and stored, each scaled from its stored frame.
+TEST_P(PvrKeyFrameTest, KeyFramesAreStoredAndServed) {
+    const PvrCase& c = GetParam();
+    const std::string srf = root.Path() + "/rec/show.srf", mta = root.Path() + "/rec/show.mta";
+    fs::create_directories(root.Path() + "/rec");
+    const std::string victim = root.WriteFile("victim.txt", "keep me");
+    fs::create_symlink(victim, mta);
+    if (c.encodeType == 2) {
+        fs::create_directories(root.Resolve(kDataDir));
+        fs::create_symlink(victim, root.Resolve(kDataDir) + "show-0.es");
+    }
+    const MediaFacts facts = ReadMediaFacts(VideoFixture(c.fixture), c.count);
+    std::vector<_key_frame> keys = KeyFrames(facts, c.encodeType);
+    ASSERT_EQ(set_pvr_key_frame(keys.data(), c.count, c.width, c.height, srf.c_str()), 0);
+    EXPECT_EQ(qrbtest::ReadFileBytes(victim), "keep me");
+    EXPECT_FALSE(fs::is_symlink(mta));
+    EXPECT_EQ(log.Contains("write to " + root.Resolve(kDataDir) + "show-0.es success"),
+              c.encodeType == 2);
+    EXPECT_EQ(root.CountEntries(kDataDir), 0);
+    EXPECT_EQ(fs::file_size(mta), 32u + c.count * (2u + c.width * c.height * 4) + 2u);
+
+    const Parsed parsed = Parse(srf);
+    ASSERT_EQ(parsed.status, 0);
+    EXPECT_EQ(std::make_pair(parsed.width, parsed.height), std::make_pair(c.width, c.height));
+    EXPECT_EQ(parsed.depth, 4);
+    ASSERT_EQ(parsed.count, c.count);
+    ASSERT_EQ(parsed.frames.size(), static_cast<size_t>(c.count));
+    const int w = c.width / 2, h = c.height / 2;
+    const RecordedResult served = rec.Request(srf, MEDIA_TYPE_PVR, DEV_TYPE_LOCAL, w, h, 0, 4);
+    ASSERT_EQ(served.count, std::min(4, c.count));
+    EXPECT_EQ(served.depth, 32);
+    for (int i = 0; i < c.count; ++i) {
+        const double grey = MeanOf(parsed.frames[i], c.width, 0, 0, c.width, c.height).Grey();
+        EXPECT_NEAR(grey / 255.0 * facts.durationUs / 1000.0, facts.keyTimesMs[i], 80.0) << i;
+        EXPECT_EQ(static_cast<unsigned char>(parsed.frames[i][3]), 255) << "opaque";
+        if (i < served.count)
+            EXPECT_NEAR(MeanOf(served.buffers[i], w, 0, 0, w, h).Grey(), grey, 3.0);
+    }
+}
+
+// Interlaced broadcast in both codecs, and progressive H.264 with B-frames (the decoder holds
+// pictures back until the input ends).
+INSTANTIATE_TEST_SUITE_P(Recordings, PvrKeyFrameTest,
+                         ::testing::Values(PvrCase{"fade_mpeg2_720x576i_2s.ts", 1, 3, 160, 90},
+                                           PvrCase{"fade_h264_720x576i_2s.ts", 2, 2, 96, 96},
+                                           PvrCase{"fade_h264_640x360_3s_bframes.ts", 2, 5, 64,
+                                                   36}));
+
+// Bad arguments, an unknown codec, or one frame of noise in either codec: -1, and neither an
+// MTA file (not even half of one) nor an elementary stream is left. The reader refuses a count
+// of six and a path without ".srf", and accepts the limits (five frames, depth 10, no trailer);
+// a missing file, and one of three bytes a pixel (no ARGB to scale), give no thumbnail.
+TEST_F(VideoGrabberTest, RecordingsRefuseWhatCannotBeStoredOrServed) {
+    const std::string srf = root.Path() + "/rec/show.srf";
+    fs::create_directories(root.Path() + "/rec");
+    const MediaFacts facts = ReadMediaFacts(VideoFixture("fade_mpeg2_320x240_3s.ts"), 5);
+    std::vector<_key_frame> frames = KeyFrames(facts, 1);
+    frames.push_back(frames[0]);  // a sixth
+    EXPECT_EQ(set_pvr_key_frame(frames.data(), 6, 160, 90, srf.c_str()), -1);
+    EXPECT_EQ(set_pvr_key_frame(frames.data(), 0, 160, 90, srf.c_str()), -1);
+    EXPECT_EQ(log.Count("parameter error"), 2);
+    EXPECT_EQ(set_pvr_key_frame(frames.data(), 1, 16, 16, (root.Path() + "/rec/a.ts").c_str()), -1);
+    EXPECT_TRUE(log.Contains("the path is not srf path"));
+    frames[0].encode_type = 3;
+    EXPECT_EQ(set_pvr_key_frame(frames.data(), 1, 16, 16, srf.c_str()), -1);
+    EXPECT_TRUE(log.Contains("Codec not found"));
+    const std::string noise(4096, '\x5a');
+    for (int type : {1, 2}) {
+        frames = KeyFrames(facts, 1);
+        frames[1].buffer = reinterpret_cast<const unsigned char*>(noise.data());
+        frames[1].buffer_size = static_cast<int>(noise.size());
+        frames[1].encode_type = type;
+        EXPECT_EQ(set_pvr_key_frame(frames.data(), 2, 16, 16, srf.c_str()), -1);
+    }
+    EXPECT_EQ(log.Count("m_DecodeFrame fail"), 3) << "the unknown codec and both noise frames";
+    EXPECT_EQ(root.CountEntries(kDataDir), 0);
+    EXPECT_EQ(root.CountEntries("/rec"), 0);
+
+    log.Clear();
+    root.WriteFile("rec/six.mta", BuildMta(2, 2, 4, 6, std::vector<std::string>(6, "0123")));
+    EXPECT_EQ(Parse(root.Path() + "/rec/six.srf").status, -1);
+    EXPECT_TRUE(log.Contains("get width, height, depth, count fail"));
+    EXPECT_EQ(Parse(root.Path() + "/rec/six.ts").status, -1);
+    EXPECT_TRUE(log.Contains("the path is not srf path"));
+    EXPECT_EQ(parse_pvr_mta_file(srf.c_str(), nullptr), -1);
+    const std::string edge = BuildMta(1, 1, 10, 5, std::vector<std::string>(5, "0123456789"));
+    root.WriteFile("rec/edge.mta", edge.substr(0, edge.size() - 2));
+    const Parsed parsed = Parse(root.Path() + "/rec/edge.srf");
+    EXPECT_EQ(parsed.status, 0);
+    EXPECT_EQ(parsed.count, 5);
+    EXPECT_EQ(parsed.frames.at(4), "0123456789");
+    root.WriteFile("rec/rgb.mta", BuildMta(2, 2, 3, 1, {std::string(12, 'x')}));
+    for (const char* name : {"/rec/none.srf", "/rec/rgb.srf"}) {
+        EXPECT_EQ(rec.Request(root.Path() + name, MEDIA_TYPE_PVR, DEV_TYPE_LOCAL, 16, 16).status,
+                  -1);
+    }
+}
 
 }  // namespace

@@ -1,9 +1,5 @@
-// A decoder plug-in for the tests that stop a worker mid-decode: the real plug-in
-// (platform/linux/gst-ffmpeg/gst_ffmpegapi.cpp, included below with its read function renamed to
-// qrb_gate_real_av_read_frame) plus a "gst_ffmpegapi_av_read_frame" that first calls a gate the
-// test installs through qrb_test_set_read_gate. The gate may block, so a test can hold
-// the worker between two packets for as long as it needs.
-
+// The decoder plug-in with a gate the test installs (qrb_test_set_read_gate) in front of its read
+// function, so that a test can hold the worker between two packets.
 // The real plug-in, its read function under another name.
 #define gst_ffmpegapi_av_read_frame qrb_gate_real_av_read_frame
 #include "../../../../platform/linux/gst-ffmpeg/gst_ffmpegapi.cpp"
