@@ -18,13 +18,7 @@ std::string TransportStream(bool secondSync = true) {
 }
 
 // An ISO file type box of a brand.
-std::string Ftyp(const char* brand) {
-    return Bytes(
-               "\0\0\0\x20"
-               "ftyp",
-               8) +
-           brand;
-}
+std::string Ftyp(const char* brand) { return Bytes("\0\0\0 ftyp", 8) + brand; }
 
 TEST(ToolMediaKind, GuessFromFormThenSignatureThenName) {
     const std::string asf = Bytes("\x30\x26\xB2\x75\x8E\x66\xCF\x11", 8);

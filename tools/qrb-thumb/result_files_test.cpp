@@ -44,52 +44,40 @@ TEST(ToolResultFiles, FileNamesAreTheInputsLastSegmentMadeSafeAndUnique) {
               (std::vector<std::string>{"x.jpg", "x.jpg~2", "x.jpg~3", "y.jpg", "x.jpg_2"}));
 }
 
-class ToolResultFilesWrite : public ::testing::Test {
-protected:
-    Outcome Write(const Answer& answer, const std::string& stem = "clip.mp4") {
+// Rasters become PNGs named for their slots (the library may leave one empty); an image of
+// another size than the answer gives is reported, not guessed at. Encoded bytes are saved as they
+// came, named for their signature.
+TEST(ToolResultFiles, EveryImageIsWrittenNamedForItsSlot) {
+    qrbtest::ScratchRoot root;
+    const auto write = [&](const Answer& answer, const std::string& stem) {
         Outcome outcome;
         WriteAnswerFiles(answer, ImageFormat::Png, root.Path(), stem, &outcome);
         return outcome;
-    }
-    std::string Path(const std::string& name) const { return root.Path() + "/" + name; }
-    qrbtest::ScratchRoot root;
-};
-
-TEST_F(ToolResultFilesWrite, EveryRasterBecomesAPngNamedForItsSlot) {
-    // The library may leave a slot empty; names follow the slots, not a running count.
+    };
     Answer answer = Answered(0);
     answer.width = 6;
     answer.height = 4;
     for (int slot : {0, 1, 3}) answer.images.push_back(Image(slot, std::string(6 * 4 * 4, 'a')));
-    const Outcome o = Write(answer);
+    const Outcome o = write(answer, "clip.mp4");
     EXPECT_TRUE(o.ok) << o.note;
-    EXPECT_EQ(o.frames, 3);
-    ASSERT_EQ(o.outputs, (std::vector<std::string>{Path("clip.mp4-0.png"), Path("clip.mp4-1.png"),
-                                                   Path("clip.mp4-3.png")}));
-
-    // An image of another size than the answer gives is reported, not guessed at.
+    const std::string at = root.Path() + "/";
+    ASSERT_EQ(o.outputs, (std::vector<std::string>{at + "clip.mp4-0.png", at + "clip.mp4-1.png",
+                                                   at + "clip.mp4-3.png"}));
     answer.images.push_back(Image(4, std::string(10, 'x')));
-    const Outcome bad = Write(answer, "odd");
+    const Outcome bad = write(answer, "odd");
     EXPECT_FALSE(bad.ok);
     EXPECT_EQ(bad.frames, 3);
     EXPECT_NE(bad.note.find("image 4"), std::string::npos) << bad.note;
-    EXPECT_EQ(root.CountEntries(""), 6);
-}
 
-// Several encoded pictures (a DLNA item's chapters) are saved as they came, told apart by their
-// slot and named for their signature. (One keeps the plain name.)
-TEST_F(ToolResultFilesWrite, EncodedBytesAreSavedAsTheyCame) {
-    Answer answer = Answered(0);
-    answer.encoded = true;
-    const std::string jpeg("\xFF\xD8\xFF\xE0 not really a picture\0\x01", 26);
+    Answer encoded = Answered(0);
+    encoded.encoded = true;
     const std::string png("\x89PNG\r\n\x1A\n rest", 13);
-    answer.images.push_back(Image(0, jpeg));
-    answer.images.push_back(Image(2, png));
-    const Outcome o = Write(answer, "item");
-    EXPECT_TRUE(o.ok) << o.note;
-    ASSERT_EQ(o.outputs, (std::vector<std::string>{Path("item-0.jpg"), Path("item-2.png")}));
-    EXPECT_EQ(qrbtest::ReadFileBytes(Path("item-0.jpg")), jpeg);
-    EXPECT_EQ(qrbtest::ReadFileBytes(Path("item-2.png")), png);
+    encoded.images.push_back(Image(0, "\xFF\xD8\xFF\xE0 not really a picture"));
+    encoded.images.push_back(Image(2, png));
+    EXPECT_EQ(write(encoded, "item").outputs,
+              (std::vector<std::string>{at + "item-0.jpg", at + "item-2.png"}));
+    EXPECT_EQ(qrbtest::ReadFileBytes(at + "item-2.png"), png);
+    EXPECT_EQ(root.CountEntries(""), 8);
 }
 
 }  // namespace

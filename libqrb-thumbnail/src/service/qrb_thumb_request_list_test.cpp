@@ -44,11 +44,8 @@ protected:
     CallbackRecorder recorder;
 };
 
-// Without an id a request is (URL, user pointer), with one (id, user pointer); a duplicate is
-// dropped and leaves the queued request's state alone. Delete by URL takes every user's request,
-// delete by id every URL's. The single variant's workers take the first request they may take,
-// skipping video and recordings unless they want every kind. (The HTTP threads' states:
-// QRBThumbHttpVariantTest.)
+// Keys are (URL or id, user); a duplicate is dropped. Delete by URL or id takes every user's. The
+// single variant's workers skip video and recordings unless they want every kind.
 TEST_F(RequestListTest, RequestsAreKeyedTakenAndDeleted) {
     list.Insert(Make("a", 1));
     _stRequestedItem taken;
@@ -78,10 +75,8 @@ TEST_F(RequestListTest, RequestsAreKeyedTakenAndDeleted) {
     EXPECT_EQ(taken.strURL, "v");
 }
 
-// A null callback removes the request silently. Images fill the slot of their index (a missing
-// one, or one without pixels, uses its slot up); the last image gives the geometry; an image
-// shorter than its raster is never read past. (A failure and a cancelled request's event:
-// ServiceTest; encoded-data delivery: QRBThumbHttpVariantTest.)
+// A null callback removes the request silently. Images fill their own slots, the last gives the
+// geometry, and one shorter than its raster is never read past.
 TEST_F(RequestListTest, EventsFillTheResultOfTheirOwnRequest) {
     list.Insert(Make("quiet", 1));
     EXPECT_FALSE(list.SendEvent(recorder.Tag(1), "quiet", nullptr, nullptr, true));
