@@ -25,8 +25,7 @@ std::string Magick(const std::string& command) {
     return out;
 }
 
-// Ramps as gentle at every size as across a 320x240 thumbnail (JPEG keeps them within a few
-// levels), red and blue apart everywhere so a swap shows, alpha falling to 0 on row 239.
+// Gentle ramps (JPEG keeps them within a few levels), red and blue apart, alpha falling to 0.
 std::vector<unsigned char> Raster(int width, int height) {
     std::vector<unsigned char> bgra;
     for (int y = 0; y < height; ++y) {
@@ -78,7 +77,7 @@ TEST(ToolImageWriter, ReadsBackAsWritten) {
     }
 }
 
-// A refused image leaves no file, also when it fails after the file was started.
+// A refused image says why and leaves no file, also when it fails after the file was started.
 TEST(ToolImageWriter, RefusalsSayWhyAndLeaveNoFile) {
     qrbtest::ScratchRoot root;
     const std::vector<unsigned char> bgra = Raster(4, 4);

@@ -7,8 +7,6 @@
 namespace qrbthumb {
 namespace {
 
-std::string Bytes(const char* data, size_t n) { return std::string(data, n); }
-
 // A transport stream's start: sync bytes at 0 and 188 (or only at 0).
 std::string TransportStream(bool secondSync = true) {
     std::string ts(376, '\0');
@@ -18,11 +16,11 @@ std::string TransportStream(bool secondSync = true) {
 }
 
 // An ISO file type box of a brand.
-std::string Ftyp(const char* brand) { return Bytes("\0\0\0 ftyp", 8) + brand; }
+std::string Ftyp(const char* brand) { return std::string("\0\0\0 ftyp", 8) + brand; }
 
 TEST(ToolMediaKind, GuessFromFormThenSignatureThenName) {
-    const std::string asf = Bytes("\x30\x26\xB2\x75\x8E\x66\xCF\x11", 8);
-    const std::string ogg = Bytes("OggS\0\x02", 6) + std::string(20, '\0') + Bytes("\x01\x1E", 2);
+    const std::string asf("\x30\x26\xB2\x75\x8E\x66\xCF\x11", 8);
+    const std::string ogg = std::string("OggS\0\x02", 6) + std::string(20, '\0') + "\x01\x1E";
     const struct {
         const char* name;
         std::string head;
@@ -37,7 +35,7 @@ TEST(ToolMediaKind, GuessFromFormThenSignatureThenName) {
         {"/m/clip.mp4;http://s/clip.mta;video/mp4", "", MediaKind::Dlna},
         {"42;/media/clip.mp4", "", MediaKind::Video},
         // Picture and tag signatures win over the name.
-        {"really-a-jpeg.mp3", Bytes("\xFF\xD8\xFF\xE0", 4), MediaKind::Picture},
+        {"really-a-jpeg.mp3", std::string("\xFF\xD8\xFF\xE0", 4), MediaKind::Picture},
         {"photo.mp4", Ftyp("mif1"), MediaKind::Picture},
         {"tagged.jpg", "ID3\x03", MediaKind::Music},
         // Two letters of text are not a bitmap.
@@ -48,7 +46,7 @@ TEST(ToolMediaKind, GuessFromFormThenSignatureThenName) {
         {"song", asf, MediaKind::Music},
         {"capture", TransportStream(), MediaKind::Video},
         {"capture", TransportStream(false), MediaKind::Unknown},
-        {"raw-mp3", Bytes("\xFF\xFB\x90\x00", 4), MediaKind::Music},
+        {"raw-mp3", std::string("\xFF\xFB\x90\x00", 4), MediaKind::Music},
         {"clip", ogg + "\x80theora", MediaKind::Video},
         // Package extensions win over their carrier containers.
         {"show.srf", TransportStream(), MediaKind::Recording},

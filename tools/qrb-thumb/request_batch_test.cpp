@@ -19,24 +19,15 @@ using std::chrono::steady_clock;
 // A route the service drops without an answer (media type 4 on ordinary storage).
 constexpr Route kDropped = {MEDIA_TYPE_NONE, DEV_TYPE_LOCAL};
 
-// Each case runs with the real service on a scratch root, and ends it before the batch goes.
 class ToolRequestBatch : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(thumbnail_init(), 0); }
     void TearDown() override { thumbnail_finalize(); }
-    // Owned by the fixture, so that it outlives thumbnail_finalize in TearDown.
-    RequestBatch& NewBatch(size_t inputs) {
-        m_Batch = std::make_unique<RequestBatch>(inputs);
-        return *m_Batch;
-    }
     qrbtest::ScratchRoot root;
-
-private:
-    std::unique_ptr<RequestBatch> m_Batch;
+    std::unique_ptr<RequestBatch> batch;  // outlives thumbnail_finalize in TearDown
 };
 
-// The service drops these requests without an answer: each is given up after the time-out from
-// its own request, and no more than the window is ever out, so three rounds are needed.
+// Unanswered requests are given up each after its own time-out, never more than the window out.
 TEST_F(ToolRequestBatch, UnansweredInputsAreGivenUpAfterTheTimeOutAndTheWindowHolds) {
     std::vector<BatchInput> inputs;
     for (size_t i = 0; i < 5; ++i) inputs.push_back({i, root.Path() + "/x.jpg", kDropped});
@@ -45,8 +36,9 @@ TEST_F(ToolRequestBatch, UnansweredInputsAreGivenUpAfterTheTimeOutAndTheWindowHo
     settings.timeout = milliseconds(200);
     std::vector<size_t> order;
     const auto start = steady_clock::now();
+    batch = std::make_unique<RequestBatch>(inputs.size());
     RunBatch(
-        NewBatch(inputs.size()), inputs, settings,
+        *batch, inputs, settings,
         [&](size_t index, Answer answer) {
             order.push_back(index);
             EXPECT_FALSE(answer.answered);
@@ -58,11 +50,10 @@ TEST_F(ToolRequestBatch, UnansweredInputsAreGivenUpAfterTheTimeOutAndTheWindowHo
     EXPECT_EQ(order.size(), 5u);
 }
 
-// Buffers of answers the batch does not keep are freed all the same (the sanitizer build's
-// leak check holds this case to it).
+// Answers the batch does not keep are freed all the same (the leak check holds this case to it).
 TEST_F(ToolRequestBatch, AnswersAfterGivingUpOrASecondAnswerAreDroppedAndFreed) {
-    RequestBatch& batch = NewBatch(3);
-    for (size_t i = 0; i < 3; ++i) batch.Post(i, "held", kDropped, RequestParams());
+    batch = std::make_unique<RequestBatch>(3);
+    for (size_t i = 0; i < 3; ++i) batch->Post(i, "held", kDropped, RequestParams());
     _thumb_result result;
     std::memset(&result, 0, sizeof(result));
     result.nBufSize[0] = 4;
@@ -70,21 +61,21 @@ TEST_F(ToolRequestBatch, AnswersAfterGivingUpOrASecondAnswerAreDroppedAndFreed) 
         result.pBuffer[0] = static_cast<unsigned char*>(std::calloc(4, 1));
         RequestBatch::Callback(status, &result, user);
     };
-    answer(-1, batch.UserPointer(0));
-    answer(0, batch.UserPointer(0));  // a second answer
-    EXPECT_EQ(batch.GiveUp(steady_clock::now() + milliseconds(1)), (std::vector<size_t>{1, 2}));
+    answer(-1, batch->UserPointer(0));
+    answer(0, batch->UserPointer(0));  // a second answer
+    EXPECT_EQ(batch->GiveUp(steady_clock::now() + milliseconds(1)), (std::vector<size_t>{1, 2}));
     result.buffer_preset = static_cast<char*>(std::calloc(QRB_THUMB_PRESET_SIZE, 1));
-    answer(0, batch.UserPointer(1));  // after giving up
+    answer(0, batch->UserPointer(1));  // after giving up
     result.buffer_preset = nullptr;
-    batch.Close();
-    answer(0, batch.UserPointer(2));  // after Close
-    answer(0, nullptr);               // no user pointer at all
+    batch->Close();
+    answer(0, batch->UserPointer(2));  // after Close
+    answer(0, nullptr);                // no user pointer at all
 
-    const Answer first = batch.Take(0);
+    const Answer first = batch->Take(0);
     EXPECT_EQ(first.status, -1);  // the first answer stands
     EXPECT_TRUE(first.images.empty());
-    EXPECT_FALSE(batch.Take(1).answered);
-    EXPECT_FALSE(batch.Take(2).answered);
+    EXPECT_FALSE(batch->Take(1).answered);
+    EXPECT_FALSE(batch->Take(2).answered);
 }
 
 }  // namespace

@@ -44,9 +44,8 @@ TEST(ToolResultFiles, FileNamesAreTheInputsLastSegmentMadeSafeAndUnique) {
               (std::vector<std::string>{"x.jpg", "x.jpg~2", "x.jpg~3", "y.jpg", "x.jpg_2"}));
 }
 
-// Rasters become PNGs named for their slots (the library may leave one empty); an image of
-// another size than the answer gives is reported, not guessed at. Encoded bytes are saved as they
-// came, named for their signature.
+// Rasters become PNGs named for their slots (one may be empty), a size mismatch is reported;
+// encoded bytes are saved as they came, named for their signature.
 TEST(ToolResultFiles, EveryImageIsWrittenNamedForItsSlot) {
     qrbtest::ScratchRoot root;
     const auto write = [&](const Answer& answer, const std::string& stem) {

@@ -1,5 +1,4 @@
-/* Compiled as C: the public header must stay plain C. The layout checks pin the record that
- * applications read, field by field. */
+/* Compiled as C: the public header stays plain C and the result record keeps its layout. */
 #include "qrb_thumbnail.h"
 
 #include <stddef.h>
@@ -21,6 +20,5 @@ static int c_callback(int status, _thumb_result* result, void* user_data) {
     return 0;
 }
 
-/* Referenced from the C++ tests so that the C translation unit is linked and its use of the
- * callback type is checked by a C compiler. */
+/* Used by the C++ tests, so that this file is linked. */
 qrb_thumbnail_callback qrb_c_callback_for_tests(void) { return c_callback; }

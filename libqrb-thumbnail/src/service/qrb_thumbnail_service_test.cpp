@@ -6,6 +6,7 @@
 #include "qrb_test_getter.h"
 #include "qrb_test_log.h"
 #include "qrb_test_root.h"
+#include "qrb_thumb_request_list.h"
 #include "qrb_thumb_flyweight_factory.h"
 #include "qrb_thumbnail_base_imp.h"
 
@@ -14,8 +15,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <random>
+#include <regex>
 #include <thread>
 #include <vector>
 
@@ -46,6 +49,51 @@ TEST(RoutingTest, DeviceDecidesFirstThenMediaTypeThenKindGivesTheVariant) {
         EXPECT_EQ(CQRBThumbnail::m_GetThumbImpType(static_cast<qrb_media_thumbnail_type>(kind)), variant[kind])
             << kind;
     }
+}
+
+// A null callback removes a request silently; images fill their own slots, never read past.
+TEST(RequestListTest, EventsFillTheResultOfTheirOwnRequest) {
+    CQRBThumbRequestList list;
+    ASSERT_TRUE(list.Create());
+    CallbackRecorder recorder;
+    _stRequestedItem request;
+    request.eThumbnailType = THUMB_PICTURE;
+    request.user_data = recorder.Tag(1);
+    request.callback = &CallbackRecorder::Callback;
+    for (const char* url : {"quiet", "ok"}) {
+        request.strURL = url;
+        list.Insert(request);
+    }
+    EXPECT_FALSE(list.SendEvent(recorder.Tag(1), "quiet", nullptr, nullptr, true));
+    EXPECT_EQ(list.Size(), 1);
+    auto image = [](int w, int h, int depth, long size, char fill, long long stamp) {
+        auto* pixels = static_cast<unsigned char*>(malloc(size));
+        std::memset(pixels, fill, size);
+        boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
+        image->Create(w, h, depth, w * 4, pixels, stamp);
+        image->SetBufSize(size);
+        return image;
+    };
+    boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
+    item->AddImage(image(2, 3, 4, 24, 0x11, 100));
+    item->AddImage(nullptr);
+    boost::intrusive_ptr<CQRBThumbImage> empty(new CQRBThumbImage);
+    empty->Create(0, 0, 4, 0, nullptr, 5);
+    empty->SetBufSize(77);
+    item->AddImage(empty);
+    item->AddImage(image(2, 1, 3, 6, 0x5a, 300));  // 2 x 1 at 3 bytes a pixel
+    item->SetBufferPreset("preset text");
+    ASSERT_TRUE(list.SendEvent(recorder.Tag(1), "ok", &CallbackRecorder::Callback, item, true));
+    const auto r = recorder.Results().at(0);
+    EXPECT_EQ(std::make_pair(r.status, r.count), std::make_pair(0, 2));
+    EXPECT_EQ(r.width * 100 + r.height * 10 + r.depth, 213);
+    EXPECT_EQ(r.buffers[0], std::string(24, '\x11'));
+    EXPECT_TRUE(r.buffers[1].empty() && r.buffers[2].empty());
+    EXPECT_EQ(r.sizes[2], 77);
+    EXPECT_EQ(r.buffers[3], std::string(6, '\x5a') + std::string(2, '\0'));
+    EXPECT_EQ(r.timestamps[3], 300);
+    EXPECT_EQ(r.preset, "preset text");
+    list.Destroy();
 }
 
 class ServiceTest : public ::testing::Test {
@@ -162,19 +210,16 @@ TEST_F(ServiceTest, EveryServedRequestGetsExactlyOneAnswer) {
             EXPECT_EQ(r.width + r.sizes[0], 0);
         }
     }
+    const std::regex format(R"(media_thumbnail\.cpp: Request\((\d+)\) > )" "\033"
+                            R"(\[32m\[Request:\1\] \[Thread Id:\[\d+\]\] .*strUrl=/x\.bin.*)" "\033\\[0m");
     const auto lines = log.Lines();
-    const auto line = std::find_if(lines.begin(), lines.end(),
-                                   [](const std::string& l) { return l.find("strUrl=/x.bin") != std::string::npos; });
-    ASSERT_NE(line, lines.end());
-    EXPECT_EQ(line->rfind("media_thumbnail.cpp: Request(", 0), 0u) << *line;
-    EXPECT_NE(line->find(" > \033[32m[Request:"), std::string::npos) << *line;
-    EXPECT_NE(line->find("] [Thread Id:["), std::string::npos) << *line;
-    EXPECT_EQ(line->substr(line->size() - 4), "\033[0m");
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
+                            [&](const std::string& l) { return std::regex_match(l, format); }));
     const auto tags = log.Tags();
     EXPECT_NE(std::find(tags.begin(), tags.end(), "QRB-thumbnail"), tags.end());
 }
 
-// One key posted from eight threads is queued once; cancelled or cleared requests get no callback.
+// A key posted from eight threads is queued once; cancelled or cleared requests get no callback.
 TEST_F(ServiceTest, DuplicatesAreQueuedOnceAndCancelledRequestsGetNoCallback) {
     BlockMultiWorkers();
     std::vector<std::thread> threads;
@@ -187,6 +232,7 @@ TEST_F(ServiceTest, DuplicatesAreQueuedOnceAndCancelledRequestsGetNoCallback) {
     Picture("/queued.jpg", 2);
     EXPECT_EQ(service->Variant(1)->RequestList()->Size(), 4);
     EXPECT_EQ(thumbnail_request_cancel("/queued.jpg", MEDIA_TYPE_PICTURE, DEV_TYPE_LOCAL), 0);
+    EXPECT_EQ(service->Variant(1)->RequestList()->Size(), 2) << "every user's request goes";
     service->CancelRequest(std::string("block/gate:ok:1x1"), THUMB_RESERVED7);
     EXPECT_EQ(thumbnail_request_cancel("/unknown", MEDIA_TYPE_PICTURE, DEV_TYPE_LOCAL), 0);
     for (int i = 0; i < 20; ++i) Picture("/many" + std::to_string(i), 10 + i);
@@ -214,13 +260,16 @@ TEST_F(ServiceTest, CachedResultIsServedWithoutExtractingAgain) {
     EXPECT_EQ(service->Cache()->Count(), 2);
 }
 
-// Icon type 1 is a kind 9 request with orientation 1 on the multi variant, keyed by id.
+// Icon type 1: kind 9 with orientation 1 on the multi variant, keyed and cancelled by id.
 TEST_F(ServiceTest, DeviceIconsAreKeyedByIdOnTheirVariant) {
     auto* icons = qrbtest::InstallScriptedGetter(THUMB_RESERVED9);
     BlockMultiWorkers();
-    for (const char* url : {"icon/ok:2x2", "other-url"})  // same id: a duplicate
-        service->RequestDeviceIcon(url, 3, static_cast<qrb_device_icon_type>(1), &CallbackRecorder::Callback,
-                                   false, false);
+    const std::pair<const char*, int> posted[] = {{"icon/ok:2x2", 3}, {"other-url", 3}, {"icon/ok:2x2", 4}};
+    for (const auto& [url, id] : posted)
+        service->RequestDeviceIcon(url, id, static_cast<qrb_device_icon_type>(1),
+                                   &CallbackRecorder::Callback, false, false);
+    EXPECT_EQ(service->Variant(1)->RequestList()->Size(), 4) << "the second of id 3 is a duplicate";
+    service->CancelRequest(4LL, THUMB_RESERVED9);
     EXPECT_EQ(service->Variant(1)->RequestList()->Size(), 3);
     getter->OpenGate();
     for (int i = 0; i < 500 && icons->calls == 0; ++i) std::this_thread::sleep_for(10ms);
