@@ -45,7 +45,6 @@ struct CompressJob {
     unsigned int app1Size;
     const unsigned char* app2;
     unsigned int app2Size;
-    jpeg_scan_info scans[3];  // the scan script of sequentialScans
 };
 
 // The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
@@ -90,20 +89,6 @@ bool CompressGuarded(CompressJob* job) {
     cinfo->input_components = 3;
     jpeg_set_defaults(cinfo);
     jpeg_set_quality(cinfo, spec.quality, TRUE);
-    if (spec.progressive) jpeg_simple_progression(cinfo);
-    if (spec.sequentialScans && !spec.progressive) {
-        for (int c = 0; c < cinfo->num_components; ++c) {
-            jpeg_scan_info& scan = job->scans[c];
-            scan.comps_in_scan = 1;
-            scan.component_index[0] = c;
-            scan.Ss = 0;
-            scan.Se = 63;
-            scan.Ah = 0;
-            scan.Al = 0;
-        }
-        cinfo->scan_info = job->scans;
-        cinfo->num_scans = cinfo->num_components;
-    }
     // An EXIF file starts with its APP1, as cameras write it.
     if (job->app1Size > 0) cinfo->write_JFIF_header = FALSE;
     jpeg_start_compress(cinfo, TRUE);
@@ -257,8 +242,7 @@ std::string MakeJpeg(const JpegSpec& spec) {
                         reinterpret_cast<const unsigned char*>(app1.data()),
                         static_cast<unsigned int>(app1.size()),
                         reinterpret_cast<const unsigned char*>(app2.data()),
-                        static_cast<unsigned int>(app2.size()),
-                        {}};
+                        static_cast<unsigned int>(app2.size())};
         ok = CompressGuarded(&job);
     }
     ScopedJpegBytes bytes(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free

@@ -1,4 +1,4 @@
-// JPEG files for tests, written with libjpeg into memory: any size, baseline or progressive,
+// JPEG files for tests, written with libjpeg into memory: any size, baseline,
 // with an optional APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 holding a JPEG
 // thumbnail) and an optional APP2 segment holding a larger
 // embedded JPEG. Pixels are generated one row at a time, so a 4000 x 3000 picture costs no more
@@ -30,8 +30,6 @@ struct JpegSpec {
     int width = 64;
     int height = 48;
     int quality = 90;
-    bool progressive = false;
-    bool sequentialScans = false;  // baseline, one scan per component instead of one interleaved
     JpegPattern pattern = JpegPattern::kSolid;
     JpegColor color{200, 40, 40};
     JpegColor lowerRight{255, 255, 255};  // the fourth quadrant of kQuadrants

@@ -4,7 +4,6 @@
 #include "qrb_test_files.h"
 
 #include <png.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -121,18 +120,6 @@ bool ReadPng(const std::string& path, Raster* out) {
     out->height = static_cast<int>(image.height);
     out->pixels.swap(pixels);
     return true;
-}
-
-std::string PngChunk(const std::string& type, const std::string& data) {
-    const std::string body = type + data;
-    const uLong crc = crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size());
-    return BigEndian(data.size(), 4) + body + BigEndian(crc, 4);
-}
-
-std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest) {
-    const std::string ihdr =
-        BigEndian(width, 4) + BigEndian(height, 4) + std::string("\x08\x02\0\0\0", 5);
-    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + rest;
 }
 
 }  // namespace qrbtest

@@ -1,5 +1,5 @@
 // Pictures for tests: rasters as the library makes them (bytes blue, green, red, alpha), the
-// picture decoder's output as an owned raster, PNG files read with libpng, and hand-assembled PNG chunks for hostile files.
+// picture decoder's output as an owned raster, PNG files read with libpng.
 #ifndef QRB_TESTING_PICTURE_H
 #define QRB_TESTING_PICTURE_H
 
@@ -42,11 +42,6 @@ Raster CropCentre(const Raster& in, int width, int height);
 
 // A file read with libpng's simplified API, in the decoder's byte order.
 bool ReadPng(const std::string& path, Raster* out);
-
-// One PNG chunk with a correct checksum; a signature and an 8-bit RGB header of the given
-// size followed by rest.
-std::string PngChunk(const std::string& type, const std::string& data);
-std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest);
 
 }  // namespace qrbtest
 

@@ -1,6 +1,5 @@
-// The picture decoder end to end on JPEG files the tests write with libjpeg or ImageMagick: URI
-// forms, the choice between EXIF thumbnail, large thumbnail and full decode, the output size,
-// DCT scaling, colour models, orientation, and its failures.
+// The picture decoder on JPEG files written with libjpeg or ImageMagick: URI forms, the source
+// and output size, DCT scaling, colour models, orientation and failures.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_test_support.h"
@@ -87,9 +86,8 @@ TEST_F(ImageDecoderTest, UriFormsReachTheFileAndFailuresSayWhy) {
     EXPECT_TRUE(log.Contains("URL IS NULL"));
 }
 
-// Header-only stand-ins for big photos (the frame header says w x h) with an EXIF thumbnail
-// and a large APP2 thumbnail of the given sizes (0: none): the source and the output size,
-// which covers the request with the source's aspect, overflowing it in one direction.
+// Stand-ins for big photos (the frame header says w x h) with EXIF and APP2 thumbnails of the
+// given sizes (0: none): the source chosen and the output size covering the request.
 struct SourceCase {
     int w, h, thumbW, thumbH, largeW, largeH, reqW, reqH;
     bool forceFull;
@@ -138,7 +136,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // The small EXIF thumbnail is taken even at twice its size when nothing else qualifies.
         SourceCase{4000, 3000, 160, 120, 0, 0, 320, 240, false, kExif, 320, 240},
-        SourceCase{4000, 3000, 160, 120, 0, 0, 300, 200, false, kExif, 300, 225},
         SourceCase{500, 400, 160, 120, 0, 0, 320, 240, false, kFull, 320, 256},  // under twice
         // A large thumbnail beside an EXIF one means a full decode, unless the request is under
         // twice the EXIF thumbnail; alone, it serves requests under twice its size.
@@ -151,16 +148,12 @@ INSTANTIATE_TEST_SUITE_P(
         SourceCase{4000, 3000, 160, 120, 0, 0, 5000, 5000, false, CQRBImageDecoder::kTypeTooLarge,
                    6666, 5000},
         SourceCase{4000, 3000, 160, 120, 0, 0, 4097, 100, false, kExif, 4097, 3072},
-        SourceCase{4000, 3000, 0, 0, 0, 0, 320, 320, false, kFull, 426, 320},
         SourceCase{20000, 1000, 0, 0, 0, 0, 1920, 1080, false, kFull, 21600, 1080},  // a panorama
         SourceCase{65535, 1, 0, 0, 0, 0, 0, 0, false, kFull, 65535, 1},              // its own size
         // Covers of absurd size are refused (one raster bound, 2^28 pixels), not wrapped.
         SourceCase{65535, 1, 0, 0, 0, 0, 4096, 4096, false, kFull, 0, 0},
-        SourceCase{1, 65535, 0, 0, 0, 0, 320, 240, false, kFull, 0, 0},
         SourceCase{65535, 1, 0, 0, 0, 0, -320, 240, false, kFull, 0, 0}));
 
-// Written here, or progressive photos as ImageMagick writes them
-// (testdata/make_picture_fixtures.sh), which are decoded as multi-scan.
 TEST_F(ImageDecoderTest, ScalesByTheDctAsMuchAsTheSourceAllowsAndEnlargesSmallOnes) {
     const struct {
         const char* file;
@@ -189,8 +182,7 @@ TEST_F(ImageDecoderTest, ScalesByTheDctAsMuchAsTheSourceAllowsAndEnlargesSmallOn
     }
 }
 
-// Grey gives R = G = B; CMYK and YCCK give their first three samples unconverted
-// (testdata/make_picture_fixtures.sh).
+// Grey gives R = G = B; CMYK and YCCK give their first three samples unconverted.
 TEST_F(ImageDecoderTest, DecodesEveryColourModel) {
     const std::pair<const char*, JpegColor> cases[] = {{"colour_rgb.jpg", {200, 40, 40}},
                                                        {"colour_grey.jpg", {92, 92, 92}},

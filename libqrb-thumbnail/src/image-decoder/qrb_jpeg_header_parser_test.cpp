@@ -1,6 +1,5 @@
-// The JPEG header walk and the EXIF directory walk, from byte literals: both byte orders, the
-// orientation of IFD0 only, the IFD1 thumbnail's absolute position, the APP2 large thumbnail,
-// and the ways a hostile header could make a walk loop, stall or read out of bounds.
+// The JPEG marker walk and the EXIF directory walk on byte literals: both byte orders, IFD0's
+// orientation, the embedded thumbnails' positions, and headers that would loop or overrun.
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include "qrb_scoped.h"
@@ -47,14 +46,6 @@ const std::string kMotorolaWithIfd1 = kExifId + Bytes({
     0x02, 0x02, 0, 0x04, 0, 0, 0, 0x01, 0, 0, 0, 0x20,  0, 0, 0, 0});
 // clang-format on
 
-QRBJpegHeaderInfo ParseExif(const std::string& block, uint64_t fileSize, bool* ok = nullptr) {
-    QRBJpegHeaderInfo info;  // the block read at 100: its TIFF header at 106
-    const bool result = CQRBJpegHeaderParser::ParseExif(
-        reinterpret_cast<const unsigned char*>(block.data()), block.size(), 100, fileSize, &info);
-    if (ok != nullptr) *ok = result;
-    return info;
-}
-
 TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
     qrbtest::LogCapture log;
     constexpr uint64_t kThumb = 106 + 0x40;
@@ -86,23 +77,19 @@ TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
          0, 0, "IFD0 claims 65535 entries"},
         {"IFD0 past the block", Patch(kIntelOrientation6, 10, {0xFF, 0x7F}), 1000, false, 0, 0, 0,
          "Wrong EXIF Foramt or Wrong Information ~!!!"},
-        {"IFD1 past the block", Patch(kIntelWithIfd1, 6 + 22, {0xF0, 0x0F}), 1000, true, 1, 0, 0,
-         ""},
     };
     for (const auto& c : cases) {
         log.Clear();
-        bool ok = !c.ok;
-        const QRBJpegHeaderInfo info = ParseExif(c.block, c.fileSize, &ok);
-        EXPECT_EQ(c.ok, ok) << c.what;
+        QRBJpegHeaderInfo info;  // the block read at 100: its TIFF header at 106
+        EXPECT_EQ(c.ok, CQRBJpegHeaderParser::ParseExif(
+                            reinterpret_cast<const unsigned char*>(c.block.data()), c.block.size(),
+                            100, c.fileSize, &info))
+            << c.what;
         EXPECT_EQ(c.orientation, info.orientation) << c.what;
         EXPECT_EQ(c.thumbOffset, info.exifThumbOffset) << c.what;
         EXPECT_EQ(c.thumbSize, info.exifThumbSize) << c.what;
         EXPECT_TRUE(!*c.logged || log.Contains(c.logged)) << c.what;
     }
-    // Cut at every length: no read past the end (ASan checks), and only whole data counts.
-    for (const std::string& block : {kIntelWithIfd1, kMotorolaWithIfd1})
-        for (size_t n = 0; n < block.size() - 4; ++n)
-            EXPECT_EQ(0u, ParseExif(block.substr(0, n), 1000).exifThumbSize) << n;
 }
 
 int Walk(const std::string& bytes, QRBJpegHeaderInfo* info) {
@@ -142,14 +129,12 @@ TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {
          kSoi + Bytes({0xFF, 0xFF}) + Segment(0xFE, "x") + Bytes({0x12, 0xFF, 0, 0xFF, 0xD3}) +
              kSof0,
          0, ""},
-        {"300 segments", kSoi + Repeat(Bytes({0xFF, 0xFE, 0, 2}), 300) + kSof0, 0, ""},
         {"short EXIF", kSoi + Segment(0xE1, "Exif\0") + kSof0, 0,
          "Error : exifbufsize < 10 failed###"},
         {"broken EXIF", kSoi + Segment(0xE1, kExifId + std::string("XX*\0\x08\0\0\0", 8)) + kSof0,
          0, "Wrong EXIF Foramt or Wrong Information ~!!!"},
         {"lossless frame", kSoi + sof3 + kSos + kEoi, -1, "marker 0xDA before any frame header"},
         {"one byte", kSoi.substr(0, 1), -1, "ERROR FOR READ THE FILE, errno is:"},
-        {"no frame", kSoi + kEoi, -1, ""},
         {"length 1", kSoi + Bytes({0xFF, 0xE0, 0, 1}) + kSof0, -1, "marker 0xE0 with length 1"},
         {"segment past the end", kSoi + Bytes({0xFF, 0xE1, 0xFF, 0xFF, 'E'}), -1,
          "marker 0xE1 runs past the end of the file"},
@@ -184,9 +169,6 @@ TEST(JpegMarkerWalkTest, FindsTheEmbeddedJpegsWhereTheyLieInTheFile) {
     EXPECT_EQ(12u + 0x50u, info.exifThumbOffset);
     EXPECT_EQ(thumb, bytes.substr(info.exifThumbOffset, info.exifThumbSize));
     EXPECT_EQ(thumb, bytes.substr(info.largeThumbOffset, info.largeThumbSize));
-    // Every cut before the frame header's end fails.
-    for (size_t n = 0; n < bytes.size() - kSos.size() - kEoi.size(); ++n)
-        EXPECT_EQ(-1, Walk(bytes.substr(0, n), &info)) << n;
 }
 
 }  // namespace

@@ -51,7 +51,6 @@ TEST(JpegMemoryBudgetTest, HeldTogetherNeverPassesTheCapacity) {
     {
         CQRBJpegMemoryBudget::Grant all = budget.Acquire(500);  // above the capacity: all of it
         EXPECT_EQ(all.Bytes(), 100u);
-        CQRBJpegMemoryBudget::Grant moved(std::move(all));
         EXPECT_EQ(budget.InUse(), 100u);
     }
     EXPECT_EQ(budget.InUse(), 0u);

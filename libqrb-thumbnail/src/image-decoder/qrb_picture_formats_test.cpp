@@ -1,8 +1,6 @@
-// HEIF, AVIF, WebP, GIF and TIFF through the one picture entry (GetThumbnailBuffer), from files
-// made by heif-enc, cwebp, img2webp, ImageMagick, exiftool and vips
-// (testdata/make_format_fixtures.sh), and from HEIF files the tests write with libheif where no
-// tool makes them: turned by irot or mirrored by imir, or with a thumbnail that differs from the
-// picture so that the test can see which one was decoded.
+// HEIF, AVIF, WebP, GIF and TIFF through GetThumbnailBuffer, from the files of
+// testdata/make_format_fixtures.sh and HEIF files written here with libheif where no tool makes
+// them (irot/imir, a thumbnail that differs from the picture).
 #include "image-decoder/qrb_picture_reader.h"
 #include "image-decoder/qrb_picture_test_support.h"
 
@@ -17,8 +15,7 @@
 #include <functional>
 #include <string>
 
-// x265, which only these tests use (libheif's HEVC encoder, to write HEIF files), keeps a few
-// kilobytes per encoder until the process ends; LeakSanitizer builds are told it is not ours.
+// x265 (libheif's HEVC encoder, used only here) keeps a few kilobytes per encoder to the end.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libx265.so\n"; }
 
 namespace {
@@ -85,7 +82,6 @@ std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientat
 
 TEST(PictureFormatTest, FirstBytesNameTheFormat) {
     const std::pair<std::string, QRBPictureFormat> rows[] = {
-        // The files of every fixture say who they are; these forms only the tests show.
         {std::string("MM\0*\0\0\0\x08", 8), QRBPictureFormat::kTiff},
         {std::string("II+\0\x08\0\0\0", 8), QRBPictureFormat::kTiff},  // BigTIFF
         // The same containers holding a video, a song or a sound are no picture.
@@ -99,9 +95,8 @@ TEST(PictureFormatTest, FirstBytesNameTheFormat) {
             << head;
 }
 
-// Every fixture at 160 x 120: its quadrants as stored, the orientation it records (1 and none
-// are both upright), and for *_alpha files, alpha 255, 128, 0, 255 by quadrant (GIF: all or
-// nothing, 255, 255, 0, 255).
+// Every fixture at 160 x 120: its quadrants, its orientation (1 and none are both upright), and
+// for *_alpha files alpha 255, 128, 0, 255 by quadrant (GIF: 255, 255, 0, 255).
 TEST(PictureFormatTest, EveryFixtureDecodesAsStoredAtTheRequestedSize) {
     const std::pair<const char*, int> files[] = {
         {"quad.heic", 0},         {"quad_thumb.heic", 0},
@@ -168,22 +163,8 @@ TEST(PictureFormatTest, GifFrameSitsOnItsCanvasWithTheRestTransparent) {
     EXPECT_EQ("RGWB", Quadrants(inner));
 }
 
-TEST(PictureFormatTest, HeifThumbnailServesRequestsUnderTwiceItsSize) {
-    ScratchRoot scratch;
-    const std::string url = MakeHeic(scratch, "thumb.heic", 1, 200);  // a 200 x 150 thumbnail
-    ASSERT_FALSE(url.empty());
-    EXPECT_EQ("RGWB", Quadrants(DecodePicture(url, 160, 120, true))) << "forceFull skips it";
-    const struct {
-        int w, h;
-        const char* want;
-    } rows[] = {{160, 120, "KKKK"}, {399, 299, "KKKK"}, {400, 299, "RGWB"}, {0, 0, "RGWB"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(row.want, Quadrants(DecodePicture(url, row.w, row.h))) << row.w;
-}
-
 TEST(PictureFormatTest, TiffReducedPageThatServesIsDecodedInsteadOfThePicture) {
-    // The picture, then reduced pages: black at half size, a red square that is not the same
-    // picture, and blue at a quarter.
+    // Reduced pages: black at half size, a red square (another picture), blue at a quarter.
     const std::string url = Fixture("quad_pages.tif");
     EXPECT_EQ("RGWB", Quadrants(DecodePicture(url, 160, 120, true))) << "forceFull skips them";
     const struct {
@@ -205,22 +186,31 @@ TEST(PictureFormatTest, TiffReducedPageThatServesIsDecodedInsteadOfThePicture) {
     }
 }
 
-TEST(PictureFormatTest, HeifTransformsAreAppliedWhileDecoding) {
+// HEIF files written here: irot/imir applied while decoding; a (black) 200 x 150 thumbnail
+// serves requests under twice its size unless forceFull.
+TEST(PictureFormatTest, HeifTransformsAndThumbnail) {
     ScratchRoot scratch;
     const struct {
-        int orientation, w, h;
+        int orientation, thumbBox, reqW, reqH;
+        bool forceFull;
+        int w, h;
         const char* want;
     } rows[] = {
-        {2, 640, 480, "GRBW"},  // imir: left and right swapped
-        {3, 640, 480, "WBRG"},  // irot 180
-        {6, 480, 640, "BRGW"},  // a quarter turn clockwise
-        {8, 480, 640, "GWBR"},  // a quarter turn counter-clockwise
+        {2, 0, 0, 0, false, 640, 480, "GRBW"},  // imir: left and right swapped
+        {3, 0, 0, 0, false, 640, 480, "WBRG"},  // irot 180
+        {6, 0, 0, 0, false, 480, 640, "BRGW"},  // a quarter turn clockwise
+        {8, 0, 0, 0, false, 480, 640, "GWBR"},  // a quarter turn counter-clockwise
+        {1, 200, 399, 299, false, 0, 0, "KKKK"},  // 0: size not checked
+        {1, 200, 160, 120, true, 0, 0, "RGWB"},
+        {1, 200, 400, 299, false, 0, 0, "RGWB"},
+        {1, 200, 0, 0, false, 640, 480, "RGWB"},
     };
     for (const auto& row : rows) {
-        const Raster r = DecodePicture(MakeHeic(scratch, "o.heic", row.orientation), 0, 0);
-        EXPECT_EQ(row.w * 10000 + row.h, r.width * 10000 + r.height) << row.orientation;
+        const std::string url = MakeHeic(scratch, "o.heic", row.orientation, row.thumbBox);
+        const Raster r = DecodePicture(url, row.reqW, row.reqH, row.forceFull);
+        if (row.w) EXPECT_EQ(row.w * 10000 + row.h, r.width * 10000 + r.height) << row.orientation;
         EXPECT_EQ(0, r.orientation) << "nothing is left to turn";
-        EXPECT_EQ(row.want, Quadrants(r)) << row.orientation;
+        EXPECT_EQ(row.want, Quadrants(r)) << row.orientation << " at " << row.reqW;
     }
 }
 

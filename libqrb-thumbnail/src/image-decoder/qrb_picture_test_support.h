@@ -1,5 +1,4 @@
-// The picture decoder's tests' shared helpers: the fixture folders, and files patched to
-// declare sizes they do not hold.
+// The picture decoder tests' helpers: fixture paths, files declaring sizes they do not hold.
 #ifndef QRB_PICTURE_TEST_SUPPORT_H
 #define QRB_PICTURE_TEST_SUPPORT_H
 
@@ -11,11 +10,7 @@
 
 namespace qrbpicturetest {
 
-using qrbtest::DecodePicture;
-using qrbtest::LittleEndian;
-using qrbtest::Raster;
-using qrbtest::ReadFileBytes;
-using qrbtest::ScratchRoot;
+using namespace qrbtest;
 
 // A picture of testdata/make_picture_fixtures.sh (JPEG, PNG) as a path.
 inline std::string PictureFixture(const std::string& name) {
