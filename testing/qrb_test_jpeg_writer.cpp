@@ -1,6 +1,7 @@
 #include "qrb_test_jpeg_writer.h"
 
 #include "qrb_scoped.h"
+#include "qrb_test_files.h"
 
 #include <algorithm>
 #include <csetjmp>
@@ -110,81 +111,46 @@ bool CompressGuarded(CompressJob* job) {
     return true;
 }
 
-void Put16(std::string& s, unsigned v, bool big) {
-    if (big) {
-        s.push_back(static_cast<char>(v >> 8));
-        s.push_back(static_cast<char>(v));
-    } else {
-        s.push_back(static_cast<char>(v));
-        s.push_back(static_cast<char>(v >> 8));
-    }
-}
-
-void Put32(std::string& s, uint32_t v, bool big) {
-    if (big) {
-        Put16(s, v >> 16, true);
-        Put16(s, v & 0xFFFF, true);
-    } else {
-        Put16(s, v & 0xFFFF, false);
-        Put16(s, v >> 16, false);
-    }
-}
-
 struct IfdEntry {
     unsigned tag;
     unsigned type;  // 3 SHORT, 4 LONG
     uint32_t value;
 };
 
-void PutEntry(std::string& s, const IfdEntry& e, bool big) {
-    Put16(s, e.tag, big);
-    Put16(s, e.type, big);
-    Put32(s, 1, big);
-    if (e.type == 3) {
-        Put16(s, e.value, big);  // a SHORT sits in the first two bytes of the value field
-        Put16(s, 0, big);
-    } else {
-        Put32(s, e.value, big);
-    }
-}
-
-
 }  // namespace
 
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
-    const bool big = spec.bigEndian;
+    std::string tiff = spec.bigEndian ? "MM" : "II";
+    const auto put = [&](uint64_t v, int bytes) {
+        tiff += spec.bigEndian ? BigEndian(v, bytes) : LittleEndian(v, bytes);
+    };
+    const auto putIfd = [&](const std::vector<IfdEntry>& entries, uint32_t next) {
+        put(entries.size(), 2);
+        for (const IfdEntry& e : entries) {
+            put(e.tag, 2);
+            put(e.type, 2);
+            put(1, 4);
+            // A SHORT sits in the first two bytes of the value field.
+            put(e.value, e.type == 3 ? 2 : 4);
+            if (e.type == 3) put(0, 2);
+        }
+        put(next, 4);
+    };
     std::vector<IfdEntry> ifd0;
-    if (spec.orientation != 0) {
-        ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
-    }
-    const bool hasIfd1 = !thumbnail.empty();
-    std::vector<IfdEntry> ifd1;
-    const uint32_t ifd0Offset = 8;
-    const uint32_t ifd1Offset = ifd0Offset + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
-    if (hasIfd1) {
-        ifd1.push_back({0x0103, 3, 6});  // Compression: JPEG
+    if (spec.orientation != 0) ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
+    const uint32_t ifd1Offset = 8 + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
+    put(42, 2);
+    put(8, 4);
+    putIfd(ifd0, thumbnail.empty() ? 0 : ifd1Offset);
+    if (!thumbnail.empty()) {
         const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4;
-        ifd1.push_back({0x0201, 4, dataOffset});
-        ifd1.push_back({0x0202, 4, static_cast<uint32_t>(thumbnail.size())});
-    }
-
-    std::string tiff = big ? std::string("MM", 2) : std::string("II", 2);
-    Put16(tiff, 42, big);
-    Put32(tiff, ifd0Offset, big);
-    Put16(tiff, static_cast<unsigned>(ifd0.size()), big);
-    for (const IfdEntry& e : ifd0) PutEntry(tiff, e, big);
-    Put32(tiff, hasIfd1 ? ifd1Offset : 0, big);
-    if (hasIfd1) {
-        Put16(tiff, static_cast<unsigned>(ifd1.size()), big);
-        for (const IfdEntry& e : ifd1) PutEntry(tiff, e, big);
-        Put32(tiff, 0, big);
+        putIfd({{0x0103, 3, 6}, {0x0201, 4, dataOffset},  // JPEG compression, at dataOffset
+                {0x0202, 4, static_cast<uint32_t>(thumbnail.size())}},
+               0);
         tiff += thumbnail;
     }
-
-    std::string payload = std::string("Exif\0\0", 6) + tiff;
-    std::string segment = "\xFF\xE1";
-    Put16(segment, static_cast<unsigned>(payload.size() + 2), true);
-    return segment + payload;
+    const std::string payload = std::string("Exif\0\0", 6) + tiff;
+    return "\xFF\xE1" + BigEndian(payload.size() + 2, 2) + payload;
 }
 
 std::string MakeJpeg(const JpegSpec& spec) {
@@ -205,7 +171,7 @@ std::string MakeJpeg(const JpegSpec& spec) {
         if (thumbnail.empty()) return std::string();
     }
     std::string app1;
-    if (spec.exif || spec.orientation != 0 || !thumbnail.empty()) {
+    if (spec.orientation != 0 || !thumbnail.empty()) {
         app1 = ExifSegment(spec, thumbnail).substr(4);  // libjpeg writes marker and length
     }
     std::string app2;

@@ -1,11 +1,6 @@
-// JPEG files for tests, written with libjpeg into memory: any size, baseline,
-// with an optional APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 holding a JPEG
-// thumbnail) and an optional APP2 segment holding a larger
-// embedded JPEG. Pixels are generated one row at a time, so a 4000 x 3000 picture costs no more
-// memory than a small one.
-//
-// MakeJpeg returns the file's bytes, or an empty string when libjpeg refused the request (the
-// reason is printed to stderr).
+// Baseline JPEG files for tests, written with libjpeg into memory, row by row, with an optional
+// APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 JPEG thumbnail) and an optional
+// APP2 segment holding a larger JPEG. Empty when libjpeg refused (the reason goes to stderr).
 #ifndef QRB_TESTING_JPEG_WRITER_H
 #define QRB_TESTING_JPEG_WRITER_H
 
@@ -38,8 +33,7 @@ struct JpegSpec {
     // scene is height wide and width high. 0 or 1: stored upright.
     int storedFor = 0;
 
-    // APP1 EXIF. Written when `exif` is set or any field below asks for it.
-    bool exif = false;
+    // APP1 EXIF, written when a field below asks for it.
     bool bigEndian = false;  // "MM" instead of "II"
     int orientation = 0;     // IFD0 Orientation tag, 0 = no tag (any other value is written as is)
     int thumbWidth = 0;      // IFD1 JPEG thumbnail (solid thumbColor); 0 = no IFD1

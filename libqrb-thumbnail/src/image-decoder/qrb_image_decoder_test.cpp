@@ -20,17 +20,14 @@ using qrbtest::JpegSpec;
 using qrbtest::MakeJpeg;
 
 // Every pixel within tolerance of c and opaque.
-::testing::AssertionResult AllNear(const Raster& img, JpegColor c, int tolerance = 6) {
-    if (img.Empty()) return ::testing::AssertionFailure() << "no raster";
+bool AllNear(const Raster& img, JpegColor c, int tolerance = 6) {
     for (size_t i = 0; i < img.pixels.size(); i += 4) {
         const uint8_t* p = &img.pixels[i];
         if (std::abs(p[2] - c.r) > tolerance || std::abs(p[1] - c.g) > tolerance ||
             std::abs(p[0] - c.b) > tolerance || p[3] != 255)
-            return ::testing::AssertionFailure()
-                   << "pixel " << i / 4 << " is BGRA " << int(p[0]) << "," << int(p[1]) << ","
-                   << int(p[2]) << "," << int(p[3]);
+            return false;
     }
-    return ::testing::AssertionSuccess();
+    return !img.Empty();
 }
 
 JpegSpec Sized(int w, int h) {
@@ -86,73 +83,64 @@ TEST_F(ImageDecoderTest, UriFormsReachTheFileAndFailuresSayWhy) {
     EXPECT_TRUE(log.Contains("URL IS NULL"));
 }
 
-// Stand-ins for big photos (the frame header says w x h) with EXIF and APP2 thumbnails of the
-// given sizes (0: none): the source chosen and the output size covering the request.
-struct SourceCase {
-    int w, h, thumbW, thumbH, largeW, largeH, reqW, reqH;
-    bool forceFull;
-    int type;
-    int outW, outH;
-};
-
-void PrintTo(const SourceCase& c, std::ostream* os) {
-    *os << c.w << "x" << c.h << " thumb " << c.thumbW << " large " << c.largeW << " at " << c.reqW
-        << "x" << c.reqH << (c.forceFull ? " forced" : "");
-}
-
-class ImageDecoderSourceTest : public ImageDecoderTest,
-                               public ::testing::WithParamInterface<SourceCase> {};
-
-TEST_P(ImageDecoderSourceTest, ChoosesTheSourceAndOutputSize) {
-    const SourceCase c = GetParam();
-    JpegSpec spec;
-    spec.thumbWidth = c.thumbW;
-    spec.thumbHeight = c.thumbH;
-    spec.largeThumbWidth = c.largeW;
-    spec.largeThumbHeight = c.largeH;
-    const std::string path = Write("big.jpg", JpegDeclaring(MakeJpeg(spec), c.w, c.h));
-    CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, c.forceFull);
-    EXPECT_EQ(c.type, decoder.m_GetThumbnailType());
-    EXPECT_TRUE(log.Contains("THUMBNAIL TYPE[" + std::to_string(c.type) + "] RET["));
-    EXPECT_EQ(c.outW * 100000LL + c.outH,
-              decoder.GetOutputWidth() * 100000LL + decoder.GetOutputHeight());
-    if (c.type == CQRBImageDecoder::kTypeTooLarge) {
-        unsigned char out[16];
-        EXPECT_EQ(-1, decoder.ExtractThumbnail(out));
-        EXPECT_TRUE(log.Contains("Read ReadHomePanleThumbnail error! "));
-    }
-    if (c.outW == 0 && c.reqW > 0) {
-        EXPECT_TRUE(DecodePicture(path, c.reqW, c.reqH).Empty());
-        EXPECT_TRUE(log.Contains("refused: more than 268435456 pixels"));
-    }
-}
-
 constexpr auto kExif = CQRBImageDecoder::kTypeExif;
 constexpr auto kLarge = CQRBImageDecoder::kTypeLarge;
 constexpr auto kFull = CQRBImageDecoder::kTypeFullDecoding;
+constexpr auto kTooLarge = CQRBImageDecoder::kTypeTooLarge;
 
-INSTANTIATE_TEST_SUITE_P(
-    Sources, ImageDecoderSourceTest,
-    ::testing::Values(
+// Stand-ins for big photos (the frame header says w x h) with EXIF and APP2 thumbnails of the
+// given sizes (0: none): the source chosen and the output size covering the request.
+TEST_F(ImageDecoderTest, ChoosesTheSourceAndOutputSize) {
+    const struct {
+        int w, h, thumbW, thumbH, largeW, largeH, reqW, reqH;
+        bool forceFull;
+        int type;
+        int outW, outH;
+    } cases[] = {
         // The small EXIF thumbnail is taken even at twice its size when nothing else qualifies.
-        SourceCase{4000, 3000, 160, 120, 0, 0, 320, 240, false, kExif, 320, 240},
-        SourceCase{500, 400, 160, 120, 0, 0, 320, 240, false, kFull, 320, 256},  // under twice
+        {4000, 3000, 160, 120, 0, 0, 320, 240, false, kExif, 320, 240},
+        {500, 400, 160, 120, 0, 0, 320, 240, false, kFull, 320, 256},  // under twice
         // A large thumbnail beside an EXIF one means a full decode, unless the request is under
         // twice the EXIF thumbnail; alone, it serves requests under twice its size.
-        SourceCase{4000, 3000, 160, 120, 640, 480, 400, 300, false, kFull, 400, 300},
-        SourceCase{4000, 3000, 160, 120, 640, 480, 200, 150, false, kExif, 200, 150},
-        SourceCase{4000, 3000, 0, 0, 640, 480, 1279, 959, false, kLarge, 1279, 959},
-        SourceCase{4000, 3000, 0, 0, 640, 480, 1280, 960, false, kFull, 1280, 960},
-        SourceCase{4000, 3000, 160, 120, 640, 480, 160, 120, true, kFull, 160, 120},
+        {4000, 3000, 160, 120, 640, 480, 400, 300, false, kFull, 400, 300},
+        {4000, 3000, 160, 120, 640, 480, 200, 150, false, kExif, 200, 150},
+        {4000, 3000, 0, 0, 640, 480, 1279, 959, false, kLarge, 1279, 959},
+        {4000, 3000, 0, 0, 640, 480, 1280, 960, false, kFull, 1280, 960},
+        {4000, 3000, 160, 120, 640, 480, 160, 120, true, kFull, 160, 120},
         // Requests above 4096 both ways are refused; one way above is still a request.
-        SourceCase{4000, 3000, 160, 120, 0, 0, 5000, 5000, false, CQRBImageDecoder::kTypeTooLarge,
-                   6666, 5000},
-        SourceCase{4000, 3000, 160, 120, 0, 0, 4097, 100, false, kExif, 4097, 3072},
-        SourceCase{20000, 1000, 0, 0, 0, 0, 1920, 1080, false, kFull, 21600, 1080},  // a panorama
-        SourceCase{65535, 1, 0, 0, 0, 0, 0, 0, false, kFull, 65535, 1},              // its own size
+        {4000, 3000, 160, 120, 0, 0, 5000, 5000, false, kTooLarge, 6666, 5000},
+        {4000, 3000, 160, 120, 0, 0, 4097, 100, false, kExif, 4097, 3072},
+        {20000, 1000, 0, 0, 0, 0, 1920, 1080, false, kFull, 21600, 1080},  // a panorama
+        {65535, 1, 0, 0, 0, 0, 0, 0, false, kFull, 65535, 1},              // its own size
         // Covers of absurd size are refused (one raster bound, 2^28 pixels), not wrapped.
-        SourceCase{65535, 1, 0, 0, 0, 0, 4096, 4096, false, kFull, 0, 0},
-        SourceCase{65535, 1, 0, 0, 0, 0, -320, 240, false, kFull, 0, 0}));
+        {65535, 1, 0, 0, 0, 0, 4096, 4096, false, kFull, 0, 0},
+        {65535, 1, 0, 0, 0, 0, -320, 240, false, kFull, 0, 0},
+    };
+    for (const auto& c : cases) {
+        JpegSpec spec;
+        spec.thumbWidth = c.thumbW;
+        spec.thumbHeight = c.thumbH;
+        spec.largeThumbWidth = c.largeW;
+        spec.largeThumbHeight = c.largeH;
+        const std::string path = Write("big.jpg", JpegDeclaring(MakeJpeg(spec), c.w, c.h));
+        SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << " at " << c.reqW << "x" << c.reqH);
+        log.Clear();
+        CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, c.forceFull);
+        EXPECT_EQ(c.type, decoder.m_GetThumbnailType());
+        EXPECT_TRUE(log.Contains("THUMBNAIL TYPE[" + std::to_string(c.type) + "] RET["));
+        EXPECT_EQ(c.outW * 100000LL + c.outH,
+                  decoder.GetOutputWidth() * 100000LL + decoder.GetOutputHeight());
+        if (c.type == kTooLarge) {
+            unsigned char out[16];
+            EXPECT_EQ(-1, decoder.ExtractThumbnail(out));
+            EXPECT_TRUE(log.Contains("Read ReadHomePanleThumbnail error! "));
+        }
+        if (c.outW == 0 && c.reqW > 0) {
+            EXPECT_TRUE(DecodePicture(path, c.reqW, c.reqH).Empty());
+            EXPECT_TRUE(log.Contains("refused: more than 268435456 pixels"));
+        }
+    }
+}
 
 TEST_F(ImageDecoderTest, ScalesByTheDctAsMuchAsTheSourceAllowsAndEnlargesSmallOnes) {
     const struct {

@@ -28,22 +28,14 @@ const std::string kExifId("Exif\0\0", 6);
 const std::string kIntelOrientation6 = kExifId + Bytes({
     'I', 'I', 0x2A, 0, 0x08, 0, 0, 0,  0x01, 0,
     0x12, 0x01, 0x03, 0, 0x01, 0, 0, 0, 0x06, 0, 0, 0,  0, 0, 0, 0});
-// Intel order: IFD0 { Orientation = 1 } -> IFD1 at 26 { Orientation = 8,
-// JPEGInterchangeFormat = 0x40, JPEGInterchangeFormatLength = 0x20 }. Offsets: IFD0's count at
-// 6 + 8, its link at 6 + 22; IFD1's count at 6 + 26, its entries from 6 + 28, its link at 6 + 64.
+// Intel order: IFD0 { Orientation = 1 } -> IFD1 at 26 { Orientation = 8, thumbnail at 0x40 of
+// 0x20 bytes }. IFD0's count at 6 + 8, its link at 6 + 22; IFD1's entries from 6 + 28.
 const std::string kIntelWithIfd1 = kExifId + Bytes({
     'I', 'I', 0x2A, 0, 0x08, 0, 0, 0,  0x01, 0,
     0x12, 0x01, 0x03, 0, 0x01, 0, 0, 0, 0x01, 0, 0, 0,  0x1A, 0, 0, 0,  0x03, 0,
     0x12, 0x01, 0x03, 0, 0x01, 0, 0, 0, 0x08, 0, 0, 0,
     0x01, 0x02, 0x04, 0, 0x01, 0, 0, 0, 0x40, 0, 0, 0,
     0x02, 0x02, 0x04, 0, 0x01, 0, 0, 0, 0x20, 0, 0, 0,  0, 0, 0, 0});
-// The same in Motorola order.
-const std::string kMotorolaWithIfd1 = kExifId + Bytes({
-    'M', 'M', 0, 0x2A, 0, 0, 0, 0x08,  0, 0x01,
-    0x01, 0x12, 0, 0x03, 0, 0, 0, 0x01, 0, 0x01, 0, 0,  0, 0, 0, 0x1A,  0, 0x03,
-    0x01, 0x12, 0, 0x03, 0, 0, 0, 0x01, 0, 0x08, 0, 0,
-    0x02, 0x01, 0, 0x04, 0, 0, 0, 0x01, 0, 0, 0, 0x40,
-    0x02, 0x02, 0, 0x04, 0, 0, 0, 0x01, 0, 0, 0, 0x20,  0, 0, 0, 0});
 // clang-format on
 
 TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
@@ -61,7 +53,6 @@ TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
         {"Intel", kIntelOrientation6, 1000, true, 6, 0, 0, "dwNum:[1], bIsInterOrder[1]"},
         // IFD0 says 1, IFD1 says 8: the picture's orientation is IFD0's.
         {"IFD1, Intel", kIntelWithIfd1, 1000, true, 1, kThumb, 0x20, ""},
-        {"IFD1, Motorola", kMotorolaWithIfd1, 1000, true, 1, kThumb, 0x20, "bIsInterOrder[0]"},
         {"orientation 9 counts as absent", Patch(kIntelOrientation6, 24, {9}), 1000, true, 0, 0, 0,
          "m_InFileInfo.uOrientation [0], tmpOrientation[9]"},
         {"IFD1's orientation is never the picture's", Patch(kIntelWithIfd1, 16, {0x0E}), 1000, true,
@@ -71,8 +62,6 @@ TEST(JpegExifParserTest, GivesOrientationAndThumbnailOnlyFromWhatIsThere) {
         {"thumbnail a byte past it", kIntelWithIfd1, kThumb + 0x1F, true, 1, 0, 0, ""},
         {"offset near 2^32", Patch(kIntelWithIfd1, 6 + 48, {0xF0, 0xFF, 0xFF, 0xFF}), 1000, true, 1,
          0, 0, ""},
-        {"IFD0 linking to itself", Patch(kIntelWithIfd1, 6 + 22, {8}), 1000, true, 1, 0, 0,
-         "IFD1 link 8 ignored"},
         {"IFD0 claiming 65535 entries", Patch(kIntelWithIfd1, 6 + 8, {0xFF, 0xFF}), 1000, true, 1,
          0, 0, "IFD0 claims 65535 entries"},
         {"IFD0 past the block", Patch(kIntelOrientation6, 10, {0xFF, 0x7F}), 1000, false, 0, 0, 0,
@@ -135,9 +124,6 @@ TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {
          0, "Wrong EXIF Foramt or Wrong Information ~!!!"},
         {"lossless frame", kSoi + sof3 + kSos + kEoi, -1, "marker 0xDA before any frame header"},
         {"one byte", kSoi.substr(0, 1), -1, "ERROR FOR READ THE FILE, errno is:"},
-        {"length 1", kSoi + Bytes({0xFF, 0xE0, 0, 1}) + kSof0, -1, "marker 0xE0 with length 1"},
-        {"segment past the end", kSoi + Bytes({0xFF, 0xE1, 0xFF, 0xFF, 'E'}), -1,
-         "marker 0xE1 runs past the end of the file"},
         {"endless segments",
          kSoi + Repeat(Bytes({0xFF, 0xFE, 0, 2}), CQRBJpegHeaderParser::kMaxSegments + 1) + kSof0,
          -1, "segments before the frame header"},

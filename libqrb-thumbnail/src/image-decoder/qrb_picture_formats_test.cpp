@@ -1,7 +1,6 @@
 // HEIF, AVIF, WebP, GIF and TIFF through GetThumbnailBuffer, from the files of
 // testdata/make_format_fixtures.sh and HEIF files written here with libheif where no tool makes
 // them (irot/imir, a thumbnail that differs from the picture).
-#include "image-decoder/qrb_picture_reader.h"
 #include "image-decoder/qrb_picture_test_support.h"
 
 #include "qrb_test_jpeg_writer.h"
@@ -78,21 +77,6 @@ std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientat
     heif_encoding_options_free(options);
     heif_context_free(ctx);
     return ok ? "file://" + path : std::string();
-}
-
-TEST(PictureFormatTest, FirstBytesNameTheFormat) {
-    const std::pair<std::string, QRBPictureFormat> rows[] = {
-        {std::string("MM\0*\0\0\0\x08", 8), QRBPictureFormat::kTiff},
-        {std::string("II+\0\x08\0\0\0", 8), QRBPictureFormat::kTiff},  // BigTIFF
-        // The same containers holding a video, a song or a sound are no picture.
-        {std::string("\0\0\0\030ftypisom\0\0\002\0isommp41", 24), QRBPictureFormat::kOther},
-        {std::string("RIFF\x24\0\0\0WAVEfmt ", 16), QRBPictureFormat::kOther},
-        {"GIF8", QRBPictureFormat::kOther},  // too short to tell
-    };
-    for (const auto& [head, want] : rows)
-        EXPECT_EQ(want, QRBSniffPictureFormat(reinterpret_cast<const unsigned char*>(head.data()),
-                                              head.size()))
-            << head;
 }
 
 // Every fixture at 160 x 120: its quadrants, its orientation (1 and none are both upright), and
