@@ -1,13 +1,10 @@
 #include "qrb_test_jpeg_writer.h"
 
-#include "qrb_scoped.h"
 #include "qrb_test_files.h"
 
 #include <algorithm>
-#include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include <jpeglib.h>
@@ -16,37 +13,13 @@ namespace qrbtest {
 
 namespace {
 
-struct WriterError {
-    jpeg_error_mgr pub;
-    jmp_buf jump;
-};
-
+// A request libjpeg refuses is a fault of the test: say why and stop.
 void WriterErrorExit(j_common_ptr cinfo) {
     char text[JMSG_LENGTH_MAX];
     (*cinfo->err->format_message)(cinfo, text);
     std::fprintf(stderr, "test JPEG writer: %s\n", text);
-    std::longjmp(reinterpret_cast<WriterError*>(cinfo->err)->jump, 1);
+    std::abort();
 }
-
-void DestroyCompress(jpeg_compress_struct* cinfo) { jpeg_destroy_compress(cinfo); }
-using ScopedCompress = QRBScoped<jpeg_compress_struct, DestroyCompress>;
-
-void FreeBytes(unsigned char* p) { std::free(p); }
-using ScopedJpegBytes = QRBScoped<unsigned char, FreeBytes>;
-
-// Everything the guarded frame touches: C state and raw pointers owned by the caller.
-struct CompressJob {
-    const JpegSpec* spec;
-    jpeg_compress_struct* cinfo;
-    WriterError* err;
-    unsigned char** out;
-    unsigned long* outSize;
-    unsigned char* row;
-    const unsigned char* app1;
-    unsigned int app1Size;
-    const unsigned char* app2;
-    unsigned int app2Size;
-};
 
 // The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
 JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
@@ -74,41 +47,6 @@ JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
                              static_cast<uint8_t>(sy * 255 / std::max(h - 1, 1)), spec.color.b};
     }
     return spec.color;
-}
-
-// The only frame that holds a jump target: libjpeg errors land here and nothing with a
-// destructor lives in it.
-bool CompressGuarded(CompressJob* job) {
-    jpeg_compress_struct* cinfo = job->cinfo;
-    const JpegSpec& spec = *job->spec;
-    if (setjmp(job->err->jump)) return false;
-    jpeg_create_compress(cinfo);
-    jpeg_mem_dest(cinfo, job->out, job->outSize);
-    cinfo->image_width = static_cast<JDIMENSION>(spec.width);
-    cinfo->image_height = static_cast<JDIMENSION>(spec.height);
-    cinfo->in_color_space = JCS_RGB;
-    cinfo->input_components = 3;
-    jpeg_set_defaults(cinfo);
-    jpeg_set_quality(cinfo, spec.quality, TRUE);
-    // An EXIF file starts with its APP1, as cameras write it.
-    if (job->app1Size > 0) cinfo->write_JFIF_header = FALSE;
-    jpeg_start_compress(cinfo, TRUE);
-    if (job->app1Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->app1, job->app1Size);
-    if (job->app2Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 2, job->app2, job->app2Size);
-    while (cinfo->next_scanline < cinfo->image_height) {
-        const int y = static_cast<int>(cinfo->next_scanline);
-        unsigned char* p = job->row;
-        for (int x = 0; x < spec.width; ++x) {
-            const JpegColor c = PatternColor(spec, x, y);
-            *p++ = c.r;
-            *p++ = c.g;
-            *p++ = c.b;
-        }
-        JSAMPROW rows[1] = {job->row};
-        jpeg_write_scanlines(cinfo, rows, 1);
-    }
-    jpeg_finish_compress(cinfo);
-    return true;
 }
 
 struct IfdEntry {
@@ -144,7 +82,8 @@ std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
     putIfd(ifd0, thumbnail.empty() ? 0 : ifd1Offset);
     if (!thumbnail.empty()) {
         const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4;
-        putIfd({{0x0103, 3, 6}, {0x0201, 4, dataOffset},  // JPEG compression, at dataOffset
+        putIfd({{0x0103, 3, 6},
+                {0x0201, 4, dataOffset},  // JPEG compression, at dataOffset
                 {0x0202, 4, static_cast<uint32_t>(thumbnail.size())}},
                0);
         tiff += thumbnail;
@@ -168,7 +107,6 @@ std::string MakeJpeg(const JpegSpec& spec) {
             t.lowerRight = spec.thumbColor;
         }
         thumbnail = MakeJpeg(t);
-        if (thumbnail.empty()) return std::string();
     }
     std::string app1;
     if (spec.orientation != 0 || !thumbnail.empty()) {
@@ -181,39 +119,52 @@ std::string MakeJpeg(const JpegSpec& spec) {
         t.height = spec.largeThumbHeight;
         t.color = spec.largeThumbColor;
         app2 = MakeJpeg(t);
-        if (app2.empty()) return std::string();
     }
     if (app1.size() > 65533 || app2.size() > 65533) {
         std::fprintf(stderr, "test JPEG writer: an APP segment would exceed 64 KiB\n");
-        return std::string();
+        std::abort();
     }
 
-    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 3);
-    jpeg_compress_struct storage;
-    std::memset(&storage, 0, sizeof(storage));
-    WriterError err;
-    storage.err = jpeg_std_error(&err.pub);
-    err.pub.error_exit = WriterErrorExit;
+    jpeg_compress_struct cinfo;
+    jpeg_error_mgr err;
+    cinfo.err = jpeg_std_error(&err);
+    err.error_exit = WriterErrorExit;
+    jpeg_create_compress(&cinfo);
     unsigned char* out = nullptr;
     unsigned long outSize = 0;
-    bool ok;
-    {
-        ScopedCompress cinfo(&storage);
-        CompressJob job{&spec,
-                        cinfo.get(),
-                        &err,
-                        &out,
-                        &outSize,
-                        row.data(),
-                        reinterpret_cast<const unsigned char*>(app1.data()),
-                        static_cast<unsigned int>(app1.size()),
-                        reinterpret_cast<const unsigned char*>(app2.data()),
-                        static_cast<unsigned int>(app2.size())};
-        ok = CompressGuarded(&job);
+    jpeg_mem_dest(&cinfo, &out, &outSize);
+    cinfo.image_width = static_cast<JDIMENSION>(spec.width);
+    cinfo.image_height = static_cast<JDIMENSION>(spec.height);
+    cinfo.in_color_space = JCS_RGB;
+    cinfo.input_components = 3;
+    jpeg_set_defaults(&cinfo);
+    jpeg_set_quality(&cinfo, spec.quality, TRUE);
+    // An EXIF file starts with its APP1, as cameras write it.
+    cinfo.write_JFIF_header = app1.empty();
+    jpeg_start_compress(&cinfo, TRUE);
+    const auto marker = [&](int n, const std::string& s) {
+        if (!s.empty())
+            jpeg_write_marker(&cinfo, JPEG_APP0 + n, reinterpret_cast<const JOCTET*>(s.data()),
+                              static_cast<unsigned int>(s.size()));
+    };
+    marker(1, app1);
+    marker(2, app2);
+    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 3);
+    while (cinfo.next_scanline < cinfo.image_height) {
+        for (int x = 0; x < spec.width; ++x) {
+            const JpegColor c = PatternColor(spec, x, static_cast<int>(cinfo.next_scanline));
+            row[x * 3] = c.r;
+            row[x * 3 + 1] = c.g;
+            row[x * 3 + 2] = c.b;
+        }
+        JSAMPROW rows[1] = {row.data()};
+        jpeg_write_scanlines(&cinfo, rows, 1);
     }
-    ScopedJpegBytes bytes(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free
-    if (!ok || out == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char*>(out), outSize);
+    jpeg_finish_compress(&cinfo);
+    jpeg_destroy_compress(&cinfo);
+    std::string bytes(reinterpret_cast<const char*>(out), outSize);
+    std::free(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free
+    return bytes;
 }
 
 std::string GradientJpeg(int width, int height) {

@@ -1,6 +1,6 @@
 // Baseline JPEG files for tests, written with libjpeg into memory, row by row, with an optional
 // APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 JPEG thumbnail) and an optional
-// APP2 segment holding a larger JPEG. Empty when libjpeg refused (the reason goes to stderr).
+// APP2 segment holding a larger JPEG. A request libjpeg refuses aborts, saying why.
 #ifndef QRB_TESTING_JPEG_WRITER_H
 #define QRB_TESTING_JPEG_WRITER_H
 
