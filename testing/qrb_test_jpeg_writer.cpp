@@ -97,29 +97,18 @@ std::string MakeJpeg(const JpegSpec& spec) {
 
     std::string thumbnail;
     if (spec.thumbWidth > 0 && spec.thumbHeight > 0) {
-        JpegSpec t;
-        t.width = spec.thumbWidth;
-        t.height = spec.thumbHeight;
-        t.color = spec.thumbColor;
-        if (spec.thumbScene) {
-            t.pattern = spec.pattern;
-            t.storedFor = spec.storedFor;
-            t.lowerRight = spec.thumbColor;
-        }
-        thumbnail = MakeJpeg(t);
+        thumbnail = MakeJpeg({spec.thumbWidth, spec.thumbHeight, 90,
+                              spec.thumbScene ? spec.pattern : JpegPattern::kSolid, spec.thumbColor,
+                              spec.thumbColor, spec.storedFor});
     }
-    std::string app1;
-    if (spec.orientation != 0 || !thumbnail.empty()) {
-        app1 = ExifSegment(spec, thumbnail).substr(4);  // libjpeg writes marker and length
-    }
-    std::string app2;
-    if (spec.largeThumbWidth > 0 && spec.largeThumbHeight > 0) {
-        JpegSpec t;
-        t.width = spec.largeThumbWidth;
-        t.height = spec.largeThumbHeight;
-        t.color = spec.largeThumbColor;
-        app2 = MakeJpeg(t);
-    }
+    // libjpeg writes marker and length.
+    const std::string app1 = spec.orientation != 0 || !thumbnail.empty()
+                                 ? ExifSegment(spec, thumbnail).substr(4)
+                                 : std::string();
+    const std::string app2 = spec.largeThumbWidth > 0 && spec.largeThumbHeight > 0
+                                 ? MakeJpeg({spec.largeThumbWidth, spec.largeThumbHeight, 90,
+                                             JpegPattern::kSolid, spec.largeThumbColor})
+                                 : std::string();
     if (app1.size() > 65533 || app2.size() > 65533) {
         std::fprintf(stderr, "test JPEG writer: an APP segment would exceed 64 KiB\n");
         std::abort();
@@ -168,22 +157,11 @@ std::string MakeJpeg(const JpegSpec& spec) {
 }
 
 std::string GradientJpeg(int width, int height) {
-    JpegSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.quality = 95;
-    spec.pattern = JpegPattern::kGradient;
-    spec.color = {0, 0, 100};
-    return MakeJpeg(spec);
+    return MakeJpeg({width, height, 95, JpegPattern::kGradient, {0, 0, 100}});
 }
 
 std::string QuadrantJpeg(int width, int height) {
-    JpegSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.quality = 95;
-    spec.pattern = JpegPattern::kQuadrants;
-    return MakeJpeg(spec);
+    return MakeJpeg({width, height, 95, JpegPattern::kQuadrants});
 }
 
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {

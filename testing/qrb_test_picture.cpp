@@ -30,18 +30,13 @@ Raster DecodePicture(const std::string& url, int width, int height, bool forceFu
     return r;
 }
 
-Raster RasterOf(const CQRBThumbImage& image) {
-    Raster r;
-    r.width = image.GetWidth();
-    r.height = image.GetHeight();
-    r.pixels.assign(image.GetBuffer(),
-                    image.GetBuffer() + static_cast<size_t>(r.width) * r.height * 4);
-    return r;
-}
-
 Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item) {
     if (!item || item->GetImages().size() != 1 || !item->GetImages()[0]) return Raster();
-    return RasterOf(*item->GetImages()[0]);
+    const CQRBThumbImage& image = *item->GetImages()[0];
+    const unsigned char* p = image.GetBuffer();
+    return RasterOf(
+        std::string(p, p + static_cast<size_t>(image.GetWidth()) * image.GetHeight() * 4),
+        image.GetWidth(), image.GetHeight());
 }
 
 Raster RasterOf(const std::string& bytes, int width, int height) {
@@ -54,39 +49,27 @@ Raster RasterOf(const std::string& bytes, int width, int height) {
 
 std::string Quadrants(const Raster& r) {
     if (r.width < 2 || r.height < 2) return "too small";
-    const struct {
-        char letter;
-        int rgb[3];
-    } palette[] = {{'R', {255, 0, 0}},
-                   {'G', {0, 255, 0}},
-                   {'B', {0, 0, 255}},
-                   {'W', {255, 255, 255}},
-                   {'K', {0, 0, 0}}};
-    const int centres[4][2] = {{1, 1}, {3, 1}, {3, 3}, {1, 3}};  // in quarters of the raster
+    const int palette[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {0, 0, 0}};
     std::string letters;
-    for (const auto& c : centres) {
-        const int x = c[0] * r.width / 4;
-        const int y = c[1] * r.height / 4;
-        long sum[3] = {0, 0, 0};
-        for (int dy = -1; dy <= 1; ++dy) {
-            for (int dx = -1; dx <= 1; ++dx) {
-                const uint8_t* p = r.At(std::min(std::max(x + dx, 0), r.width - 1),
-                                        std::min(std::max(y + dy, 0), r.height - 1));
-                for (int k = 0; k < 3; ++k) sum[k] += p[2 - k];
-            }
+    for (const auto& [qx, qy] : {std::pair{1, 1}, {3, 1}, {3, 3}, {1, 3}}) {  // in quarters
+        int sum[3] = {0, 0, 0};
+        for (int d = 0; d < 9; ++d) {
+            const uint8_t* p = r.At(std::clamp(qx * r.width / 4 + d % 3 - 1, 0, r.width - 1),
+                                    std::clamp(qy * r.height / 4 + d / 3 - 1, 0, r.height - 1));
+            for (int k = 0; k < 3; ++k) sum[k] += p[2 - k];
         }
         long best = -1;
-        char letter = '?';
-        for (const auto& colour : palette) {
+        char chosen = '?';
+        for (int c = 0; c < 5; ++c) {
             long d = 0;
             for (int k = 0; k < 3; ++k)
-                d += (sum[k] / 9 - colour.rgb[k]) * (sum[k] / 9 - colour.rgb[k]);
+                d += (sum[k] / 9 - palette[c][k]) * (sum[k] / 9 - palette[c][k]);
             if (best < 0 || d < best) {
                 best = d;
-                letter = colour.letter;
+                chosen = "RGBWK"[c];
             }
         }
-        letters.push_back(letter);
+        letters.push_back(chosen);
     }
     return letters;
 }

@@ -1,5 +1,4 @@
-// Pictures for tests: rasters as the library makes them (bytes blue, green, red, alpha), the
-// picture decoder's output as an owned raster, PNG files read with libpng.
+// Rasters as the library makes them (bytes blue, green, red, alpha) for tests.
 #ifndef QRB_TESTING_PICTURE_H
 #define QRB_TESTING_PICTURE_H
 
@@ -28,14 +27,12 @@ struct Raster {
 // sets bModeFlag and bDecoderFlag, as the getters other than picture mode 1 ask.
 Raster DecodePicture(const std::string& url, int width, int height, bool forceFull = false,
                      bool decoderFlags = false);
-// A copy of an image's pixels; of an item's only image (empty for no item or several images).
-Raster RasterOf(const CQRBThumbImage& image);
+// A copy of an item's only image (empty for no item or several images).
 Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item);
 // Pixels of a result buffer of width x height.
 Raster RasterOf(const std::string& bytes, int width, int height);
-// For pictures of four coloured quadrants: the colour nearest the mean of a 3 x 3 patch at the
-// centre of each quadrant, as letters clockwise from the top left (R red, G green, B blue,
-// W white, K black). An upright qrbtest::JpegPattern::kQuadrants picture reads "RGWB".
+// The colours nearest each quadrant's centre, clockwise from the top left, as letters (R, G, B,
+// W white, K black): an upright qrbtest::JpegPattern::kQuadrants picture reads "RGWB".
 std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);

@@ -1,5 +1,4 @@
-// The picture decoder on JPEG files written with libjpeg or ImageMagick: URI forms, the source
-// and output size, DCT scaling, colour models, orientation and failures.
+// The picture decoder on JPEG files from libjpeg or ImageMagick: source, size, scaling, failures.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_image_processor.h"
 #include "image-decoder/qrb_picture_test_support.h"
@@ -40,8 +39,8 @@ JpegSpec Sized(int w, int h) {
 
 class ImageDecoderTest : public ::testing::Test {
 protected:
-    std::string Write(const std::string& name, const std::string& bytes) {
-        return scratch.WriteFile(name, bytes);
+    std::string Write(const std::string& name, const std::string& s) {
+        return scratch.WriteFile(name, s);
     }
     ScratchRoot scratch;
     qrbtest::LogCapture log;
@@ -88,8 +87,7 @@ constexpr auto kLarge = CQRBImageDecoder::kTypeLarge;
 constexpr auto kFull = CQRBImageDecoder::kTypeFullDecoding;
 constexpr auto kTooLarge = CQRBImageDecoder::kTypeTooLarge;
 
-// Stand-ins for big photos (the frame header says w x h) with EXIF and APP2 thumbnails of the
-// given sizes (0: none): the source chosen and the output size covering the request.
+// Photos declaring w x h with EXIF and APP2 thumbnails (0: none): the source and output size.
 TEST_F(ImageDecoderTest, ChoosesTheSourceAndOutputSize) {
     const struct {
         int w, h, thumbW, thumbH, largeW, largeH, reqW, reqH;
@@ -100,8 +98,7 @@ TEST_F(ImageDecoderTest, ChoosesTheSourceAndOutputSize) {
         // The small EXIF thumbnail is taken even at twice its size when nothing else qualifies.
         {4000, 3000, 160, 120, 0, 0, 320, 240, false, kExif, 320, 240},
         {500, 400, 160, 120, 0, 0, 320, 240, false, kFull, 320, 256},  // under twice
-        // A large thumbnail beside an EXIF one means a full decode, unless the request is under
-        // twice the EXIF thumbnail; alone, it serves requests under twice its size.
+        // A large thumbnail beside an EXIF one: full decode; alone, it serves under twice its size.
         {4000, 3000, 160, 120, 640, 480, 400, 300, false, kFull, 400, 300},
         {4000, 3000, 160, 120, 640, 480, 200, 150, false, kExif, 200, 150},
         {4000, 3000, 0, 0, 640, 480, 1279, 959, false, kLarge, 1279, 959},
@@ -123,7 +120,8 @@ TEST_F(ImageDecoderTest, ChoosesTheSourceAndOutputSize) {
         spec.largeThumbWidth = c.largeW;
         spec.largeThumbHeight = c.largeH;
         const std::string path = Write("big.jpg", JpegDeclaring(MakeJpeg(spec), c.w, c.h));
-        SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << " at " << c.reqW << "x" << c.reqH);
+        SCOPED_TRACE(::testing::Message()
+                     << c.w << "x" << c.h << " at " << c.reqW << "x" << c.reqH);
         log.Clear();
         CQRBImageDecoder decoder(path.c_str(), c.reqW, c.reqH, 0, c.forceFull);
         EXPECT_EQ(c.type, decoder.m_GetThumbnailType());
@@ -177,7 +175,8 @@ TEST_F(ImageDecoderTest, DecodesEveryColourModel) {
                                                        {"colour_ycck.jpg", {255, 51, 52}}};
     for (const auto& [file, want] : cases)
         for (int scale : {1, 2})  // at the picture's size, and DCT-scaled
-            EXPECT_TRUE(AllNear(DecodePicture(PictureFixture(file), 48 / scale, 32 / scale), want, 4))
+            EXPECT_TRUE(
+                AllNear(DecodePicture(PictureFixture(file), 48 / scale, 32 / scale), want, 4))
                 << file << " at 1/" << scale;
 }
 
@@ -193,8 +192,7 @@ TEST_F(ImageDecoderTest, DecodesTheSourceItChoseAndReportsOrientation) {
     EXPECT_TRUE(AllNear(DecodePicture(path, 160, 120, true), {255, 0, 0}));  // forced
     EXPECT_TRUE(AllNear(DecodePicture(path, 801, 601), {255, 0, 0}));        // under twice
     EXPECT_EQ(6, DecodePicture(path, 800, 600).orientation);
-    // A zero request chooses the source on the request as given, then takes the picture's
-    // size: the EXIF thumbnail, enlarged to it.
+    // A zero request chooses the EXIF thumbnail, enlarged to the picture's size.
     const Raster own = DecodePicture(path, 0, 0);
     EXPECT_EQ(1600 * 10000 + 1200, own.width * 10000 + own.height);
     EXPECT_TRUE(AllNear(own, {0, 255, 0}));
@@ -218,8 +216,7 @@ TEST_F(ImageDecoderTest, BrokenFilesFailOrYieldWhatLibjpegDecoded) {
     JpegSpec spec = Sized(640, 480);
     spec.thumbWidth = 160;
     spec.thumbHeight = 120;
-    // An IFD1 range ending right before the thumbnail's scan: its size is readable, its pixels
-    // are not, and the decoder must not read on into the picture around it.
+    // An IFD1 range ending before the thumbnail's scan: no reading on into the picture.
     const std::string thumb = MakeJpeg(Sized(160, 120));
     const std::string main = MakeJpeg(Sized(640, 480));
     const std::string cut = Write(

@@ -1,5 +1,6 @@
-// The cover size and the bilinear enlarger on rasters a few pixels wide, worked out by hand
-// (the box and nearest rules are checked through ScaleARGB and the PNG tests).
+// The bilinear enlarger on rasters a few pixels wide, worked out by hand (the cover size is
+// checked through the decoder's source table and the PTP getter, the box and nearest rules
+// through ScaleARGB and the PNG tests).
 #include "qrb_image_util.h"
 
 #include <gtest/gtest.h>
@@ -14,26 +15,6 @@ using Pixel = std::array<int, 4>;
 Pixel At(const std::vector<unsigned char>& raster, int w, int x, int y) {
     const unsigned char* p = raster.data() + (static_cast<size_t>(y) * w + x) * 4;
     return {p[0], p[1], p[2], p[3]};
-}
-
-TEST(ImageUtilTest, CoverSizeRoundsTheNamedWayWithoutOverflow) {
-    const struct {
-        uint64_t srcW, srcH, boxW, boxH, exactW, exactH, truncW, truncH;
-    } cases[] = {
-        {133, 100, 160, 120, 160, 120, 159, 120},  // the truncated quotient falls a pixel short
-        {0, 3000, 320, 240, 0, 0, 0, 240},         // a quotient by zero is taken as 0
-        {65535, 1, 4294967295u, 4294967295u, 281470681677825u, 4294967295u, 281470681677825u,
-         4294967295u},  // products that need 64 bits
-    };
-    for (const auto& c : cases) {
-        uint64_t w = 1, h = 1, tw = 1, th = 1;
-        CQRBImageUtil::CoverSize(c.srcW, c.srcH, c.boxW, c.boxH, QRBCoverRounding::kExactProducts,
-                                 &w, &h);
-        CQRBImageUtil::CoverSize(c.srcW, c.srcH, c.boxW, c.boxH,
-                                 QRBCoverRounding::kTruncatedQuotient, &tw, &th);
-        EXPECT_EQ((std::array{c.exactW, c.exactH, c.truncW, c.truncH}), (std::array{w, h, tw, th}))
-            << c.srcW << "x" << c.srcH << " into " << c.boxW << "x" << c.boxH;
-    }
 }
 
 TEST(ImageUtilTest, BilinearEnlargerBlendsColourKeepsAlphaAndStaysInside) {

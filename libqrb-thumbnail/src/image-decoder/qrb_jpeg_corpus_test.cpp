@@ -21,8 +21,6 @@ TEST(JpegExifCorpusTest, Ifd1ThumbnailsAreWhereAndAsLongAsTheirTagsSayAndServe) 
         {"ianare-exif-samples/jpg/Fujifilm_FinePix6900ZOOM.jpg", 1428},  // MM
         // Compression says 1 (uncompressed), yet offset and length give a JPEG.
         {"ianare-exif-samples/jpg/Ricoh_Caplio_RR330.jpg", 1307},
-        {"ianare-exif-samples/jpg/exif-org/kodak-dc240.jpg", 6934},  // MM
-        {"taglib-sharp/sample_nikon2.jpg", 8430},                    // MM
     };
     for (const auto& [name, length] : cases) {
         const std::string path = corpus + "/" + name;
@@ -51,14 +49,9 @@ TEST(JpegExifCorpusTest, Ifd1ThumbnailsAreWhereAndAsLongAsTheirTagsSayAndServe) 
 TEST(JpegExifCorpusTest, BrokenExifDoesNotStopTheDecode) {
     QRB_REQUIRE_CORPUS(corpus);
     for (const char* name :
-         {"ianare-exif-samples/jpg/invalid/image00971.jpg",
-          "ianare-exif-samples/jpg/invalid/image01088.jpg",
-          "ianare-exif-samples/jpg/invalid/image01137.jpg",
-          "ianare-exif-samples/jpg/invalid/image01551.jpg",
-          "ianare-exif-samples/jpg/invalid/image01713.jpg", "taglib-sharp/sample_recursive_ifd.jpg",
-          "taglib-sharp/sample_invalidifdoffset.jpg", "pillow/invalid-exif.jpg",
-          "pillow/exif-ifd-offset.jpg", "pillow/multiple_exif.jpg", "pillow/jpeg_ff00_header.jpg",
-          "pillow/empty_gps_ifd.jpg"})
+         {"ianare-exif-samples/jpg/invalid/image00971.jpg", "taglib-sharp/sample_recursive_ifd.jpg",
+          "taglib-sharp/sample_invalidifdoffset.jpg", "pillow/multiple_exif.jpg",
+          "pillow/jpeg_ff00_header.jpg", "pillow/empty_gps_ifd.jpg"})
         for (bool forceFull : {false, true})
             EXPECT_FALSE(DecodePicture("file://" + corpus + "/" + name, 120, 90, forceFull).Empty())
                 << name;

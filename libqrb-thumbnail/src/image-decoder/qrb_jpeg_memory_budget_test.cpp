@@ -1,6 +1,4 @@
-// The coefficient budget shared by concurrent JPEG decodes, with real threads: what is held
-// together never passes the capacity, a large request is served alone, and arrivals are served
-// in order, so a waiting large request is not overtaken by small ones that would fit.
+// The coefficient budget shared by concurrent JPEG decodes, with real threads.
 #include "image-decoder/qrb_jpeg_memory_budget.h"
 
 #include <gtest/gtest.h>
@@ -16,8 +14,7 @@ using namespace std::chrono_literals;
 
 // Polls until `waiting` requests wait, failing after a few seconds.
 bool Waits(CQRBJpegMemoryBudget& budget, size_t waiting) {
-    for (int i = 0; i < 5000 && budget.Waiting() != waiting; ++i)
-        std::this_thread::sleep_for(1ms);
+    for (int i = 0; i < 5000 && budget.Waiting() != waiting; ++i) std::this_thread::sleep_for(1ms);
     return budget.Waiting() == waiting;
 }
 
@@ -56,8 +53,7 @@ TEST(JpegMemoryBudgetTest, ArrivalsAreServedInOrder) {
     CQRBJpegMemoryBudget budget(100);
     CQRBJpegMemoryBudget::Grant first = budget.Acquire(70);
 
-    // A large request waits for the first; a small one behind it would fit now, but waits its
-    // turn, and then for the large one, beside which it does not fit.
+    // A small request that would fit waits behind a waiting large one, then for it to finish.
     std::atomic<int> order{0};
     std::atomic<int> largeAt{0};
     std::atomic<int> smallAt{0};

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -55,18 +57,13 @@ TEST_F(PngReaderTest, LargePicturesAreReducedRowByRow) {
     }
 }
 
+// Every number in a JSON file, in order.
 std::vector<int> JsonNumbers(const std::string& path) {
-    std::vector<int> values;
-    int current = -1;
-    for (char c : ReadFileBytes(path) + " ") {
-        if (c >= '0' && c <= '9') {
-            current = (current < 0 ? 0 : current * 10) + (c - '0');
-        } else if (current >= 0) {
-            values.push_back(current);
-            current = -1;
-        }
-    }
-    return values;
+    std::string text = ReadFileBytes(path);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < '0' || c > '9'; }, ' ');
+    std::istringstream in(text);
+    return std::vector<int>(std::istream_iterator<int>(in), std::istream_iterator<int>());
 }
 
 // Each file at twice its size (output (2x, 2y) is picture (x, y)) against its expected pixels.

@@ -34,7 +34,7 @@ TEST(ThumbImageTest, ScaleSamplesNearestWhenGrowingBothWaysElseAveragesBoxes) {
         Pixel want;
     } cases[] = {
         {100, 50, 200, 100, 199, 99, Pattern(99, 49)},  // nearest: no blend
-        {100, 50, 200, 40, 2, 0, {1, 0, 17, 253}},  // mean of (1, 0), (2, 0), (1, 1), (2, 1)
+        {100, 50, 200, 40, 2, 0, {1, 0, 17, 253}},      // mean of (1, 0), (2, 0), (1, 1), (2, 1)
         // Boxes starting on the last source column or row take it twice, never reading past.
         {100, 50, 200, 40, 198, 0, {99, 0, 187, 156}},
         {200, 50, 100, 100, 0, 98, {0, 49, 128, 254}},
