@@ -3,6 +3,7 @@
 #include "qrb_test_files.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -49,12 +50,6 @@ JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
     return spec.color;
 }
 
-struct IfdEntry {
-    unsigned tag;
-    unsigned type;  // 3 SHORT, 4 LONG
-    uint32_t value;
-};
-
 }  // namespace
 
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
@@ -62,19 +57,20 @@ std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
     const auto put = [&](uint64_t v, int bytes) {
         tiff += spec.bigEndian ? BigEndian(v, bytes) : LittleEndian(v, bytes);
     };
-    const auto putIfd = [&](const std::vector<IfdEntry>& entries, uint32_t next) {
+    // Entries of tag, type (3 SHORT, 4 LONG) and one value; a SHORT fills the field's first half.
+    using Ifd = std::vector<std::array<uint32_t, 3>>;
+    const auto putIfd = [&](const Ifd& entries, uint32_t next) {
         put(entries.size(), 2);
-        for (const IfdEntry& e : entries) {
-            put(e.tag, 2);
-            put(e.type, 2);
+        for (const auto& [tag, type, value] : entries) {
+            put(tag, 2);
+            put(type, 2);
             put(1, 4);
-            // A SHORT sits in the first two bytes of the value field.
-            put(e.value, e.type == 3 ? 2 : 4);
-            if (e.type == 3) put(0, 2);
+            put(value, type == 3 ? 2 : 4);
+            if (type == 3) put(0, 2);
         }
         put(next, 4);
     };
-    std::vector<IfdEntry> ifd0;
+    Ifd ifd0;
     if (spec.orientation != 0) ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
     const uint32_t ifd1Offset = 8 + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
     put(42, 2);
@@ -94,7 +90,6 @@ std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
 
 std::string MakeJpeg(const JpegSpec& spec) {
     if (spec.width <= 0 || spec.height <= 0) return std::string();
-
     std::string thumbnail;
     if (spec.thumbWidth > 0 && spec.thumbHeight > 0) {
         thumbnail = MakeJpeg({spec.thumbWidth, spec.thumbHeight, 90,
@@ -109,10 +104,6 @@ std::string MakeJpeg(const JpegSpec& spec) {
                                  ? MakeJpeg({spec.largeThumbWidth, spec.largeThumbHeight, 90,
                                              JpegPattern::kSolid, spec.largeThumbColor})
                                  : std::string();
-    if (app1.size() > 65533 || app2.size() > 65533) {
-        std::fprintf(stderr, "test JPEG writer: an APP segment would exceed 64 KiB\n");
-        std::abort();
-    }
 
     jpeg_compress_struct cinfo;
     jpeg_error_mgr err;
@@ -165,23 +156,17 @@ std::string QuadrantJpeg(int width, int height) {
 }
 
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
-    if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
-        static_cast<uint8_t>(jpeg[1]) != 0xD8)
-        return false;
-    size_t at = 2;
-    while (at + 4 <= jpeg.size()) {
-        if (static_cast<uint8_t>(jpeg[at]) != 0xFF) return false;
-        const uint8_t marker = static_cast<uint8_t>(jpeg[at + 1]);
-        const size_t length =
-            (static_cast<uint8_t>(jpeg[at + 2]) << 8) | static_cast<uint8_t>(jpeg[at + 3]);
-        if (marker >= 0xC0 && marker <= 0xC2 && at + 9 <= jpeg.size()) {
-            *height =
-                (static_cast<uint8_t>(jpeg[at + 5]) << 8) | static_cast<uint8_t>(jpeg[at + 6]);
-            *width = (static_cast<uint8_t>(jpeg[at + 7]) << 8) | static_cast<uint8_t>(jpeg[at + 8]);
+    const auto at = [&](size_t i) { return static_cast<uint8_t>(jpeg[i]); };
+    if (jpeg.size() < 4 || at(0) != 0xFF || at(1) != 0xD8) return false;
+    for (size_t i = 2; i + 4 <= jpeg.size() && at(i) == 0xFF;) {
+        const size_t length = at(i + 2) << 8 | at(i + 3);
+        if (at(i + 1) >= 0xC0 && at(i + 1) <= 0xC2 && i + 9 <= jpeg.size()) {
+            *height = at(i + 5) << 8 | at(i + 6);
+            *width = at(i + 7) << 8 | at(i + 8);
             return true;
         }
-        if (marker == 0xDA || length < 2) return false;
-        at += 2 + length;
+        if (at(i + 1) == 0xDA || length < 2) return false;
+        i += 2 + length;
     }
     return false;
 }

@@ -1,6 +1,5 @@
-// Baseline JPEG files for tests, written with libjpeg into memory, row by row, with an optional
-// APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 JPEG thumbnail) and an optional
-// APP2 segment holding a larger JPEG. A request libjpeg refuses aborts, saying why.
+// Baseline JPEG files for tests written with libjpeg, with optional EXIF (either byte order,
+// orientation, an IFD1 thumbnail) and APP2 thumbnails. A request libjpeg refuses aborts.
 #ifndef QRB_TESTING_JPEG_WRITER_H
 #define QRB_TESTING_JPEG_WRITER_H
 
@@ -10,9 +9,7 @@
 namespace qrbtest {
 
 struct JpegColor {
-    uint8_t r = 0;
-    uint8_t g = 0;
-    uint8_t b = 0;
+    uint8_t r = 0, g = 0, b = 0;
 };
 
 enum class JpegPattern {

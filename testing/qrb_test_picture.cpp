@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 namespace qrbtest {
 
@@ -89,20 +88,16 @@ Raster CropCentre(const Raster& in, int width, int height) {
 }
 
 bool ReadPng(const std::string& path, Raster* out) {
-    png_image image;
-    std::memset(&image, 0, sizeof(image));
+    png_image image{};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
     image.format = PNG_FORMAT_BGRA;
-    std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(image));
-    if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) {
-        png_image_free(&image);
-        return false;
-    }
     out->width = static_cast<int>(image.width);
     out->height = static_cast<int>(image.height);
-    out->pixels.swap(pixels);
-    return true;
+    out->pixels.resize(PNG_IMAGE_SIZE(image));
+    if (png_image_finish_read(&image, nullptr, out->pixels.data(), 0, nullptr)) return true;
+    png_image_free(&image);
+    return false;
 }
 
 }  // namespace qrbtest

@@ -36,7 +36,6 @@ Raster RasterOf(const std::string& bytes, int width, int height);
 std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);
-
 // A file read with libpng's simplified API, in the decoder's byte order.
 bool ReadPng(const std::string& path, Raster* out);
 

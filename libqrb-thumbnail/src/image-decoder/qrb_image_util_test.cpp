@@ -12,11 +12,6 @@ namespace {
 
 using Pixel = std::array<int, 4>;
 
-Pixel At(const std::vector<unsigned char>& raster, int w, int x, int y) {
-    const unsigned char* p = raster.data() + (static_cast<size_t>(y) * w + x) * 4;
-    return {p[0], p[1], p[2], p[3]};
-}
-
 TEST(ImageUtilTest, BilinearEnlargerBlendsColourKeepsAlphaAndStaysInside) {
     // Byte 0 of pixel i is v[i]; bytes 1 and 2 are 1 and 2; alpha is 100 + i.
     const struct {
@@ -39,7 +34,8 @@ TEST(ImageUtilTest, BilinearEnlargerBlendsColourKeepsAlphaAndStaysInside) {
         std::vector<unsigned char> dst(c.dstW * c.dstH * 4, 0xAB);
         ASSERT_TRUE(CQRBImageUtil::ScaleARGBFromCubic(src.data(), c.srcW, c.srcH, c.dstW, c.dstH,
                                                       dst.data()));
-        EXPECT_EQ(c.want, At(dst, c.dstW, c.x, c.y))
+        const unsigned char* p = &dst[(c.y * c.dstW + c.x) * 4];
+        EXPECT_EQ(c.want, (Pixel{p[0], p[1], p[2], p[3]}))
             << c.srcW << "x" << c.srcH << " to " << c.dstW << "x" << c.dstH << " at " << c.x << ","
             << c.y;
     }

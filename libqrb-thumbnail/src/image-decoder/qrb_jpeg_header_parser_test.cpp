@@ -3,6 +3,7 @@
 #include "image-decoder/qrb_jpeg_header_parser.h"
 
 #include "qrb_scoped.h"
+#include "qrb_test_files.h"
 #include "qrb_test_log.h"
 
 #include <gtest/gtest.h>
@@ -89,9 +90,7 @@ const std::string kSoi = Bytes({0xFF, 0xD8});
 const std::string kEoi = Bytes({0xFF, 0xD9});
 
 std::string Segment(int marker, const std::string& payload) {
-    const size_t length = payload.size() + 2;
-    return Bytes({0xFF, marker, static_cast<int>(length >> 8), static_cast<int>(length & 0xFF)}) +
-           payload;
+    return Bytes({0xFF, marker}) + qrbtest::BigEndian(payload.size() + 2, 2) + payload;
 }
 
 TEST(JpegMarkerWalkTest, FindsTheFirstFrameOrFailsSayingWhy) {

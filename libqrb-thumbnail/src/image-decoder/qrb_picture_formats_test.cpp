@@ -36,9 +36,8 @@ heif_image* HeifPicture(bool quadrants) {
 }
 
 // The quadrants recorded with `orientation` and a black thumbnail fitting thumbBox (0: none).
-std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientation,
-                     int thumbBox = 0) {
-    const std::string path = scratch.Path() + "/" + name;
+std::string MakeHeic(ScratchRoot& scratch, int orientation, int thumbBox) {
+    const std::string path = scratch.Path() + "/o.heic";
     heif_context* ctx = heif_context_alloc();
     heif_encoder* encoder = nullptr;
     heif_encoding_options* options = heif_encoding_options_alloc();
@@ -66,8 +65,7 @@ std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientat
     return ok ? "file://" + path : std::string();
 }
 
-// Every fixture at 160 x 120: its quadrants, its orientation (1 and none are both upright), and
-// for *_alpha files alpha 255, 128, 0, 255 by quadrant (GIF: 255, 255, 0, 255).
+// Every fixture at 160 x 120: quadrants, orientation, alpha 255, 128 (GIF: 255), 0, 255.
 TEST(PictureFormatTest, EveryFixtureDecodesAsStoredAtTheRequestedSize) {
     for (const std::string name :
          {"quad.heic",        "quad_thumb.heic",       "quad_alpha.heic",   "quad_10bit.heic",
@@ -153,9 +151,7 @@ TEST(PictureFormatTest, TiffReducedPageThatServesIsDecodedInsteadOfThePicture) {
 TEST(PictureFormatTest, HeifTransformsAndThumbnail) {
     ScratchRoot scratch;
     const struct {
-        int orientation, thumbBox, reqW, reqH;
-        bool forceFull;
-        int w, h;
+        int orientation, thumbBox, reqW, reqH, forceFull, w, h;
         const char* want;
     } rows[] = {
         {2, 0, 0, 0, false, 640, 480, "GRBW"},    // imir: left and right swapped
@@ -165,7 +161,7 @@ TEST(PictureFormatTest, HeifTransformsAndThumbnail) {
         {1, 200, 0, 0, false, 640, 480, "RGWB"},
     };
     for (const auto& row : rows) {
-        const std::string url = MakeHeic(scratch, "o.heic", row.orientation, row.thumbBox);
+        const std::string url = MakeHeic(scratch, row.orientation, row.thumbBox);
         const Raster r = DecodePicture(url, row.reqW, row.reqH, row.forceFull);
         EXPECT_TRUE(!row.w || row.w * 10000 + row.h == r.width * 10000 + r.height) << r.width;
         EXPECT_EQ(0, r.orientation) << "nothing is left to turn";
