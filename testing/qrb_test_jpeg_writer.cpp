@@ -1,12 +1,11 @@
 #include "qrb_test_jpeg_writer.h"
 
-#include "qrb_scoped.h"
+#include "qrb_test_files.h"
 
 #include <algorithm>
-#include <csetjmp>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include <jpeglib.h>
@@ -15,38 +14,13 @@ namespace qrbtest {
 
 namespace {
 
-struct WriterError {
-    jpeg_error_mgr pub;
-    jmp_buf jump;
-};
-
+// A request libjpeg refuses is a fault of the test: say why and stop.
 void WriterErrorExit(j_common_ptr cinfo) {
     char text[JMSG_LENGTH_MAX];
     (*cinfo->err->format_message)(cinfo, text);
     std::fprintf(stderr, "test JPEG writer: %s\n", text);
-    std::longjmp(reinterpret_cast<WriterError*>(cinfo->err)->jump, 1);
+    std::abort();
 }
-
-void DestroyCompress(jpeg_compress_struct* cinfo) { jpeg_destroy_compress(cinfo); }
-using ScopedCompress = QRBScoped<jpeg_compress_struct, DestroyCompress>;
-
-void FreeBytes(unsigned char* p) { std::free(p); }
-using ScopedJpegBytes = QRBScoped<unsigned char, FreeBytes>;
-
-// Everything the guarded frame touches: C state and raw pointers owned by the caller.
-struct CompressJob {
-    const JpegSpec* spec;
-    jpeg_compress_struct* cinfo;
-    WriterError* err;
-    unsigned char** out;
-    unsigned long* outSize;
-    unsigned char* row;
-    const unsigned char* app1;
-    unsigned int app1Size;
-    const unsigned char* app2;
-    unsigned int app2Size;
-    jpeg_scan_info scans[3];  // the scan script of sequentialScans
-};
 
 // The colour MakeJpeg gives pixel (x, y) of the picture it writes, before compression.
 JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
@@ -76,233 +50,123 @@ JpegColor PatternColor(const JpegSpec& spec, int x, int y) {
     return spec.color;
 }
 
-// The only frame that holds a jump target: libjpeg errors land here and nothing with a
-// destructor lives in it.
-bool CompressGuarded(CompressJob* job) {
-    jpeg_compress_struct* cinfo = job->cinfo;
-    const JpegSpec& spec = *job->spec;
-    if (setjmp(job->err->jump)) return false;
-    jpeg_create_compress(cinfo);
-    jpeg_mem_dest(cinfo, job->out, job->outSize);
-    cinfo->image_width = static_cast<JDIMENSION>(spec.width);
-    cinfo->image_height = static_cast<JDIMENSION>(spec.height);
-    cinfo->in_color_space = JCS_RGB;
-    cinfo->input_components = 3;
-    jpeg_set_defaults(cinfo);
-    jpeg_set_quality(cinfo, spec.quality, TRUE);
-    if (spec.progressive) jpeg_simple_progression(cinfo);
-    if (spec.sequentialScans && !spec.progressive) {
-        for (int c = 0; c < cinfo->num_components; ++c) {
-            jpeg_scan_info& scan = job->scans[c];
-            scan.comps_in_scan = 1;
-            scan.component_index[0] = c;
-            scan.Ss = 0;
-            scan.Se = 63;
-            scan.Ah = 0;
-            scan.Al = 0;
-        }
-        cinfo->scan_info = job->scans;
-        cinfo->num_scans = cinfo->num_components;
-    }
-    // An EXIF file starts with its APP1, as cameras write it.
-    if (job->app1Size > 0) cinfo->write_JFIF_header = FALSE;
-    jpeg_start_compress(cinfo, TRUE);
-    if (job->app1Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 1, job->app1, job->app1Size);
-    if (job->app2Size > 0) jpeg_write_marker(cinfo, JPEG_APP0 + 2, job->app2, job->app2Size);
-    while (cinfo->next_scanline < cinfo->image_height) {
-        const int y = static_cast<int>(cinfo->next_scanline);
-        unsigned char* p = job->row;
-        for (int x = 0; x < spec.width; ++x) {
-            const JpegColor c = PatternColor(spec, x, y);
-            *p++ = c.r;
-            *p++ = c.g;
-            *p++ = c.b;
-        }
-        JSAMPROW rows[1] = {job->row};
-        jpeg_write_scanlines(cinfo, rows, 1);
-    }
-    jpeg_finish_compress(cinfo);
-    return true;
-}
-
-void Put16(std::string& s, unsigned v, bool big) {
-    if (big) {
-        s.push_back(static_cast<char>(v >> 8));
-        s.push_back(static_cast<char>(v));
-    } else {
-        s.push_back(static_cast<char>(v));
-        s.push_back(static_cast<char>(v >> 8));
-    }
-}
-
-void Put32(std::string& s, uint32_t v, bool big) {
-    if (big) {
-        Put16(s, v >> 16, true);
-        Put16(s, v & 0xFFFF, true);
-    } else {
-        Put16(s, v & 0xFFFF, false);
-        Put16(s, v >> 16, false);
-    }
-}
-
-struct IfdEntry {
-    unsigned tag;
-    unsigned type;  // 3 SHORT, 4 LONG
-    uint32_t value;
-};
-
-void PutEntry(std::string& s, const IfdEntry& e, bool big) {
-    Put16(s, e.tag, big);
-    Put16(s, e.type, big);
-    Put32(s, 1, big);
-    if (e.type == 3) {
-        Put16(s, e.value, big);  // a SHORT sits in the first two bytes of the value field
-        Put16(s, 0, big);
-    } else {
-        Put32(s, e.value, big);
-    }
-}
-
-
 }  // namespace
 
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail) {
-    const bool big = spec.bigEndian;
-    std::vector<IfdEntry> ifd0;
-    if (spec.orientation != 0) {
-        ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
-    }
-    const bool hasIfd1 = !thumbnail.empty();
-    std::vector<IfdEntry> ifd1;
-    const uint32_t ifd0Offset = 8;
-    const uint32_t ifd1Offset = ifd0Offset + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
-    if (hasIfd1) {
-        ifd1.push_back({0x0103, 3, 6});  // Compression: JPEG
+    std::string tiff = spec.bigEndian ? "MM" : "II";
+    const auto put = [&](uint64_t v, int bytes) {
+        tiff += spec.bigEndian ? BigEndian(v, bytes) : LittleEndian(v, bytes);
+    };
+    // Entries of tag, type (3 SHORT, 4 LONG) and one value; a SHORT fills the field's first half.
+    using Ifd = std::vector<std::array<uint32_t, 3>>;
+    const auto putIfd = [&](const Ifd& entries, uint32_t next) {
+        put(entries.size(), 2);
+        for (const auto& [tag, type, value] : entries) {
+            put(tag, 2);
+            put(type, 2);
+            put(1, 4);
+            put(value, type == 3 ? 2 : 4);
+            if (type == 3) put(0, 2);
+        }
+        put(next, 4);
+    };
+    Ifd ifd0;
+    if (spec.orientation != 0) ifd0.push_back({0x0112, 3, static_cast<uint32_t>(spec.orientation)});
+    const uint32_t ifd1Offset = 8 + 2 + 12 * static_cast<uint32_t>(ifd0.size()) + 4;
+    put(42, 2);
+    put(8, 4);
+    putIfd(ifd0, thumbnail.empty() ? 0 : ifd1Offset);
+    if (!thumbnail.empty()) {
         const uint32_t dataOffset = ifd1Offset + 2 + 12 * 3 + 4;
-        ifd1.push_back({0x0201, 4, dataOffset});
-        ifd1.push_back({0x0202, 4, static_cast<uint32_t>(thumbnail.size())});
-    }
-
-    std::string tiff = big ? std::string("MM", 2) : std::string("II", 2);
-    Put16(tiff, 42, big);
-    Put32(tiff, ifd0Offset, big);
-    Put16(tiff, static_cast<unsigned>(ifd0.size()), big);
-    for (const IfdEntry& e : ifd0) PutEntry(tiff, e, big);
-    Put32(tiff, hasIfd1 ? ifd1Offset : 0, big);
-    if (hasIfd1) {
-        Put16(tiff, static_cast<unsigned>(ifd1.size()), big);
-        for (const IfdEntry& e : ifd1) PutEntry(tiff, e, big);
-        Put32(tiff, 0, big);
+        putIfd({{0x0103, 3, 6},
+                {0x0201, 4, dataOffset},  // JPEG compression, at dataOffset
+                {0x0202, 4, static_cast<uint32_t>(thumbnail.size())}},
+               0);
         tiff += thumbnail;
     }
-
-    std::string payload = std::string("Exif\0\0", 6) + tiff;
-    std::string segment = "\xFF\xE1";
-    Put16(segment, static_cast<unsigned>(payload.size() + 2), true);
-    return segment + payload;
+    const std::string payload = std::string("Exif\0\0", 6) + tiff;
+    return "\xFF\xE1" + BigEndian(payload.size() + 2, 2) + payload;
 }
 
 std::string MakeJpeg(const JpegSpec& spec) {
     if (spec.width <= 0 || spec.height <= 0) return std::string();
-
     std::string thumbnail;
     if (spec.thumbWidth > 0 && spec.thumbHeight > 0) {
-        JpegSpec t;
-        t.width = spec.thumbWidth;
-        t.height = spec.thumbHeight;
-        t.color = spec.thumbColor;
-        if (spec.thumbScene) {
-            t.pattern = spec.pattern;
-            t.storedFor = spec.storedFor;
-            t.lowerRight = spec.thumbColor;
-        }
-        thumbnail = MakeJpeg(t);
-        if (thumbnail.empty()) return std::string();
+        thumbnail = MakeJpeg({spec.thumbWidth, spec.thumbHeight, 90,
+                              spec.thumbScene ? spec.pattern : JpegPattern::kSolid, spec.thumbColor,
+                              spec.thumbColor, spec.storedFor});
     }
-    std::string app1;
-    if (spec.exif || spec.orientation != 0 || !thumbnail.empty()) {
-        app1 = ExifSegment(spec, thumbnail).substr(4);  // libjpeg writes marker and length
-    }
-    std::string app2;
-    if (spec.largeThumbWidth > 0 && spec.largeThumbHeight > 0) {
-        JpegSpec t;
-        t.width = spec.largeThumbWidth;
-        t.height = spec.largeThumbHeight;
-        t.color = spec.largeThumbColor;
-        app2 = MakeJpeg(t);
-        if (app2.empty()) return std::string();
-    }
-    if (app1.size() > 65533 || app2.size() > 65533) {
-        std::fprintf(stderr, "test JPEG writer: an APP segment would exceed 64 KiB\n");
-        return std::string();
-    }
+    // libjpeg writes marker and length.
+    const std::string app1 = spec.orientation != 0 || !thumbnail.empty()
+                                 ? ExifSegment(spec, thumbnail).substr(4)
+                                 : std::string();
+    const std::string app2 = spec.largeThumbWidth > 0 && spec.largeThumbHeight > 0
+                                 ? MakeJpeg({spec.largeThumbWidth, spec.largeThumbHeight, 90,
+                                             JpegPattern::kSolid, spec.largeThumbColor})
+                                 : std::string();
 
-    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 3);
-    jpeg_compress_struct storage;
-    std::memset(&storage, 0, sizeof(storage));
-    WriterError err;
-    storage.err = jpeg_std_error(&err.pub);
-    err.pub.error_exit = WriterErrorExit;
+    jpeg_compress_struct cinfo;
+    jpeg_error_mgr err;
+    cinfo.err = jpeg_std_error(&err);
+    err.error_exit = WriterErrorExit;
+    jpeg_create_compress(&cinfo);
     unsigned char* out = nullptr;
     unsigned long outSize = 0;
-    bool ok;
-    {
-        ScopedCompress cinfo(&storage);
-        CompressJob job{&spec,
-                        cinfo.get(),
-                        &err,
-                        &out,
-                        &outSize,
-                        row.data(),
-                        reinterpret_cast<const unsigned char*>(app1.data()),
-                        static_cast<unsigned int>(app1.size()),
-                        reinterpret_cast<const unsigned char*>(app2.data()),
-                        static_cast<unsigned int>(app2.size()),
-                        {}};
-        ok = CompressGuarded(&job);
+    jpeg_mem_dest(&cinfo, &out, &outSize);
+    cinfo.image_width = static_cast<JDIMENSION>(spec.width);
+    cinfo.image_height = static_cast<JDIMENSION>(spec.height);
+    cinfo.in_color_space = JCS_RGB;
+    cinfo.input_components = 3;
+    jpeg_set_defaults(&cinfo);
+    jpeg_set_quality(&cinfo, spec.quality, TRUE);
+    // An EXIF file starts with its APP1, as cameras write it.
+    cinfo.write_JFIF_header = app1.empty();
+    jpeg_start_compress(&cinfo, TRUE);
+    const auto marker = [&](int n, const std::string& s) {
+        if (!s.empty())
+            jpeg_write_marker(&cinfo, JPEG_APP0 + n, reinterpret_cast<const JOCTET*>(s.data()),
+                              static_cast<unsigned int>(s.size()));
+    };
+    marker(1, app1);
+    marker(2, app2);
+    std::vector<unsigned char> row(static_cast<size_t>(spec.width) * 3);
+    while (cinfo.next_scanline < cinfo.image_height) {
+        for (int x = 0; x < spec.width; ++x) {
+            const JpegColor c = PatternColor(spec, x, static_cast<int>(cinfo.next_scanline));
+            row[x * 3] = c.r;
+            row[x * 3 + 1] = c.g;
+            row[x * 3 + 2] = c.b;
+        }
+        JSAMPROW rows[1] = {row.data()};
+        jpeg_write_scanlines(&cinfo, rows, 1);
     }
-    ScopedJpegBytes bytes(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free
-    if (!ok || out == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char*>(out), outSize);
+    jpeg_finish_compress(&cinfo);
+    jpeg_destroy_compress(&cinfo);
+    std::string bytes(reinterpret_cast<const char*>(out), outSize);
+    std::free(out);  // jpeg_mem_dest's buffer is malloc'ed and ours to free
+    return bytes;
 }
 
 std::string GradientJpeg(int width, int height) {
-    JpegSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.quality = 95;
-    spec.pattern = JpegPattern::kGradient;
-    spec.color = {0, 0, 100};
-    return MakeJpeg(spec);
+    return MakeJpeg({width, height, 95, JpegPattern::kGradient, {0, 0, 100}});
 }
 
 std::string QuadrantJpeg(int width, int height) {
-    JpegSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.quality = 95;
-    spec.pattern = JpegPattern::kQuadrants;
-    return MakeJpeg(spec);
+    return MakeJpeg({width, height, 95, JpegPattern::kQuadrants});
 }
 
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
-    if (jpeg.size() < 4 || static_cast<uint8_t>(jpeg[0]) != 0xFF ||
-        static_cast<uint8_t>(jpeg[1]) != 0xD8)
-        return false;
-    size_t at = 2;
-    while (at + 4 <= jpeg.size()) {
-        if (static_cast<uint8_t>(jpeg[at]) != 0xFF) return false;
-        const uint8_t marker = static_cast<uint8_t>(jpeg[at + 1]);
-        const size_t length =
-            (static_cast<uint8_t>(jpeg[at + 2]) << 8) | static_cast<uint8_t>(jpeg[at + 3]);
-        if (marker >= 0xC0 && marker <= 0xC2 && at + 9 <= jpeg.size()) {
-            *height =
-                (static_cast<uint8_t>(jpeg[at + 5]) << 8) | static_cast<uint8_t>(jpeg[at + 6]);
-            *width = (static_cast<uint8_t>(jpeg[at + 7]) << 8) | static_cast<uint8_t>(jpeg[at + 8]);
+    const auto at = [&](size_t i) { return static_cast<uint8_t>(jpeg[i]); };
+    if (jpeg.size() < 4 || at(0) != 0xFF || at(1) != 0xD8) return false;
+    for (size_t i = 2; i + 4 <= jpeg.size() && at(i) == 0xFF;) {
+        const size_t length = at(i + 2) << 8 | at(i + 3);
+        if (at(i + 1) >= 0xC0 && at(i + 1) <= 0xC2 && i + 9 <= jpeg.size()) {
+            *height = at(i + 5) << 8 | at(i + 6);
+            *width = at(i + 7) << 8 | at(i + 8);
             return true;
         }
-        if (marker == 0xDA || length < 2) return false;
-        at += 2 + length;
+        if (at(i + 1) == 0xDA || length < 2) return false;
+        i += 2 + length;
     }
     return false;
 }

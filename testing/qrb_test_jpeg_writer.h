@@ -1,11 +1,5 @@
-// JPEG files for tests, written with libjpeg into memory: any size, baseline or progressive,
-// with an optional APP1 EXIF block (either byte order; IFD0 Orientation; an IFD1 holding a JPEG
-// thumbnail) and an optional APP2 segment holding a larger
-// embedded JPEG. Pixels are generated one row at a time, so a 4000 x 3000 picture costs no more
-// memory than a small one.
-//
-// MakeJpeg returns the file's bytes, or an empty string when libjpeg refused the request (the
-// reason is printed to stderr).
+// Baseline JPEG files for tests written with libjpeg, with optional EXIF (either byte order,
+// orientation, an IFD1 thumbnail) and APP2 thumbnails. A request libjpeg refuses aborts.
 #ifndef QRB_TESTING_JPEG_WRITER_H
 #define QRB_TESTING_JPEG_WRITER_H
 
@@ -15,9 +9,7 @@
 namespace qrbtest {
 
 struct JpegColor {
-    uint8_t r = 0;
-    uint8_t g = 0;
-    uint8_t b = 0;
+    uint8_t r = 0, g = 0, b = 0;
 };
 
 enum class JpegPattern {
@@ -30,44 +22,31 @@ struct JpegSpec {
     int width = 64;
     int height = 48;
     int quality = 90;
-    bool progressive = false;
-    bool sequentialScans = false;  // baseline, one scan per component instead of one interleaved
     JpegPattern pattern = JpegPattern::kSolid;
     JpegColor color{200, 40, 40};
     JpegColor lowerRight{255, 255, 255};  // the fourth quadrant of kQuadrants
-    // The pattern is an upright scene that a camera held in this EXIF orientation stores: the
-    // stored pixel (x, y) shows the scene point the tag's definition says. For 5 to 8 the
-    // scene is height wide and width high. 0 or 1: stored upright.
+    // The pattern is an upright scene as a camera held in this EXIF orientation stores it (for
+    // 5 to 8 the scene is height wide and width high). 0 or 1: stored upright.
     int storedFor = 0;
-
-    // APP1 EXIF. Written when `exif` is set or any field below asks for it.
-    bool exif = false;
+    // APP1 EXIF, written when a field below asks for it.
     bool bigEndian = false;  // "MM" instead of "II"
     int orientation = 0;     // IFD0 Orientation tag, 0 = no tag (any other value is written as is)
     int thumbWidth = 0;      // IFD1 JPEG thumbnail (solid thumbColor); 0 = no IFD1
     int thumbHeight = 0;
     JpegColor thumbColor{40, 200, 40};
-    bool thumbScene = false;  // the thumbnail shows the picture's pattern, stored the same way,
-                              // with thumbColor in the fourth quadrant (else solid thumbColor)
-
-    // APP2 segment whose payload is a whole JPEG (solid largeThumbColor), as the picture
-    // decoder's large embedded thumbnail. 0 = none. Its encoding must fit one segment (64 KiB).
+    bool thumbScene = false;  // the picture's pattern with thumbColor in the fourth quadrant
+    // APP2 segment holding a whole JPEG (solid largeThumbColor) of up to 64 KiB; 0 = none.
     int largeThumbWidth = 0;
     int largeThumbHeight = 0;
     JpegColor largeThumbColor{40, 40, 200};
 };
 
 std::string MakeJpeg(const JpegSpec& spec);
-// A width x height gradient (red grows left to right, green top to bottom, blue 100) at
-// quality 95: where a crop was taken from shows in its pixels.
+// kGradient (blue 100) and kQuadrants pictures at quality 95.
 std::string GradientJpeg(int width, int height);
-// A width x height picture of four quadrants (red, green / blue, white) at quality 95.
 std::string QuadrantJpeg(int width, int height);
-
-// The APP1 EXIF segment MakeJpeg writes for spec (marker and length included), for tests that
-// assemble files by hand. thumbnail is the IFD1 JPEG (may be empty).
+// The APP1 segment MakeJpeg writes (marker and length included) with thumbnail as IFD1's JPEG.
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail);
-
 // Width and height from a JPEG's first frame header (SOF0 to SOF2); false when there is none.
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height);
 

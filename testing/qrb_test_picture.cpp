@@ -4,11 +4,9 @@
 #include "qrb_test_files.h"
 
 #include <png.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 namespace qrbtest {
 
@@ -31,18 +29,13 @@ Raster DecodePicture(const std::string& url, int width, int height, bool forceFu
     return r;
 }
 
-Raster RasterOf(const CQRBThumbImage& image) {
-    Raster r;
-    r.width = image.GetWidth();
-    r.height = image.GetHeight();
-    r.pixels.assign(image.GetBuffer(),
-                    image.GetBuffer() + static_cast<size_t>(r.width) * r.height * 4);
-    return r;
-}
-
 Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item) {
     if (!item || item->GetImages().size() != 1 || !item->GetImages()[0]) return Raster();
-    return RasterOf(*item->GetImages()[0]);
+    const CQRBThumbImage& image = *item->GetImages()[0];
+    const unsigned char* p = image.GetBuffer();
+    return RasterOf(
+        std::string(p, p + static_cast<size_t>(image.GetWidth()) * image.GetHeight() * 4),
+        image.GetWidth(), image.GetHeight());
 }
 
 Raster RasterOf(const std::string& bytes, int width, int height) {
@@ -55,39 +48,27 @@ Raster RasterOf(const std::string& bytes, int width, int height) {
 
 std::string Quadrants(const Raster& r) {
     if (r.width < 2 || r.height < 2) return "too small";
-    const struct {
-        char letter;
-        int rgb[3];
-    } palette[] = {{'R', {255, 0, 0}},
-                   {'G', {0, 255, 0}},
-                   {'B', {0, 0, 255}},
-                   {'W', {255, 255, 255}},
-                   {'K', {0, 0, 0}}};
-    const int centres[4][2] = {{1, 1}, {3, 1}, {3, 3}, {1, 3}};  // in quarters of the raster
+    const int palette[5][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}, {0, 0, 0}};
     std::string letters;
-    for (const auto& c : centres) {
-        const int x = c[0] * r.width / 4;
-        const int y = c[1] * r.height / 4;
-        long sum[3] = {0, 0, 0};
-        for (int dy = -1; dy <= 1; ++dy) {
-            for (int dx = -1; dx <= 1; ++dx) {
-                const uint8_t* p = r.At(std::min(std::max(x + dx, 0), r.width - 1),
-                                        std::min(std::max(y + dy, 0), r.height - 1));
-                for (int k = 0; k < 3; ++k) sum[k] += p[2 - k];
-            }
+    for (const auto& [qx, qy] : {std::pair{1, 1}, {3, 1}, {3, 3}, {1, 3}}) {  // in quarters
+        int sum[3] = {0, 0, 0};
+        for (int d = 0; d < 9; ++d) {
+            const uint8_t* p = r.At(std::clamp(qx * r.width / 4 + d % 3 - 1, 0, r.width - 1),
+                                    std::clamp(qy * r.height / 4 + d / 3 - 1, 0, r.height - 1));
+            for (int k = 0; k < 3; ++k) sum[k] += p[2 - k];
         }
         long best = -1;
-        char letter = '?';
-        for (const auto& colour : palette) {
+        char chosen = '?';
+        for (int c = 0; c < 5; ++c) {
             long d = 0;
             for (int k = 0; k < 3; ++k)
-                d += (sum[k] / 9 - colour.rgb[k]) * (sum[k] / 9 - colour.rgb[k]);
+                d += (sum[k] / 9 - palette[c][k]) * (sum[k] / 9 - palette[c][k]);
             if (best < 0 || d < best) {
                 best = d;
-                letter = colour.letter;
+                chosen = "RGBWK"[c];
             }
         }
-        letters.push_back(letter);
+        letters.push_back(chosen);
     }
     return letters;
 }
@@ -107,32 +88,16 @@ Raster CropCentre(const Raster& in, int width, int height) {
 }
 
 bool ReadPng(const std::string& path, Raster* out) {
-    png_image image;
-    std::memset(&image, 0, sizeof(image));
+    png_image image{};
     image.version = PNG_IMAGE_VERSION;
     if (!png_image_begin_read_from_file(&image, path.c_str())) return false;
     image.format = PNG_FORMAT_BGRA;
-    std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(image));
-    if (!png_image_finish_read(&image, nullptr, pixels.data(), 0, nullptr)) {
-        png_image_free(&image);
-        return false;
-    }
     out->width = static_cast<int>(image.width);
     out->height = static_cast<int>(image.height);
-    out->pixels.swap(pixels);
-    return true;
-}
-
-std::string PngChunk(const std::string& type, const std::string& data) {
-    const std::string body = type + data;
-    const uLong crc = crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size());
-    return BigEndian(data.size(), 4) + body + BigEndian(crc, 4);
-}
-
-std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest) {
-    const std::string ihdr =
-        BigEndian(width, 4) + BigEndian(height, 4) + std::string("\x08\x02\0\0\0", 5);
-    return std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + rest;
+    out->pixels.resize(PNG_IMAGE_SIZE(image));
+    if (png_image_finish_read(&image, nullptr, out->pixels.data(), 0, nullptr)) return true;
+    png_image_free(&image);
+    return false;
 }
 
 }  // namespace qrbtest

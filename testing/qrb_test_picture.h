@@ -1,5 +1,4 @@
-// Pictures for tests: rasters as the library makes them (bytes blue, green, red, alpha), the
-// picture decoder's output as an owned raster, PNG files read with libpng, and hand-assembled PNG chunks for hostile files.
+// Rasters as the library makes them (bytes blue, green, red, alpha) for tests.
 #ifndef QRB_TESTING_PICTURE_H
 #define QRB_TESTING_PICTURE_H
 
@@ -28,25 +27,17 @@ struct Raster {
 // sets bModeFlag and bDecoderFlag, as the getters other than picture mode 1 ask.
 Raster DecodePicture(const std::string& url, int width, int height, bool forceFull = false,
                      bool decoderFlags = false);
-// A copy of an image's pixels; of an item's only image (empty for no item or several images).
-Raster RasterOf(const CQRBThumbImage& image);
+// A copy of an item's only image (empty for no item or several images).
 Raster RasterOf(const boost::intrusive_ptr<CQRBThumbnailItem>& item);
 // Pixels of a result buffer of width x height.
 Raster RasterOf(const std::string& bytes, int width, int height);
-// For pictures of four coloured quadrants: the colour nearest the mean of a 3 x 3 patch at the
-// centre of each quadrant, as letters clockwise from the top left (R red, G green, B blue,
-// W white, K black). An upright qrbtest::JpegPattern::kQuadrants picture reads "RGWB".
+// The colours nearest each quadrant's centre, clockwise from the top left, as letters (R, G, B,
+// W white, K black): an upright qrbtest::JpegPattern::kQuadrants picture reads "RGWB".
 std::string Quadrants(const Raster& r);
 // The centre width x height of a raster (the raster itself when it is not larger both ways).
 Raster CropCentre(const Raster& in, int width, int height);
-
 // A file read with libpng's simplified API, in the decoder's byte order.
 bool ReadPng(const std::string& path, Raster* out);
-
-// One PNG chunk with a correct checksum; a signature and an 8-bit RGB header of the given
-// size followed by rest.
-std::string PngChunk(const std::string& type, const std::string& data);
-std::string PngWithHeader(uint32_t width, uint32_t height, const std::string& rest);
 
 }  // namespace qrbtest
 

@@ -1,9 +1,5 @@
-// HEIF, AVIF, WebP, GIF and TIFF through the one picture entry (GetThumbnailBuffer), from files
-// made by heif-enc, cwebp, img2webp, ImageMagick, exiftool and vips
-// (testdata/make_format_fixtures.sh), and from HEIF files the tests write with libheif where no
-// tool makes them: turned by irot or mirrored by imir, or with a thumbnail that differs from the
-// picture so that the test can see which one was decoded.
-#include "image-decoder/qrb_picture_reader.h"
+// HEIF, AVIF, WebP, GIF and TIFF fixtures, and HEIF files no tool makes (irot/imir, a thumbnail
+// unlike the picture) written with libheif.
 #include "image-decoder/qrb_picture_test_support.h"
 
 #include "qrb_test_jpeg_writer.h"
@@ -13,12 +9,9 @@
 #include <libheif/heif.h>
 
 #include <algorithm>
-#include <array>
-#include <functional>
 #include <string>
 
-// x265, which only these tests use (libheif's HEVC encoder, to write HEIF files), keeps a few
-// kilobytes per encoder until the process ends; LeakSanitizer builds are told it is not ours.
+// x265 (libheif's HEVC encoder, used only here) keeps a few kilobytes per encoder to the end.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libx265.so\n"; }
 
 namespace {
@@ -26,42 +19,31 @@ namespace {
 using namespace qrbpicturetest;
 using qrbtest::Quadrants;  // quadrant centres clockwise from the top left: upright is "RGWB"
 
-using Rgb = std::array<uint8_t, 3>;
-using PixelFn = std::function<Rgb(int x, int y, int w, int h)>;
-
-Rgb Quad(int x, int y, int w, int h) {
-    static const Rgb colours[4] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
-    return colours[(y >= h / 2) * 2 + (x >= w / 2)];
-}
-PixelFn Solid(Rgb c) {
-    return [c](int, int, int, int) { return c; };
-}
-
-heif_image* HeifPicture(int w, int h, const PixelFn& pixel) {
+// 640 x 480: the quadrants, or black.
+heif_image* HeifPicture(bool quadrants) {
+    static const uint8_t colours[4][3] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {255, 255, 255}};
     heif_image* image = nullptr;
-    heif_image_create(w, h, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image);
-    heif_image_add_plane(image, heif_channel_interleaved, w, h, 8);
+    heif_image_create(640, 480, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image);
+    heif_image_add_plane(image, heif_channel_interleaved, 640, 480, 8);
     int stride = 0;
     uint8_t* rows = heif_image_get_plane(image, heif_channel_interleaved, &stride);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const Rgb c = pixel(x, y, w, h);
-            std::copy(c.begin(), c.end(), rows + static_cast<size_t>(y) * stride + x * 3);
-        }
+    for (int y = 0; y < 480; ++y)
+        for (int x = 0; x < 640; ++x)
+            for (int k = 0; k < 3; ++k)
+                rows[y * stride + x * 3 + k] =
+                    quadrants ? colours[(y >= 240) * 2 + (x >= 320)][k] : 0;
     return image;
 }
 
-// A 640 x 480 HEIC of the quadrants recorded with `orientation` (irot/imir), with a black
-// thumbnail fitting thumbBox when that is non-zero. Empty when libheif refused.
-std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientation,
-                     int thumbBox = 0) {
-    const std::string path = scratch.Path() + "/" + name;
+// The quadrants recorded with `orientation` and a black thumbnail fitting thumbBox (0: none).
+std::string MakeHeic(ScratchRoot& scratch, int orientation, int thumbBox) {
+    const std::string path = scratch.Path() + "/o.heic";
     heif_context* ctx = heif_context_alloc();
     heif_encoder* encoder = nullptr;
     heif_encoding_options* options = heif_encoding_options_alloc();
     options->image_orientation = static_cast<heif_orientation>(orientation);
-    heif_image* picture = HeifPicture(640, 480, Quad);
-    heif_image* thumb = HeifPicture(640, 480, Solid({0, 0, 0}));
+    heif_image* picture = HeifPicture(true);
+    heif_image* thumb = HeifPicture(false);
     heif_image_handle* handle = nullptr;
     heif_image_handle* thumbHandle = nullptr;
     const bool ok =
@@ -83,43 +65,17 @@ std::string MakeHeic(ScratchRoot& scratch, const std::string& name, int orientat
     return ok ? "file://" + path : std::string();
 }
 
-TEST(PictureFormatTest, FirstBytesNameTheFormat) {
-    const std::pair<std::string, QRBPictureFormat> rows[] = {
-        // The files of every fixture say who they are; these forms only the tests show.
-        {std::string("MM\0*\0\0\0\x08", 8), QRBPictureFormat::kTiff},
-        {std::string("II+\0\x08\0\0\0", 8), QRBPictureFormat::kTiff},  // BigTIFF
-        // The same containers holding a video, a song or a sound are no picture.
-        {std::string("\0\0\0\030ftypisom\0\0\002\0isommp41", 24), QRBPictureFormat::kOther},
-        {std::string("RIFF\x24\0\0\0WAVEfmt ", 16), QRBPictureFormat::kOther},
-        {"GIF8", QRBPictureFormat::kOther},  // too short to tell
-    };
-    for (const auto& [head, want] : rows)
-        EXPECT_EQ(want, QRBSniffPictureFormat(reinterpret_cast<const unsigned char*>(head.data()),
-                                              head.size()))
-            << head;
-}
-
-// Every fixture at 160 x 120: its quadrants as stored, the orientation it records (1 and none
-// are both upright), and for *_alpha files, alpha 255, 128, 0, 255 by quadrant (GIF: all or
-// nothing, 255, 255, 0, 255).
+// Every fixture at 160 x 120: quadrants, orientation, alpha 255, 128 (GIF: 255), 0, 255.
 TEST(PictureFormatTest, EveryFixtureDecodesAsStoredAtTheRequestedSize) {
-    const std::pair<const char*, int> files[] = {
-        {"quad.heic", 0},         {"quad_thumb.heic", 0},
-        {"quad_alpha.heic", 0},   {"quad_10bit.heic", 0},
-        {"quad.avif", 0},         {"quad_alpha.avif", 0},
-        {"quad.webp", 0},         {"quad_lossless.webp", 0},
-        {"quad_alpha.webp", 0},   {"quad_lossy_alpha.webp", 0},
-        {"quad_orient6.webp", 6}, {"quad_anim.webp", 0},
-        {"quad.gif", 0},          {"quad_interlaced.gif", 0},
-        {"quad_alpha.gif", 0},    {"quad_anim.gif", 0},
-        {"quad.tif", 0},          {"quad_lzw.tif", 0},
-        {"quad_tiled.tif", 0},    {"quad_jpeg.tif", 0},
-        {"quad_16bit.tif", 0},    {"quad_cmyk.tif", 0},
-        {"quad_alpha.tif", 0},    {"quad_orient6.tif", 6},
-        {"quad_pyramid.tif", 0},  {"quad_subifd.tif", 0},
-    };
-    for (const auto& [file, orientation] : files) {
-        const std::string name = file;
+    for (const std::string name :
+         {"quad.heic",        "quad_thumb.heic",       "quad_alpha.heic",   "quad_10bit.heic",
+          "quad.avif",        "quad_alpha.avif",       "quad.webp",         "quad_lossless.webp",
+          "quad_alpha.webp",  "quad_lossy_alpha.webp", "quad_orient6.webp", "quad_anim.webp",
+          "quad.gif",         "quad_interlaced.gif",   "quad_alpha.gif",    "quad_anim.gif",
+          "quad.tif",         "quad_lzw.tif",          "quad_tiled.tif",    "quad_jpeg.tif",
+          "quad_16bit.tif",   "quad_cmyk.tif",         "quad_alpha.tif",    "quad_orient6.tif",
+          "quad_pyramid.tif", "quad_subifd.tif"}) {
+        const int orientation = name.find("orient6") != std::string::npos ? 6 : 0;
         const Raster r = DecodePicture(Fixture(name), 160, 120);
         ASSERT_EQ(160 * 120, r.width * r.height) << name;
         EXPECT_EQ(std::max(orientation, 1), std::max(r.orientation, 1)) << name;
@@ -168,22 +124,8 @@ TEST(PictureFormatTest, GifFrameSitsOnItsCanvasWithTheRestTransparent) {
     EXPECT_EQ("RGWB", Quadrants(inner));
 }
 
-TEST(PictureFormatTest, HeifThumbnailServesRequestsUnderTwiceItsSize) {
-    ScratchRoot scratch;
-    const std::string url = MakeHeic(scratch, "thumb.heic", 1, 200);  // a 200 x 150 thumbnail
-    ASSERT_FALSE(url.empty());
-    EXPECT_EQ("RGWB", Quadrants(DecodePicture(url, 160, 120, true))) << "forceFull skips it";
-    const struct {
-        int w, h;
-        const char* want;
-    } rows[] = {{160, 120, "KKKK"}, {399, 299, "KKKK"}, {400, 299, "RGWB"}, {0, 0, "RGWB"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(row.want, Quadrants(DecodePicture(url, row.w, row.h))) << row.w;
-}
-
 TEST(PictureFormatTest, TiffReducedPageThatServesIsDecodedInsteadOfThePicture) {
-    // The picture, then reduced pages: black at half size, a red square that is not the same
-    // picture, and blue at a quarter.
+    // Reduced pages: black at half size, a red square (another picture), blue at a quarter.
     const std::string url = Fixture("quad_pages.tif");
     EXPECT_EQ("RGWB", Quadrants(DecodePicture(url, 160, 120, true))) << "forceFull skips them";
     const struct {
@@ -205,22 +147,25 @@ TEST(PictureFormatTest, TiffReducedPageThatServesIsDecodedInsteadOfThePicture) {
     }
 }
 
-TEST(PictureFormatTest, HeifTransformsAreAppliedWhileDecoding) {
+// irot/imir are applied while decoding; a black 200 x 150 thumbnail serves under twice its size.
+TEST(PictureFormatTest, HeifTransformsAndThumbnail) {
     ScratchRoot scratch;
     const struct {
-        int orientation, w, h;
+        int orientation, thumbBox, reqW, reqH, forceFull, w, h;
         const char* want;
     } rows[] = {
-        {2, 640, 480, "GRBW"},  // imir: left and right swapped
-        {3, 640, 480, "WBRG"},  // irot 180
-        {6, 480, 640, "BRGW"},  // a quarter turn clockwise
-        {8, 480, 640, "GWBR"},  // a quarter turn counter-clockwise
+        {2, 0, 0, 0, false, 640, 480, "GRBW"},    // imir: left and right swapped
+        {6, 0, 0, 0, false, 480, 640, "BRGW"},    // a quarter turn clockwise
+        {1, 200, 399, 299, false, 0, 0, "KKKK"},  // 0: size not checked
+        {1, 200, 160, 120, true, 0, 0, "RGWB"},  {1, 200, 400, 299, false, 0, 0, "RGWB"},
+        {1, 200, 0, 0, false, 640, 480, "RGWB"},
     };
     for (const auto& row : rows) {
-        const Raster r = DecodePicture(MakeHeic(scratch, "o.heic", row.orientation), 0, 0);
-        EXPECT_EQ(row.w * 10000 + row.h, r.width * 10000 + r.height) << row.orientation;
+        const std::string url = MakeHeic(scratch, row.orientation, row.thumbBox);
+        const Raster r = DecodePicture(url, row.reqW, row.reqH, row.forceFull);
+        EXPECT_TRUE(!row.w || row.w * 10000 + row.h == r.width * 10000 + r.height) << r.width;
         EXPECT_EQ(0, r.orientation) << "nothing is left to turn";
-        EXPECT_EQ(row.want, Quadrants(r)) << row.orientation;
+        EXPECT_EQ(row.want, Quadrants(r)) << row.orientation << " at " << row.reqW;
     }
 }
 

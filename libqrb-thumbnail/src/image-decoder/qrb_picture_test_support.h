@@ -1,5 +1,4 @@
-// The picture decoder's tests' shared helpers: the fixture folders, and files patched to
-// declare sizes they do not hold.
+// The picture decoder tests' helpers: fixture paths, files declaring sizes they do not hold.
 #ifndef QRB_PICTURE_TEST_SUPPORT_H
 #define QRB_PICTURE_TEST_SUPPORT_H
 
@@ -11,18 +10,13 @@
 
 namespace qrbpicturetest {
 
-using qrbtest::DecodePicture;
-using qrbtest::LittleEndian;
-using qrbtest::Raster;
-using qrbtest::ReadFileBytes;
-using qrbtest::ScratchRoot;
+using namespace qrbtest;
 
-// A picture of testdata/make_picture_fixtures.sh (JPEG, PNG) as a path.
+// A file of testdata/make_picture_fixtures.sh as a path, of make_format_fixtures.sh as a URL.
 inline std::string PictureFixture(const std::string& name) {
     return std::string(QRB_PICTURE_FIXTURE_DIR) + "/" + name;
 }
 
-// A picture of testdata/make_format_fixtures.sh (HEIF, AVIF, WebP, GIF, TIFF) as a URL.
 inline std::string Fixture(const std::string& name) {
     return std::string("file://") + QRB_FORMAT_FIXTURE_DIR + "/" + name;
 }
@@ -41,8 +35,7 @@ inline std::string JpegDeclaring(std::string bytes, int w, int h) {
     return std::string();
 }
 
-// A BMP with a 40-byte info header declaring w x h at bpp, a grey palette (entry i is i, i, i)
-// up to 8 bits, then data; the file and image sizes are left 0 (unknown).
+// A BMP with a 40-byte info header, a grey palette up to 8 bits, data, sizes left 0 (unknown).
 inline std::string BmpFile(int32_t w, int32_t h, uint32_t bpp, uint32_t compression,
                            const std::string& data) {
     std::string palette;

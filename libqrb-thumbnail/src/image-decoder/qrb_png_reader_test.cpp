@@ -1,5 +1,4 @@
-// The PNG path: the PngSuite corpus (every colour type, depth, interlace and transparency)
-// against its expected pixels, large files reduced on the fly, and broken files.
+// The PNG path: broken files, large files reduced row by row, PngSuite against its pixels.
 #include "image-decoder/qrb_image_decoder.h"
 #include "image-decoder/qrb_picture_test_support.h"
 
@@ -8,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,15 +43,11 @@ TEST_F(PngReaderTest, BrokenFilesFailAndSayWhy) {
         EXPECT_TRUE(DecodePicture(Write(c.bytes), 80, 60).Empty()) << c.logged;
         EXPECT_TRUE(log.Contains(c.logged)) << c.logged;
     }
-    // Every cut before the last image data fails; the end chunk itself is not needed.
-    const size_t end = good.rfind("IEND") - 4;
-    for (size_t n = 2; n < end; n += 37)
-        EXPECT_TRUE(DecodePicture(Write(good.substr(0, n)), 40, 30).Empty()) << n;
-    EXPECT_FALSE(DecodePicture(Write(good.substr(0, end)), 40, 30).Empty());
+    // The end chunk itself is not needed.
+    EXPECT_FALSE(DecodePicture(Write(good.substr(0, good.rfind("IEND") - 4)), 40, 30).Empty());
 }
 
-// 12 megapixels, over the 8-megapixel plane limit: a one-pixel checkerboard top left (its box
-// mean is mid grey), red top right, white bottom right, green bottom left.
+// Over the 8-megapixel plane limit: the checkerboard top left averages to mid grey.
 TEST_F(PngReaderTest, LargePicturesAreReducedRowByRow) {
     for (const char* file : {"checker_4000x3000.png", "checker_4000x3000_interlaced.png"}) {
         const Raster img = DecodePicture("file://" + PictureFixture(file), 400, 300);
@@ -60,22 +57,16 @@ TEST_F(PngReaderTest, LargePicturesAreReducedRowByRow) {
     }
 }
 
+// Every number in a JSON file, in order.
 std::vector<int> JsonNumbers(const std::string& path) {
-    std::vector<int> values;
-    int current = -1;
-    for (char c : ReadFileBytes(path) + " ") {
-        if (c >= '0' && c <= '9') {
-            current = (current < 0 ? 0 : current * 10) + (c - '0');
-        } else if (current >= 0) {
-            values.push_back(current);
-            current = -1;
-        }
-    }
-    return values;
+    std::string text = ReadFileBytes(path);
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < '0' || c > '9'; }, ' ');
+    std::istringstream in(text);
+    return std::vector<int>(std::istream_iterator<int>(in), std::istream_iterator<int>());
 }
 
-// Each file at twice its size (the planar packer then samples the nearest pixel: output
-// (2x, 2y) is picture (x, y)) against its expected pixels.
+// Each file at twice its size (output (2x, 2y) is picture (x, y)) against its expected pixels.
 TEST(PngCorpusTest, PngSuiteMatchesItsExpectedPixelsAndBrokenFilesFail) {
     QRB_REQUIRE_CORPUS(corpus);
     const std::string dir = corpus + "/lunapaint-pngsuite/";
@@ -93,8 +84,7 @@ TEST(PngCorpusTest, PngSuiteMatchesItsExpectedPixelsAndBrokenFilesFail) {
         const int w = probe.GetPictureWidth(), h = probe.GetPictureHeight();
         const Raster img = DecodePicture(url, 2 * w, 2 * h);
         ASSERT_EQ(4 * w * h, img.width * img.height) << name;
-        // 16-bit files are held to within one step of their 8-bit rendering (or of their
-        // 16-bit expectations brought to 8 bits).
+        // 16-bit files: within one step of their 8-bit rendering.
         std::vector<int> want = JsonNumbers(dir + "json/" + stem + "_to8.json");
         bool sixteen = !want.empty();
         if (!sixteen) want = JsonNumbers(dir + "json/" + stem + ".json");

@@ -1,4 +1,4 @@
-// The size-bounded first-in-first-out cache of results, and the result item it holds.
+// The size-bounded first-in-first-out result cache and its items.
 #include "qrb_thumb_cache.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ ItemPtr Item(const std::string& url, int bytes, int width = 1) {
 
 TEST(ThumbCacheTest, AdmissionEvictsTheOldestUntilTheNewItemFits) {
     const struct {
-        std::vector<int> mib;  // items "a", "b", ... inserted in this order, each looked up
+        std::vector<int> mib;  // items "a", "b", ... inserted in order, "a" looked up after each
         std::string kept;
     } cases[] = {
         {{4, 4, 4}, "bc"},  // the third evicts the first, though it was looked up; 8 MiB left
@@ -41,26 +41,17 @@ TEST(ThumbCacheTest, AdmissionEvictsTheOldestUntilTheNewItemFits) {
         }
         std::string kept;
         long long total = 0;
-        for (size_t i = 0; i < c.mib.size(); ++i) {
-            if (!cache.Get(0, std::string(1, 'a' + i), out)) continue;
-            kept += static_cast<char>('a' + i);
-            total += c.mib[i] * kMiB;
-        }
+        for (size_t i = 0; i < c.mib.size(); ++i)
+            if (cache.Get(0, std::string(1, 'a' + i), out)) {
+                kept += static_cast<char>('a' + i);
+                total += c.mib[i] * kMiB;
+            }
         EXPECT_EQ(c.kept, kept);
         EXPECT_EQ(total, cache.TotalSize()) << c.kept;
     }
-    // Two items of one URL: a lookup finds the older.
-    CQRBThumbCache cache;
-    ASSERT_TRUE(cache.Create());
-    const ItemPtr first = Item("a", 5 * kMiB);
-    cache.Insert(first);
-    cache.Insert(Item("a", 5 * kMiB));
-    ItemPtr out;
-    ASSERT_TRUE(cache.Get(0, "a", out));
-    EXPECT_EQ(first, out);
 }
 
-TEST(ThumbCacheTest, SizedLookupAndClear) {
+TEST(ThumbCacheTest, SizedLookupOlderFirstAndClear) {
     CQRBThumbCache cache;
     ASSERT_TRUE(cache.Create());
     const ItemPtr item = Item("pic", 100, 32);
@@ -68,21 +59,23 @@ TEST(ThumbCacheTest, SizedLookupAndClear) {
     item->SetData(std::string(50, 'd'));
     cache.Insert(item);
     EXPECT_EQ(250, cache.TotalSize()) << "data and every image";
+    cache.Insert(Item("pic", 0, 32));
     ItemPtr out;
     EXPECT_TRUE(cache.Get(0, "pic", 32, 1, out));
+    EXPECT_EQ(item, out) << "of two items of one URL, the older";
     EXPECT_FALSE(cache.Get(0, "pic", 16, 1, out));
     EXPECT_FALSE(cache.Get(5, "pic", 32, 1, out)) << "the id is part of the key";
     out.reset();
-    cache.ClearAll();
+    cache.ClearAll();  // the cache lets go of the item
     EXPECT_EQ(1, item->RefCount());
     EXPECT_EQ(0, cache.TotalSize());
 }
 
 TEST(ThumbnailItemTest, HoldsAtMostFiveImagesAndAZeroFilledPreset) {
     ItemPtr item(new CQRBThumbnailItem);
-    for (int i = 0; i < 5; ++i) EXPECT_TRUE(item->AddImage(nullptr));
+    for (int i = 0; i < 5; ++i) item->AddImage(nullptr);
     EXPECT_FALSE(item->AddImage(nullptr));
-    ASSERT_TRUE(item->SetBufferPreset("long preset text"));
+    item->SetBufferPreset("long preset text");
     ASSERT_TRUE(item->SetBufferPreset("short"));
     EXPECT_EQ(0, std::memcmp(item->GetPreset(), "short\0\0\0\0\0\0", 12));
 }
