@@ -25,8 +25,7 @@ std::string FullBox(const std::string& type, int version, uint32_t flags,
 std::string IlocBox(const IlocLayout& l, const std::vector<IlocEntry>& entries) {
     std::string p;
     p += BigEndian(static_cast<uint64_t>((l.offsetSize << 4) | l.lengthSize), 1);
-    p += BigEndian(
-        static_cast<uint64_t>((l.baseOffsetSize << 4) | (l.version >= 1 ? l.indexSize : 0)), 1);
+    p += BigEndian(static_cast<uint64_t>(l.baseOffsetSize << 4), 1);
     const uint64_t count =
         l.declaredCount >= 0 ? static_cast<uint64_t>(l.declaredCount) : entries.size();
     p += BigEndian(count, l.version < 2 ? 2 : 4);
@@ -35,36 +34,13 @@ std::string IlocBox(const IlocLayout& l, const std::vector<IlocEntry>& entries) 
         if (l.version >= 1) p += BigEndian(static_cast<uint64_t>(e.method & 15), 2);
         p += BigEndian(e.dataReference, 2);
         p += BigEndian(e.baseOffset, l.baseOffsetSize);
-        const uint64_t extents =
-            e.declaredExtents >= 0 ? static_cast<uint64_t>(e.declaredExtents) : e.extents.size();
-        p += BigEndian(extents, 2);
+        p += BigEndian(e.extents.size(), 2);
         for (const IlocExtent& x : e.extents) {
-            if (l.version >= 1 && l.indexSize > 0) p += BigEndian(x.index, l.indexSize);
             p += BigEndian(x.offset, l.offsetSize);
             p += BigEndian(x.length, l.lengthSize);
         }
     }
     return FullBox("iloc", l.version, 0, p);
-}
-
-std::string InfeBox(int version, uint32_t id, const std::string& name,
-                    const std::string& contentType) {
-    std::string p;
-    if (version <= 1) {
-        p = BigEndian(id, 2) + BigEndian(0, 2) + name + '\0' + contentType + '\0';
-    } else {
-        p = BigEndian(id, version == 2 ? 2 : 4) + BigEndian(0, 2) + "mime" + name + '\0' +
-            contentType + '\0';
-    }
-    return FullBox("infe", version, 0, p);
-}
-
-std::string IinfBox(int version, const std::vector<std::string>& entries, int64_t declaredCount) {
-    const uint64_t count =
-        declaredCount >= 0 ? static_cast<uint64_t>(declaredCount) : entries.size();
-    std::string p = BigEndian(count, version == 0 ? 2 : 4);
-    for (const std::string& entry : entries) p += entry;
-    return FullBox("iinf", version, 0, p);
 }
 
 std::string HdlrBox(const std::string& handler) {
@@ -83,18 +59,13 @@ std::string FtypBox() { return Box("ftyp", "isom" + BigEndian(0, 4) + "isom" + "
 
 namespace {
 
-// Splits data into n pieces of nearly equal size (the last takes the rest).
-std::vector<std::string> Pieces(const std::string& data, int n) {
-    if (n < 1 || static_cast<size_t>(n) > data.size()) {
-        throw std::invalid_argument("an item needs at least one byte per extent");
-    }
-    std::vector<std::string> pieces;
-    const size_t step = data.size() / static_cast<size_t>(n);
-    for (int i = 0; i < n; ++i) {
-        const size_t at = static_cast<size_t>(i) * step;
-        pieces.push_back(i + 1 == n ? data.substr(at) : data.substr(at, step));
-    }
-    return pieces;
+// An "infe" entry: versions 0 and 1 name and type the item directly; 2 and 3 give it the item
+// type "mime" (so that the content type is written) and 3 a 32-bit id.
+std::string InfeBox(int version, uint32_t id, const std::string& name,
+                    const std::string& contentType) {
+    return FullBox("infe", version, 0,
+                   BigEndian(id, version == 3 ? 4 : 2) + BigEndian(0, 2) +
+                       (version >= 2 ? "mime" : "") + name + '\0' + contentType + '\0');
 }
 
 // Everything but "mdat", with items in the file placed from mdatPayload on.
@@ -105,10 +76,10 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
     std::vector<IlocEntry> entries;
     std::vector<std::string> infes;
     for (const PackageItem& item : spec.items) {
-        if (item.inIdat && l.version == 0) {
-            throw std::invalid_argument("items in idat need an iloc of version 1 or 2");
+        const size_t n = static_cast<size_t>(item.extents);
+        if ((item.inIdat && l.version == 0) || n < 1 || n > item.data.size()) {
+            throw std::invalid_argument("idat needs iloc version 1 or 2, extents one byte each");
         }
-        const std::vector<std::string> pieces = Pieces(item.data, item.extents);
         std::string& store = item.inIdat ? idat : *mdat;
         IlocEntry entry;
         entry.id = item.id;
@@ -116,17 +87,14 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
         const bool based = !item.inIdat && l.baseOffsetSize > 0;
         entry.baseOffset = based ? mdatPayload : 0;
         const uint64_t origin = item.inIdat || based ? 0 : mdatPayload;
-        // Written last piece first; the table lists them first piece first.
-        std::vector<uint64_t> at(pieces.size());
-        for (size_t i = pieces.size(); i-- > 0;) {
-            at[i] = origin + store.size();
-            store += pieces[i];
-        }
-        for (size_t i = 0; i < pieces.size(); ++i) {
-            IlocExtent x;
-            x.offset = at[i];
-            x.length = pieces[i].size();
-            entry.extents.push_back(x);
+        // Nearly equal pieces (the last takes the rest), stored last first, listed first first.
+        const size_t step = item.data.size() / n;
+        entry.extents.resize(n);
+        for (size_t i = n; i-- > 0;) {
+            const std::string piece =
+                item.data.substr(i * step, i + 1 == n ? std::string::npos : step);
+            entry.extents[i] = {origin + store.size(), piece.size()};
+            store += piece;
         }
         entries.push_back(entry);
         if (!item.name.empty()) {
@@ -135,15 +103,13 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
     }
     *mdat += spec.mediaData;
 
-    std::vector<std::string> children{HdlrBox(spec.handler), IinfBox(0, infes),
+    std::string iinf = BigEndian(infes.size(), 2);
+    for (const std::string& infe : infes) iinf += infe;
+    std::vector<std::string> children{HdlrBox("cfmd"), FullBox("iinf", 0, 0, iinf),
                                       IlocBox(l, entries)};
     if (!idat.empty()) children.push_back(Box("idat", idat));
     if (spec.hasXmlBox) children.push_back(XmlBox(spec.xml));
-    const std::string meta = MetaBox(children);
-    std::string moovPayload;
-    for (const std::string& child : spec.moovChildrenBefore) moovPayload += child;
-    if (!spec.metaAtTopLevel) moovPayload += meta;
-    return FtypBox() + Box("moov", moovPayload) + (spec.metaAtTopLevel ? meta : std::string());
+    return FtypBox() + Box("moov", MetaBox(children));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// The package reader: box headers, items in every item-table layout, misplaced and hostile
-// metadata, and the extractor on real files (embedded files, files beside the package, files
-// that are no package).
+// The package reader: items in every item-table layout, misplaced and hostile metadata, and
+// the extractor on real files (embedded files, files beside the package, files that are none).
 #include "qrb_box_reader.h"
 #include "qrb_package_reader.h"
 #include "scsa_metadata_extractor.h"
@@ -28,15 +27,13 @@ using Items = std::map<std::string, std::string>;
 const std::string kUrn = "urn:dece:container:imageindex:";
 const std::string kBox = "embedded-metadata.xml";
 
-// name -> bytes of every listed item (order: the names in list order); parsed tells whether
-// package metadata was found at all.
-Items Contents(const std::string& file, bool* parsed, std::vector<std::string>* order = nullptr) {
+// name -> bytes of every listed item; parsed tells whether package metadata was found at all.
+Items Contents(const std::string& file, bool* parsed) {
     QRBMemoryByteSource source(file.data(), file.size());
     QRBPackageReader reader(source);
     *parsed = reader.Parse();
     Items out;
     for (const QRBPackageItem& item : reader.Items()) {
-        if (order) order->push_back(item.name);
         std::string bytes(static_cast<size_t>(item.length), '\0');
         if (!reader.Read(item, reinterpret_cast<uint8_t*>(&bytes[0]))) bytes = "<unreadable>";
         out[item.name] = bytes;
@@ -47,25 +44,6 @@ Items Contents(const std::string& file, bool* parsed, std::vector<std::string>* 
 // Meta children inside "moov", followed by "mdat" holding tail.
 std::string InMoov(const std::vector<std::string>& children, const std::string& tail = "") {
     return FtypBox() + Box("moov", MetaBox(children)) + Box("mdat", tail);
-}
-
-TEST(PackageReaderTest, ReadsAHandWrittenPackage) {
-    // moov(98) > meta(90): version/flags; hdlr(32) "cfmd"; iloc(30) version 0, 4-byte offset
-    // and length, item 1 at 106 for 3 bytes; xml (16) "<a/>". Then mdat(11) "abc" at 106.
-    const std::string file(
-        "\0\0\0\x62moov"
-        "\0\0\0\x5Ameta\0\0\0\0"
-        "\0\0\0\x20hdlr\0\0\0\0\0\0\0\0cfmd\0\0\0\0\0\0\0\0\0\0\0\0"
-        "\0\0\0\x1Eiloc\0\0\0\0\x44\x00\0\x01\0\x01\0\0\0\x01\0\0\0\x6A\0\0\0\x03"
-        "\0\0\0\x10xml \0\0\0\0<a/>"
-        "\0\0\0\x0Bmdatabc",
-        98 + 11);
-    bool parsed = false;
-    std::vector<std::string> order;
-    const Items items = Contents(file, &parsed, &order);
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(order, (std::vector<std::string>{kUrn + "1", kBox}));
-    EXPECT_EQ(items, (Items{{kUrn + "1", "abc"}, {kBox, "<a/>"}}));
 }
 
 TEST(PackageReaderTest, ItemsComeBackWholeInEveryTableLayout) {
@@ -86,15 +64,12 @@ TEST(PackageReaderTest, ItemsComeBackWholeInEveryTableLayout) {
                 spec.hasXmlBox = true;
                 spec.xml = "<Metadata/>";
                 spec.mediaData = std::string(64, 'M');
-                bool parsed = false;
-                std::vector<std::string> order;
-                const Items items = Contents(MakePackage(spec), &parsed, &order);
                 Items want{{"poster.jpg", "POSTER-0123456789"},
                            {"chapter", "CHAPTER-zyxwvutsrq"},
                            {kBox, "<Metadata/>"}};
                 if (version >= 1) want[kUrn + "2"] = "IDAT-abcdefgh";
-                EXPECT_TRUE(parsed && items == want && order.front() == "poster.jpg" &&
-                            order.back() == kBox)
+                bool parsed = false;
+                EXPECT_TRUE(Contents(MakePackage(spec), &parsed) == want && parsed)
                     << "iloc version " << version << ", field sizes " << s[0] << "/" << s[1] << "/"
                     << s[2] << ", " << extents << " extents";
             }
@@ -102,8 +77,8 @@ TEST(PackageReaderTest, ItemsComeBackWholeInEveryTableLayout) {
     }
 }
 
-// Where the metadata may sit, box headers and item tables whose answers are fixed; other
-// broken headers and tables are in fuzz/corpus/scsa_box, whose target checks every extent.
+// Where the metadata may sit, box headers and item tables whose answers are fixed; broken
+// headers and tables are in fuzz/corpus/scsa_box, whose target checks every extent.
 TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse) {
     const std::string data = "0123456789";  // the "mdat" payload
     IlocLayout wide;                        // version 1, 8-byte fields, base offsets
@@ -124,9 +99,6 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
         return MetaBox(
             {HdlrBox(handler), IlocBox(IlocLayout(), {entry(1, 1, {{0, 2}})}), Box("idat", "it")});
     };
-    IlocLayout manyItems = wide;
-    manyItems.version = 2;
-    manyItems.declaredCount = 0xFFFFFFFF;
     std::string crowded;
     for (uint32_t i = 0; i < QRBPackageReader::kMaxBoxesPerContainer; ++i)
         crowded += Box("free", "");
@@ -143,24 +115,23 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
         Items items;
     } cases[] = {
         // clang-format off
+        // moov > meta: hdlr "cfmd"; iloc version 0, item 1 at 106 for 3 bytes; xml; mdat "abc".
+        {"a hand-written package", std::string(
+            "\0\0\0\x62moov\0\0\0\x5Ameta\0\0\0\0\0\0\0\x20hdlr\0\0\0\0\0\0\0\0cfmd\0\0\0\0\0\0\0\0\0\0\0\0"
+            "\0\0\0\x1Eiloc\0\0\0\0\x44\x00\0\x01\0\x01\0\0\0\x01\0\0\0\x6A\0\0\0\x03\0\0\0\x10xml \0\0\0\0<a/>"
+            "\0\0\0\x0Bmdatabc", 109), true, {{kUrn + "1", "abc"}, {kBox, "<a/>"}}},
         {"meta in moov", Box("moov", metaWith("cfmd")), true, idatItem},
         {"meta at the top level", Box("moov", "") + metaWith("cfmd"), true, idatItem},
         {"another handler", Box("moov", metaWith("pict")), false, none},
         {"meta one level too deep", Box("moov", Box("udta", metaWith("cfmd"))), false, none},
         {"meta behind more boxes than a walk takes", Box("moov", crowded + metaWith("cfmd")), false, none},
         {"64-bit size", InMoov({HdlrBox("cfmd"), LargeBox("xml ", std::string(4, '\0') + "x")}), true, {{kBox, "x"}}},
-        {"a child overrunning meta ends its walk",
-         InMoov({HdlrBox("cfmd"), BoxDeclaring(1000, "iloc", std::string(20, '\0')), XmlBox("x")}), true, none},
         {"idat of size 0 runs to the end of meta",
          InMoov({HdlrBox("cfmd"), IlocBox(wide, {entry(1, 1, {{2, 3}})}), BoxDeclaring(0, "idat", "abcdef")}),
          true, {{kUrn + "1", "cde"}}},
         {"table above the size limit", InMoov({HdlrBox("cfmd"), bigTable, XmlBox("x")}), true, {{kBox, "x"}}},
-        {"base and offset wrapping around", withItems(wide, {entry(1, 0, {{UINT64_MAX - 2, 4}})}), true, none},
         {"length 0 runs to the end of the file", withItems(wide, {entry(1, 0, {{6, 0}})}), true,
          {{kUrn + "1", "6789"}}},
-        {"item count far above the entries",
-         withItems(manyItems, {entry(1, 0, {{0, 1}}), entry(2, 0, {{1, 1}})}), true,
-         {{kUrn + "1", "0"}, {kUrn + "2", "1"}}},
         {"a repeated id: the first counts", withItems(wide, {entry(1, 0, {{0, 1}}), entry(1, 0, {{5, 1}})}),
          true, {{kUrn + "1", "0"}}},
         // clang-format on
