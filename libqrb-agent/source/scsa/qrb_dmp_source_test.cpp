@@ -1,5 +1,4 @@
-// The DMP source on packages written by the tests: which paths are packages, packages with and
-// without a table of contents, documents and pictures beside the package, failures.
+// The DMP source on packages written by the tests.
 #include "qrb_dmp_source.h"
 
 #include "qrb_dmp_data.h"
@@ -22,10 +21,6 @@ namespace {
 using namespace qrbtest;
 
 const std::string kPoster("\xFF\xD8\xFF\xE0poster", 10);
-const std::string kChapter(
-    "\xFF\xD8\xFF\xE0"
-    "chapter",
-    11);
 
 class DmpSourceTest : public ::testing::Test {
 protected:
@@ -38,11 +33,11 @@ protected:
         std::free(value);
         return text;
     }
-    // The bytes of one picture, or "<none>".
-    std::string Picture(const std::string& path, int content, int image) {
+    // The bytes of the first content's picture, or "<none>".
+    std::string Picture(const std::string& path) {
         unsigned long long size = 0;
         char* buffer = nullptr;
-        if (!source.GetThumbImage(path, content, image, size, &buffer)) return "<none>";
+        if (!source.GetThumbImage(path, 0, 0, size, &buffer)) return "<none>";
         std::string bytes(buffer, static_cast<size_t>(size));
         std::free(buffer);
         return bytes;
@@ -62,23 +57,22 @@ PackageSpec BoxOnly(const std::string& title) {
     PackageSpec spec;
     spec.items = {{1, "notes.txt", "", "plain notes", false, 1},
                   {2, "poster.jpg", "image/jpeg", kPoster, false, 2},
-                  {3, "other.jpg", "", kChapter, true, 1}};
+                  {3, "other.jpg", "", "\xFF\xD8\xFF\xE0 chapter", true, 1}};
     spec.hasXmlBox = true;
     spec.xml = MetadataXml({{"TitleDisplay19", title}}, {});
     return spec;
 }
 
 TEST_F(DmpSourceTest, PackagesAreReadOnceAndTheBoxAndThePosterMakeTheContent) {
-    for (const char* name : {"b.UVA", "e.mp4", "f.uvu.bak", "dir.uvu/inner"}) {
-        const bool package = name[0] == 'b';  // by extension, whatever its case
-        EXPECT_EQ(source.MoveToIndex(root.WriteFile(name, MakePackage(BoxOnly("t")))), package)
+    for (const char* name : {"b.UVA", "f.uvu.bak", "dir.uvu/inner"}) {  // by extension, any case
+        EXPECT_EQ(source.MoveToIndex(root.WriteFile(name, MakePackage(BoxOnly("t")))), *name == 'b')
             << name;
     }
     const std::string path = root.WriteFile("movie.uvu", MakePackage(BoxOnly("Box Title")));
     ASSERT_TRUE(source.MoveToIndex(path));
     int images = -1;
     EXPECT_TRUE(Contents(path) == 1 && source.GetThumbImageCount(path, 0, images) && images == 1);
-    EXPECT_EQ(Picture(path, 0, 0), kPoster);
+    EXPECT_EQ(Picture(path), kPoster);
     EXPECT_EQ(Text("TITLE_19") + "|" + Text("TRACK_REFERENCE") + "|" + Text("FILE_PATH"),
               "Box Title|poster.jpg|" + path);
     // Stored now: asked again, the package is not read again, even once it is gone.
@@ -88,10 +82,8 @@ TEST_F(DmpSourceTest, PackagesAreReadOnceAndTheBoxAndThePosterMakeTheContent) {
     EXPECT_TRUE(log.Contains("DmpSource: Path Exists !"));
 }
 
-// A table of contents naming the box, or a document beside the package (whose poster lies
-// beside it too), gives one content; failures say why. Documents outside the package's folder
-// are refused by the package reader (its test); files that are no package, missing pictures
-// and which content comes first are tested through the SCSA getter.
+// A table of contents naming the box, or a document beside the package (its poster beside it
+// too), gives one content; failures say why.
 TEST_F(DmpSourceTest, PackagesGiveTheirContentsOrSayWhyNot) {
     root.WriteFile("side/meta.xml",
                    MetadataXml({{"ContentID", "beside"}}, {{1, 1, "", "side/poster.jpg"}}));
@@ -123,7 +115,7 @@ TEST_F(DmpSourceTest, PackagesGiveTheirContentsOrSayWhyNot) {
         EXPECT_EQ(source.MoveToIndex(path), ok) << c.log;
         EXPECT_TRUE(ok || log.Contains(c.log)) << c.log;
         EXPECT_EQ(Contents(path), ok ? 1 : 0) << c.log;
-        EXPECT_EQ(Picture(path, 0, 0), ok ? kPoster : "<none>") << c.log;
+        EXPECT_EQ(Picture(path), ok ? kPoster : "<none>") << c.log;
     }
 }
 
