@@ -17,22 +17,19 @@ std::string LargeBox(const std::string& type, const std::string& payload) {
     return BoxDeclaring(1, type, BigEndian(16 + payload.size(), 8) + payload);
 }
 
-std::string FullBox(const std::string& type, int version, uint32_t flags,
-                    const std::string& payload) {
-    return Box(type, BigEndian(static_cast<uint64_t>(version), 1) + BigEndian(flags, 3) + payload);
+std::string FullBox(const std::string& type, int version, const std::string& payload) {
+    return Box(type, BigEndian(static_cast<uint64_t>(version), 1) + BigEndian(0, 3) + payload);
 }
 
 std::string IlocBox(const IlocLayout& l, const std::vector<IlocEntry>& entries) {
     std::string p;
     p += BigEndian(static_cast<uint64_t>((l.offsetSize << 4) | l.lengthSize), 1);
     p += BigEndian(static_cast<uint64_t>(l.baseOffsetSize << 4), 1);
-    const uint64_t count =
-        l.declaredCount >= 0 ? static_cast<uint64_t>(l.declaredCount) : entries.size();
-    p += BigEndian(count, l.version < 2 ? 2 : 4);
+    p += BigEndian(entries.size(), l.version < 2 ? 2 : 4);
     for (const IlocEntry& e : entries) {
         p += BigEndian(e.id, l.version < 2 ? 2 : 4);
         if (l.version >= 1) p += BigEndian(static_cast<uint64_t>(e.method & 15), 2);
-        p += BigEndian(e.dataReference, 2);
+        p += BigEndian(0, 2);  // data reference
         p += BigEndian(e.baseOffset, l.baseOffsetSize);
         p += BigEndian(e.extents.size(), 2);
         for (const IlocExtent& x : e.extents) {
@@ -40,19 +37,19 @@ std::string IlocBox(const IlocLayout& l, const std::vector<IlocEntry>& entries) 
             p += BigEndian(x.length, l.lengthSize);
         }
     }
-    return FullBox("iloc", l.version, 0, p);
+    return FullBox("iloc", l.version, p);
 }
 
 std::string HdlrBox(const std::string& handler) {
-    return FullBox("hdlr", 0, 0, BigEndian(0, 4) + handler + std::string(12, '\0') + "meta" + '\0');
+    return FullBox("hdlr", 0, BigEndian(0, 4) + handler + std::string(12, '\0') + "meta" + '\0');
 }
 
-std::string XmlBox(const std::string& text) { return FullBox("xml ", 0, 0, text); }
+std::string XmlBox(const std::string& text) { return FullBox("xml ", 0, text); }
 
 std::string MetaBox(const std::vector<std::string>& children) {
     std::string p;
     for (const std::string& child : children) p += child;
-    return FullBox("meta", 0, 0, p);
+    return FullBox("meta", 0, p);
 }
 
 std::string FtypBox() { return Box("ftyp", "isom" + BigEndian(0, 4) + "isom" + "iso2"); }
@@ -63,7 +60,7 @@ namespace {
 // type "mime" (so that the content type is written) and 3 a 32-bit id.
 std::string InfeBox(int version, uint32_t id, const std::string& name,
                     const std::string& contentType) {
-    return FullBox("infe", version, 0,
+    return FullBox("infe", version,
                    BigEndian(id, version == 3 ? 4 : 2) + BigEndian(0, 2) +
                        (version >= 2 ? "mime" : "") + name + '\0' + contentType + '\0');
 }
@@ -105,7 +102,7 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
 
     std::string iinf = BigEndian(infes.size(), 2);
     for (const std::string& infe : infes) iinf += infe;
-    std::vector<std::string> children{HdlrBox("cfmd"), FullBox("iinf", 0, 0, iinf),
+    std::vector<std::string> children{HdlrBox("cfmd"), FullBox("iinf", 0, iinf),
                                       IlocBox(l, entries)};
     if (!idat.empty()) children.push_back(Box("idat", idat));
     if (spec.hasXmlBox) children.push_back(XmlBox(spec.xml));

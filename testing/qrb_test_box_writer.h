@@ -20,9 +20,8 @@ std::string Box(const std::string& type, const std::string& payload);
 std::string BoxDeclaring(uint32_t size, const std::string& type, const std::string& payload);
 // A box with size field 1 and the 64-bit size computed from the payload.
 std::string LargeBox(const std::string& type, const std::string& payload);
-// A box whose payload starts with a version and 24 bits of flags.
-std::string FullBox(const std::string& type, int version, uint32_t flags,
-                    const std::string& payload);
+// A box whose payload starts with a version and 24 bits of flags (0).
+std::string FullBox(const std::string& type, int version, const std::string& payload);
 
 struct IlocExtent {
     uint64_t offset = 0;
@@ -32,7 +31,6 @@ struct IlocExtent {
 struct IlocEntry {
     uint32_t id = 0;
     int method = 0;  // 0 in the file, 1 in "idat" (written for versions 1 and 2 only)
-    uint16_t dataReference = 0;
     uint64_t baseOffset = 0;
     std::vector<IlocExtent> extents;
 };
@@ -42,7 +40,6 @@ struct IlocLayout {
     int offsetSize = 4;
     int lengthSize = 4;
     int baseOffsetSize = 0;
-    int64_t declaredCount = -1;  // the item count written; -1: the number of entries
 };
 
 std::string IlocBox(const IlocLayout& layout, const std::vector<IlocEntry>& entries);
