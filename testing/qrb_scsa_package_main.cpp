@@ -26,9 +26,7 @@ int main(int argc, char** argv) {
     for (size_t at = 0; (at = title.find_first_of("&<>", at)) != std::string::npos; ++at)
         title.replace(at, 1, title[at] == '&' ? "&amp;" : title[at] == '<' ? "&lt;" : "&gt;");
     const std::string metadata =
-        MetadataXml({{"ContentID", "urn:example:content:1"},
-                     {"TitleDisplayUnlimited", title},
-                     {"Summary190", "A sample content package made for the thumbnail demo."}},
+        MetadataXml({{"ContentID", "urn:example:content:1"}, {"TitleDisplayUnlimited", title}},
                     {{0, 0, "urn:dece:container:imageindex:1", "poster.jpg"}});
     PackageSpec spec;
     spec.items = {{1, "", "image/jpeg", poster, false, 2},

@@ -22,20 +22,17 @@ std::string FullBox(const std::string& type, int version, const std::string& pay
 }
 
 std::string IlocBox(const IlocLayout& l, const std::vector<IlocEntry>& entries) {
-    std::string p;
-    p += BigEndian(static_cast<uint64_t>((l.offsetSize << 4) | l.lengthSize), 1);
-    p += BigEndian(static_cast<uint64_t>(l.baseOffsetSize << 4), 1);
-    p += BigEndian(entries.size(), l.version < 2 ? 2 : 4);
+    std::string p = BigEndian(static_cast<uint64_t>((l.offsetSize << 4) | l.lengthSize), 1) +
+                    BigEndian(static_cast<uint64_t>(l.baseOffsetSize << 4), 1) +
+                    BigEndian(entries.size(), l.version < 2 ? 2 : 4);
     for (const IlocEntry& e : entries) {
         p += BigEndian(e.id, l.version < 2 ? 2 : 4);
         if (l.version >= 1) p += BigEndian(static_cast<uint64_t>(e.method & 15), 2);
         p += BigEndian(0, 2);  // data reference
         p += BigEndian(e.baseOffset, l.baseOffsetSize);
         p += BigEndian(e.extents.size(), 2);
-        for (const IlocExtent& x : e.extents) {
-            p += BigEndian(x.offset, l.offsetSize);
-            p += BigEndian(x.length, l.lengthSize);
-        }
+        for (const IlocExtent& x : e.extents)
+            p += BigEndian(x.offset, l.offsetSize) + BigEndian(x.length, l.lengthSize);
     }
     return FullBox("iloc", l.version, p);
 }
@@ -56,8 +53,7 @@ std::string FtypBox() { return Box("ftyp", "isom" + BigEndian(0, 4) + "isom" + "
 
 namespace {
 
-// An "infe" entry: versions 0 and 1 name and type the item directly; 2 and 3 give it the item
-// type "mime" (so that the content type is written) and 3 a 32-bit id.
+// An "infe" entry: versions 2 and 3 are "mime" items, whose content type counts; 3: a 32-bit id.
 std::string InfeBox(int version, uint32_t id, const std::string& name,
                     const std::string& contentType) {
     return FullBox("infe", version,
@@ -78,12 +74,9 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
             throw std::invalid_argument("idat needs iloc version 1 or 2, extents one byte each");
         }
         std::string& store = item.inIdat ? idat : *mdat;
-        IlocEntry entry;
-        entry.id = item.id;
-        entry.method = item.inIdat ? 1 : 0;
         const bool based = !item.inIdat && l.baseOffsetSize > 0;
-        entry.baseOffset = based ? mdatPayload : 0;
         const uint64_t origin = item.inIdat || based ? 0 : mdatPayload;
+        IlocEntry entry{item.id, item.inIdat ? 1 : 0, based ? mdatPayload : 0, {}};
         // Nearly equal pieces (the last takes the rest), stored last first, listed first first.
         const size_t step = item.data.size() / n;
         entry.extents.resize(n);
@@ -94,12 +87,10 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
             store += piece;
         }
         entries.push_back(entry);
-        if (!item.name.empty()) {
+        if (!item.name.empty())
             infes.push_back(InfeBox(spec.infeVersion, item.id, item.name, item.contentType));
-        }
     }
     *mdat += spec.mediaData;
-
     std::string iinf = BigEndian(infes.size(), 2);
     for (const std::string& infe : infes) iinf += infe;
     std::vector<std::string> children{HdlrBox("cfmd"), FullBox("iinf", 0, iinf),
@@ -112,14 +103,9 @@ std::string LayOut(const PackageSpec& spec, uint64_t mdatPayload, std::string* m
 }  // namespace
 
 std::string MakePackage(const PackageSpec& spec) {
-    const IlocLayout& l = spec.layout;
-    if ((l.offsetSize != 4 && l.offsetSize != 8) || (l.lengthSize != 4 && l.lengthSize != 8)) {
-        throw std::invalid_argument("MakePackage writes offsets and lengths of 4 or 8 bytes");
-    }
     // The tables have fixed widths: their size does not depend on where "mdat" starts.
     std::string mdat;
-    const uint64_t headSize = LayOut(spec, 0, &mdat).size();
-    const std::string head = LayOut(spec, headSize + 8, &mdat);
+    const std::string head = LayOut(spec, LayOut(spec, 0, &mdat).size() + 8, &mdat);
     return head + Box("mdat", mdat);
 }
 
@@ -127,27 +113,24 @@ std::string MetadataXml(const std::vector<std::pair<std::string, std::string>>& 
                         const std::vector<PosterRef>& posters) {
     std::string xml =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<md:Metadata "
-        "xmlns:md=\"urn:example:metadata\">\n  <md:ContentMetadata>\n";
-    for (const auto& field : common) {
-        xml += "    <md:" + field.first + ">" + field.second + "</md:" + field.first + ">\n";
-    }
-    xml += "  </md:ContentMetadata>\n";
+        "xmlns:md=\"urn:example:metadata\"><md:ContentMetadata>";
+    for (const auto& f : common) xml += "<md:" + f.first + ">" + f.second + "</md:" + f.first + ">";
+    xml += "</md:ContentMetadata>";
     for (const PosterRef& p : posters) {
-        xml += "  <md:RequiredImages>\n    <md:Width>" + std::to_string(p.width) +
-               "</md:Width>\n    <md:Height>" + std::to_string(p.height) +
-               "</md:Height>\n    <md:Encoding>image/jpeg</md:Encoding>\n";
-        if (!p.trackReference.empty()) {
-            xml += "    <md:TrackReference>" + p.trackReference + "</md:TrackReference>\n";
-        }
-        xml += "    <md:Location>" + p.location + "</md:Location>\n  </md:RequiredImages>\n";
+        xml += "<md:RequiredImages><md:Width>" + std::to_string(p.width) +
+               "</md:Width><md:Height>" + std::to_string(p.height) +
+               "</md:Height><md:Encoding>image/jpeg</md:Encoding>";
+        if (!p.trackReference.empty())
+            xml += "<md:TrackReference>" + p.trackReference + "</md:TrackReference>";
+        xml += "<md:Location>" + p.location + "</md:Location></md:RequiredImages>";
     }
     return xml + "</md:Metadata>\n";
 }
 
 std::string TableOfContentsXml(const std::string& path) {
-    return "<?xml version=\"1.0\"?>\n<toc:TableOfContents xmlns:toc=\"urn:example:toc\">\n"
-           "  <toc:DescriptiveMetadata>" +
-           path + "</toc:DescriptiveMetadata>\n</toc:TableOfContents>\n";
+    return "<?xml version=\"1.0\"?>\n<toc:TableOfContents xmlns:toc=\"urn:example:toc\"><toc:"
+           "DescriptiveMetadata>" +
+           path + "</toc:DescriptiveMetadata></toc:TableOfContents>\n";
 }
 
 }  // namespace qrbtest

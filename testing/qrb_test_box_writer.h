@@ -1,7 +1,5 @@
-// Content packages for tests: single boxes (declared sizes and counts under the test's control),
-// and MakePackage: "ftyp", "moov" > "meta" (handler, item information and locations, "idat",
-// "xml "), then "mdat". Pieces of an item are stored last first: only a reader that joins
-// extents in table order gets the bytes back.
+// Content packages for tests: single boxes, and MakePackage ("ftyp", "moov" > "meta", "mdat"),
+// which stores an item's pieces last first: only extents joined in table order give it back.
 #ifndef QRB_TESTING_BOX_WRITER_H
 #define QRB_TESTING_BOX_WRITER_H
 
@@ -24,8 +22,7 @@ std::string LargeBox(const std::string& type, const std::string& payload);
 std::string FullBox(const std::string& type, int version, const std::string& payload);
 
 struct IlocExtent {
-    uint64_t offset = 0;
-    uint64_t length = 0;
+    uint64_t offset = 0, length = 0;
 };
 
 struct IlocEntry {
@@ -37,9 +34,7 @@ struct IlocEntry {
 
 struct IlocLayout {
     int version = 1;  // 0, 1 or 2
-    int offsetSize = 4;
-    int lengthSize = 4;
-    int baseOffsetSize = 0;
+    int offsetSize = 4, lengthSize = 4, baseOffsetSize = 0;
 };
 
 std::string IlocBox(const IlocLayout& layout, const std::vector<IlocEntry>& entries);
@@ -60,9 +55,8 @@ struct PackageItem {
 struct PackageSpec {
     std::vector<PackageItem> items;
     bool hasXmlBox = false;
-    std::string xml;
-    // Offset and length sizes 4 or 8; with a base offset size, items in the file are given
-    // the start of "mdat" as base. "infe" versions 2 and 3 write the content type.
+    std::string xml;  // the "xml " box's text
+    // With a base offset size, items in the file are given the start of "mdat" as base.
     IlocLayout layout;
     int infeVersion = 2;
     std::string mediaData;  // more bytes in "mdat", after the items' pieces
@@ -72,10 +66,8 @@ std::string MakePackage(const PackageSpec& spec);
 
 // A package document: the given ContentMetadata texts, one RequiredImages block per poster.
 struct PosterRef {
-    int width = 0;
-    int height = 0;
-    std::string trackReference;
-    std::string location;
+    int width = 0, height = 0;
+    std::string trackReference, location;
 };
 std::string MetadataXml(const std::vector<std::pair<std::string, std::string>>& common,
                         const std::vector<PosterRef>& posters);

@@ -1,3 +1,5 @@
+// The common utilities: files, locks, shared memory, folders, settings, ids, temporary files.
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 
 #include "qrb_test_files.h"
@@ -13,7 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <regex>
 #include <set>
 
@@ -124,13 +128,96 @@ TEST_F(QRBUtilTest, UuidsAreDistinctAndWellFormed) {
     for (int i = 0; i < 20; ++i) {
         char a[37], b[37];
         EXPECT_EQ(qrb_uuid_time(a) + qrb_uuid_random(b), 0);
-        for (const std::string& id : {std::string(a), std::string(b), CQRBUtil::GetUUID()}) {
+        const std::string g = CQRBUtil::GetUUID();
+        for (const std::string& id : {std::string(a), std::string(b), g}) {
             EXPECT_TRUE(std::regex_match(id, form)) << id;
             seen.insert(id);
         }
-        EXPECT_EQ(std::string(1, a[14]) + b[14], "14") << "time, then random";
+        EXPECT_EQ(std::string(1, a[14]) + b[14] + g[14], "144") << "time, random, random";
     }
     EXPECT_EQ(seen.size(), 60u);
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Whatever stands at a predictable name stays as it was, the file goes to the next name with
+// mode 0600, and it is gone when the object goes.
+TEST_F(QRBUtilTest, TempFilePassesOverWhatStandsAtANameAndRemovesItsFile) {
+    const std::string folder = root.Path(), first = folder + "/name1";
+    const std::string victim = root.WriteFile("victim", "precious");
+    const struct {
+        const char* what;
+        std::function<int()> plant;  // 0 on success
+    } cases[] = {
+        {"nothing", [] { return 0; }},
+        {"a file", [&] { return root.WriteFile("name1", "someone else's").empty() ? -1 : 0; }},
+        {"a link to a victim", [&] { return symlink(victim.c_str(), first.c_str()); }},
+        {"a dangling link", [&] { return symlink((folder + "/nowhere").c_str(), first.c_str()); }},
+        {"a fifo", [&] { return mkfifo(first.c_str(), 0600); }},
+    };
+    for (const auto& c : cases) {
+        unlink(first.c_str());
+        ASSERT_EQ(c.plant(), 0) << c.what;
+        const bool planted = Exists(first);
+        int counter = 0;
+        std::string path;
+        {
+            QRBTempFile file;
+            ASSERT_TRUE(file.WriteWhole(
+                [&] { return folder + "/name" + std::to_string(++counter); }, "bytes", 5));
+            path = file.Path();
+            EXPECT_EQ(path, planted ? folder + "/name2" : first) << c.what;
+            EXPECT_EQ(qrbtest::ReadFileBytes(path), "bytes") << c.what;
+            struct stat st;
+            ASSERT_EQ(stat(path.c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 0777, 0600u) << c.what;
+        }
+        EXPECT_FALSE(Exists(path)) << c.what;
+        EXPECT_EQ(Exists(first), planted) << c.what;
+        EXPECT_EQ(qrbtest::ReadFileBytes(victim), "precious") << c.what;
+        EXPECT_FALSE(Exists(folder + "/nowhere")) << c.what;
+    }
+}
+
+// A temporary file gives up when every name is taken or the folder refuses; one kept or renamed
+// stays, and one whose write fails is removed.
+TEST_F(QRBUtilTest, TempFileGivesUpStaysWhenKeptOrRenamedAndGoesWhenAWriteFails) {
+    const std::string taken = root.WriteFile("taken", "x");
+    QRBTempFile file;
+    int asked = 0;
+    EXPECT_FALSE(file.Create([&] { return ++asked, taken; }, 3));
+    EXPECT_EQ(file.Error(), EEXIST);
+    EXPECT_EQ(asked, 3);
+    EXPECT_EQ(qrbtest::ReadFileBytes(taken), "x");
+    asked = 0;  // any other failure is not retried
+    EXPECT_FALSE(file.Create([&] { return ++asked, root.Path() + "/missing/name"; }));
+    EXPECT_EQ(file.Error(), ENOENT);
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(file.Path().empty());
+    const std::string kept = root.Path() + "/kept", final = root.WriteFile("final", "old");
+    {
+        QRBTempFile a, b;
+        ASSERT_TRUE(a.CreateAt(kept) && a.Write("k", 1));
+        a.Keep();
+        ASSERT_TRUE(b.CreateAt(root.Path() + "/part") && b.Write("new", 3));
+        ASSERT_TRUE(b.RenameTo(final));
+    }
+    EXPECT_EQ(qrbtest::ReadFileBytes(kept), "k");
+    EXPECT_EQ(qrbtest::ReadFileBytes(final), "new");
+    EXPECT_FALSE(Exists(root.Path() + "/part"));
+    {  // writing to /dev/full stands for a full disk: the file that was made is removed
+        QRBTempFile full;
+        ASSERT_TRUE(full.CreateAt(root.Path() + "/full"));
+        const int device = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        ASSERT_EQ(dup2(device, full.Fd()), full.Fd());
+        close(device);
+        EXPECT_FALSE(full.Write("x", 1));
+        EXPECT_EQ(full.Error(), ENOSPC);
+    }
+    EXPECT_FALSE(Exists(root.Path() + "/full"));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// Cover art of songs. ID3 and ASF walks on byte layouts written here and on files of other
-// programs; FLAC, MP4, Ogg, Opus, WavPack and Monkey's Audio through the C interface on songs
-// made by ffmpeg (testdata/make_cover_fixtures.sh), APE tags appended from their byte layout.
-// Damaged and hostile songs are in fuzz/corpus/id3, asf and tag_cover.
+// Cover art: ID3 and ASF walks on byte layouts and other programs' files; the other containers
+// through the C interface on songs made by ffmpeg (testdata/make_cover_fixtures.sh). Damaged
+// and hostile songs are in fuzz/corpus/id3, asf and tag_cover.
 #include "id3-extractor/qrb_id3_extractor.h"
 #include "id3-extractor/qrb_music_test_support.h"
 #include "id3-extractor/qrb_tag_cover_extractor.h"
@@ -20,7 +19,6 @@
 #include <string>
 #include <vector>
 
-// Byte literals are laid out by hand, one field after another.
 // clang-format off
 namespace {
 
@@ -37,8 +35,7 @@ const std::string kPicture("BM" "tiny picture");
 
 enum Kind { kId3, kWma };
 
-// The picture (or "") of the file at path; *ret: the ID3 result code, or for ASF 0 when the
-// walk succeeded and -1 when not.
+// The picture (or "") of the file at path; *ret: the ID3 result code, or for ASF 0 or -1.
 std::string PictureOf(Kind kind, const std::string& path, int* ret) {
     if (kind == kId3) {
         QRBID3* raw = nullptr;
@@ -77,7 +74,6 @@ TEST(MusicExtractorTest, WalkGivesTheRightPictureOrNone) {
     // A 200-byte value declaring 150 bytes of picture: the picture is value bytes 50..199.
     std::string endOfValue = "\x03" + LittleEndian(150, 4) + std::string(45, '?');
     for (int i = 0; i < 150; ++i) endOfValue.push_back(static_cast<char>(i));
-    const std::string second("BM" "second");
     std::vector<std::string> count257(256, Descriptor("N", 5, LittleEndian(1, 2)));
     count257.push_back(PictureDescriptor(kPicture));
     const std::string picture227(227, 'p');  // a value of 256 bytes with its header
@@ -103,7 +99,6 @@ TEST(MusicExtractorTest, WalkGivesTheRightPictureOrNone) {
         // Over 127 bytes, the synchsafe tag size and the plain frame size read differently.
         {kId3, "tag size synchsafe, frame size plain",
          Id3Tag(3, V23Frame("APIC", ApicBody("image/jpeg", kJpegLarge))) + apicB + kAudio, 0, kJpegLarge, ""},
-        {kId3, "padding ends the walk", Id3Tag(3, apicA + std::string(12, '\0') + apicB) + kAudio, 0, kJpegA, ""},
         {kId3, "MIME type not an image", Id3Tag(3, apicA + link + apicB) + kAudio, 0, kJpegA, ""},
         {kId3, "frame larger than the tag's rest", Id3Tag(3, apicA + Bytes("TXXX" "\x00\x00\x00\xC8" "\x00\x00") +
          std::string(30, 'x') + apicB) + kAudio, 0, kJpegA, ""},
@@ -127,8 +122,8 @@ TEST(MusicExtractorTest, WalkGivesTheRightPictureOrNone) {
         {kWma, "picture is the end of the value", list({Descriptor("WM/Picture", 1, endOfValue)}), 0,
          endOfValue.substr(50), "uImageSize=150"},
         {kWma, "later picture in another object", AsfHeader({ExtContentDescription({PictureDescriptor(kPicture)}),
-                                                       ExtContentDescription({PictureDescriptor(second)})}),
-         0, second, ""},
+                                                       ExtContentDescription({PictureDescriptor(kJpegB)})}),
+         0, kJpegB, ""},
         {kWma, "value of 256 bytes", list({Descriptor("WM/Picture", 1, WmPictureValue(picture227, "image/jpeg"))}),
          0, picture227, ""},
         {kWma, "value of 257 bytes after the picture",
@@ -152,9 +147,8 @@ TEST(MusicExtractorTest, WalkGivesTheRightPictureOrNone) {
     }
 }
 
-// Files written by other programs, with the pictures their notes (corpus SOURCES.md) list: the
-// last ID3 picture wins, ID3v2.4 tags are not read, and ASF pictures over the 256-byte value
-// limit give no cover, deliberately; a small picture added to a real ASF header comes out.
+// Other programs' files, with the pictures their notes list: ID3v2.4 tags are not read, and ASF
+// pictures over the 256-byte value limit give no cover, deliberately.
 TEST(MusicCorpusTest, GivesThePictureOtherTagReadersFind) {
     QRB_REQUIRE_CORPUS(corpus);
     const struct {
@@ -168,29 +162,15 @@ TEST(MusicCorpusTest, GivesThePictureOtherTagReadersFind) {
         {kId3, "music-metadata/incomplete.mp3", 4044, "\xFF\xD8\xFF"},
         {kId3, "music-metadata/MusicBrainz - Beth Hart - Sinner's Prayer [id3v2.3].V2.mp3", 120291, "\x89PN"},
         {kId3, "music-metadata/id3v2.4.mp3", 0, ""},
-        {kWma, "jaudiotagger/testdata/test1.wma", 0, ""},
-        {kWma, "taglib/lossless.wma", 0, ""},
         {kWma, "music-metadata/asf/elephant.asf", 0, ""},
     };
-    int ret = 0;
     for (const auto& c : cases) {
+        int ret = 0;
         ASSERT_FALSE(qrbtest::ReadFileBytes(corpus + "/" + c.path).empty()) << c.path;
         const std::string picture = PictureOf(c.kind, corpus + "/" + c.path, &ret);
         EXPECT_EQ(picture.size(), c.length) << c.path;
         EXPECT_EQ(picture.substr(0, 3), c.start) << c.path;
     }
-    qrbtest::ScratchRoot root;
-    std::string file = qrbtest::ReadFileBytes(corpus + "/mutagen/silence-1.wma");
-    ASSERT_GT(file.size(), 30u);
-    // One more object in front of the header's own: header size and object count grow.
-    const std::string object = ExtContentDescription({PictureDescriptor(kPicture)});
-    uint64_t headerSize = 0;
-    for (int i = 7; i >= 0; --i) headerSize = (headerSize << 8) | static_cast<unsigned char>(file[16 + i]);
-    file.replace(16, 8, LittleEndian(headerSize + object.size(), 8));
-    file[24] = static_cast<char>(file[24] + 1);  // the object count's low byte
-    file.insert(30, object);
-    EXPECT_EQ(PictureOf(kWma, root.WriteFile("real.wma", file), &ret), kPicture);
-    EXPECT_EQ(ret, 0);
 }
 // clang-format on
 
@@ -231,14 +211,12 @@ TEST(TagCoverServiceTest, EachContainerShowsItsFrontCoverThroughTheCInterface) {
         {"song.ogg", Fixture("song.ogg"), C::kOggVorbis, "RGWB"},
         {"song.opus", Fixture("song.opus"), C::kOggOpus, "RGWB"},
         {"plain.flac", Fixture("plain.flac"), C::kFlac, ""},
-        {"plain.m4a", Fixture("plain.m4a"), C::kMp4, ""},
         {"front.wv",
          Fixture("plain.wv") + ApeTag({{"Cover Art (Back)", back}, {"Cover Art (Front)", front}}),
          C::kWavPack, "RGWB"},
         {"back.wv", Fixture("plain.wv") + ApeTag({{"Cover Art (Back)", back}}), C::kWavPack,
          "BBBB"},
         {"front.ape", monkey + ApeTag({{"Cover Art (Front)", front}}), C::kApe, "RGWB"},
-        {"none.ape", monkey, C::kApe, ""},
         {"id3.mp3", std::string("ID3\x03\0\0\0\0\0\0", 10) + zeros, C::kNone, ""},
         {"theora.ogg",
          std::string("OggS\0\x02", 6) + std::string(20, '\0') + "\x01\x09\x80theora\x03\x02" +

@@ -1,5 +1,4 @@
-// The package reader: items in every item-table layout, misplaced and hostile metadata, and
-// the extractor on real files (embedded files, files beside the package, files that are none).
+// The package reader and the extractor on packages, files beside them and files that are none.
 #include "qrb_box_reader.h"
 #include "qrb_package_reader.h"
 #include "scsa_metadata_extractor.h"
@@ -51,22 +50,17 @@ TEST(PackageReaderTest, ItemsComeBackWholeInEveryTableLayout) {
     for (int i = 0; i < 24; ++i) {  // iloc versions 0 to 2, each field size, 1 or 3 extents
         const int version = i / 8, extents = i % 2 ? 3 : 1, *s = sizes[i / 2 % 4];
         PackageSpec spec;
-        spec.layout.version = version;
-        spec.layout.offsetSize = s[0];
-        spec.layout.lengthSize = s[1];
-        spec.layout.baseOffsetSize = s[2];
+        spec.layout = IlocLayout{version, s[0], s[1], s[2]};
         spec.infeVersion = i % 4;
-        spec.items = {{1, "poster.jpg", "image/jpeg", "POSTER-0123456789", false, extents},
-                      {300, "chapter", "", "CHAPTER-zyxwvutsrq", false, extents}};
-        Items want{{"poster.jpg", "POSTER-0123456789"},
-                   {"chapter", "CHAPTER-zyxwvutsrq"},
-                   {kBox, "<Metadata/>"}};
+        spec.items = {{1, "poster.jpg", "image/jpeg", "POSTER-012", false, extents},
+                      {300, "chapter", "", "CHAPTER-zyx", false, extents}};
+        Items want{{"poster.jpg", "POSTER-012"}, {"chapter", "CHAPTER-zyx"}, {kBox, "<M/>"}};
         if (version >= 1) {
             spec.items.push_back({2, "", "", "IDAT-abcdefgh", true, extents});
             want[kUrn + "2"] = "IDAT-abcdefgh";
         }
         spec.hasXmlBox = true;
-        spec.xml = "<Metadata/>";
+        spec.xml = "<M/>";
         spec.mediaData = std::string(64, 'M');
         bool parsed = false;
         EXPECT_TRUE(Contents(MakePackage(spec), &parsed) == want && parsed) << "case " << i;
@@ -102,7 +96,6 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
                                          BigEndian(0x8880, 2) + BigEndian(0, 2) +
                                              std::string(QRBPackageReader::kMaxTableBytes, '\0'));
     const Items idatItem{{kUrn + "1", "it"}};
-    const Items none;
 
     const struct {
         const char* what;
@@ -118,9 +111,9 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
             "\0\0\0\x0Bmdatabc", 109), true, {{kUrn + "1", "abc"}, {kBox, "<a/>"}}},
         {"meta in moov", Box("moov", metaWith("cfmd")), true, idatItem},
         {"meta at the top level", Box("moov", "") + metaWith("cfmd"), true, idatItem},
-        {"another handler", Box("moov", metaWith("pict")), false, none},
-        {"meta one level too deep", Box("moov", Box("udta", metaWith("cfmd"))), false, none},
-        {"meta behind more boxes than a walk takes", Box("moov", crowded + metaWith("cfmd")), false, none},
+        {"another handler", Box("moov", metaWith("pict")), false, {}},
+        {"meta one level too deep", Box("moov", Box("udta", metaWith("cfmd"))), false, {}},
+        {"meta behind more boxes than a walk takes", Box("moov", crowded + metaWith("cfmd")), false, {}},
         {"64-bit size", InMoov({HdlrBox("cfmd"), LargeBox("xml ", std::string(4, '\0') + "x")}), true, {{kBox, "x"}}},
         {"idat of size 0 runs to the end of meta",
          InMoov({HdlrBox("cfmd"), IlocBox(wide, {entry(1, 1, {{2, 3}})}), BoxDeclaring(0, "idat", "abcdef")}),
@@ -216,7 +209,7 @@ TEST(PackageExtractorTest, ListsTypesAndReadsEmbeddedFilesWithinTheirLimits) {
     EXPECT_EQ(Picture(ok, size, buffer), "<none>");
 }
 
-TEST(PackageExtractorTest, FilesBesideThePackageStayInsideItsFolder) {
+TEST(PackageExtractorTest, FilesBesideStayInsideTheFolderAndNoPackageIsTakenForOne) {
     ScratchRoot root;
     MetaDataExtractor extractor;
     const std::string package = root.WriteFile("shelf/movie.uvu", "not read for files beside it");
@@ -240,17 +233,13 @@ TEST(PackageExtractorTest, FilesBesideThePackageStayInsideItsFolder) {
         EXPECT_EQ(extractor.GetXML(package, relative, xml), ok) << relative;
         EXPECT_EQ(xml, ok ? kJpeg : "") << relative;
     }
-}
-
-TEST(PackageExtractorTest, NoPackageIsRefusedAndAReplacedFileIsReadAgain) {
-    ScratchRoot root;
-    MetaDataExtractor extractor;
+    // Files that are no package are refused; a replaced package is read again.
     std::vector<std::string> paths = {
         root.WriteFile("text.uvu", "just some text, not boxes"),
         root.WriteFile("video.uvu", FtypBox() + Box("moov", Box("mvhd", std::string(100, '\0')))),
         root.Path(),
     };
-    // Real media files from the shared corpus, when it is there: walked, never mistaken.
+    // Real media files from the shared corpus, when it is there.
     const std::string corpus = CorpusDir() + "/androidx-media/mp4";
     for (const std::string& name : ListDir(CorpusDir().empty() ? "" : corpus, ".mp4"))
         paths.push_back(corpus + "/" + name);
@@ -259,16 +248,14 @@ TEST(PackageExtractorTest, NoPackageIsRefusedAndAReplacedFileIsReadAgain) {
         EXPECT_FALSE(extractor.GetFileList(path, files) || !files.empty()) << path;
     }
     // A new file under the name (another inode, as a rename into place makes) is read anew.
-    PackageSpec first, second;
-    first.items = {{1, "first.jpg", "", kJpeg, false, 1}};
-    second.items = {{1, "second.png", "", kPng, false, 1}};
-    const std::string path = root.WriteFile("swap.uvu", MakePackage(first));
-    std::vector<std::string> files;
-    EXPECT_TRUE(extractor.GetFileList(path, files) &&
-                files == std::vector<std::string>{"first.jpg"});
-    ASSERT_EQ(rename(root.WriteFile("swap.tmp", MakePackage(second)).c_str(), path.c_str()), 0);
-    EXPECT_TRUE(extractor.GetFileList(path, files) &&
-                files == std::vector<std::string>{"second.png"});
+    const std::string path = root.Path() + "/swap.uvu";
+    for (const std::string name : {"first.jpg", "second.jpg"}) {
+        PackageSpec spec;
+        spec.items = {{1, name, "", kJpeg, false, 1}};
+        ASSERT_EQ(rename(root.WriteFile("swap.tmp", MakePackage(spec)).c_str(), path.c_str()), 0);
+        std::vector<std::string> files;
+        EXPECT_TRUE(extractor.GetFileList(path, files) && files == std::vector<std::string>{name});
+    }
 }
 
 }  // namespace
