@@ -1,6 +1,7 @@
+// The common utilities: files, locks, shared memory, folders, settings, ids, temporary files.
+#include "qrb_temp_file.h"
 #include "qrb_util.h"
 
-#include "qrb_intrusive_ptr_base.h"
 #include "qrb_test_files.h"
 #include "qrb_test_log.h"
 #include "qrb_test_root.h"
@@ -14,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <regex>
@@ -27,7 +29,7 @@ protected:
     qrbtest::LogCapture log;
 };
 
-TEST_F(QRBUtilTest, SaveAsFileReplacesContentAndReadFileReadsItBack) {
+TEST_F(QRBUtilTest, SavedFilesReadBackAndOnesLockedByAnotherProcessAreRefusedAtOnce) {
     const std::string path = root.Path() + "/file.bin";
     ASSERT_TRUE(CQRBUtil::SaveAsFile("a much longer first content", 27, path));
     ASSERT_TRUE(CQRBUtil::SaveAsFile("short", 5, path));
@@ -37,10 +39,6 @@ TEST_F(QRBUtilTest, SaveAsFileReplacesContentAndReadFileReadsItBack) {
     EXPECT_FALSE(CQRBUtil::ReadFile(root.Path() + "/missing", content));
     EXPECT_TRUE(log.Contains("FAILED TO open"));
     EXPECT_FALSE(CQRBUtil::ReadFile(root.WriteFile("empty", ""), content));
-}
-
-TEST_F(QRBUtilTest, FileLockedByAnotherProcessIsRefusedWithoutWaiting) {
-    const std::string path = root.WriteFile("locked", "x");
     int ready[2];  // record locks exclude other processes only: the lock is taken in a child
     ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();
@@ -52,7 +50,6 @@ TEST_F(QRBUtilTest, FileLockedByAnotherProcessIsRefusedWithoutWaiting) {
     }
     char c;
     ASSERT_EQ(read(ready[0], &c, 1), 1);
-    std::string content;
     EXPECT_FALSE(CQRBUtil::ReadFile(path, content));
     EXPECT_TRUE(log.Contains("FAILED TO mReadLock"));
     EXPECT_FALSE(CQRBUtil::SaveAsFile("y", 1, path));
@@ -63,57 +60,32 @@ TEST_F(QRBUtilTest, FileLockedByAnotherProcessIsRefusedWithoutWaiting) {
     close(ready[1]);
 }
 
-// A shared-memory blob: a length word, then the bytes (which may be fewer than it says).
-void WriteBlob(const std::string& name, const std::string& blob) {
-    const int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
-    ASSERT_GE(fd, 0) << name;
-    ASSERT_EQ(write(fd, blob.data(), blob.size()), static_cast<ssize_t>(blob.size()));
-    close(fd);
-}
-
 std::string LengthWord(uint32_t length) { return std::string(reinterpret_cast<char*>(&length), 4); }
 
-TEST_F(QRBUtilTest, WriteFileMovesASharedMemoryBlobIntoAFile) {
+// A shared-memory blob (a length word, then the bytes) moves into a file; one shorter than its
+// word says stops the process before anything reaches the file.
+TEST_F(QRBUtilTest, WriteFileMovesASharedMemoryBlobIntoAFileOnlyWhenWhole) {
     const std::string name = "/qrb-util-test-" + std::to_string(getpid());
     const std::string path = root.Path() + "/from-shm";
-    WriteBlob(name, LengthWord(6) + "blob!!");
-    ASSERT_TRUE(CQRBUtil::WriteFile(name.c_str(), path.c_str()));
-    EXPECT_EQ(qrbtest::ReadFileBytes(path), "blob!!");
-    EXPECT_LT(shm_open(name.c_str(), O_RDONLY, 0), 0) << "the shared memory object is unlinked";
-    EXPECT_FALSE(CQRBUtil::WriteFile(name.c_str(), path.c_str()));
-    EXPECT_TRUE(log.Contains("shm_open"));
-}
-
-// A blob shorter than its length word says stops the process, in every build type, before
-// anything reaches the file.
-TEST_F(QRBUtilTest, CutShortSharedMemoryBlobStopsTheProcessBeforeAnythingIsWritten) {
-    const std::string name = "/qrb-util-short-" + std::to_string(getpid());
-    const std::string path = root.Path() + "/from-shm";
+    const auto put = [&](const std::string& blob) {
+        const int fd = shm_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
+        ASSERT_EQ(write(fd, blob.data(), blob.size()), static_cast<ssize_t>(blob.size()));
+        close(fd);
+    };
     for (const std::string& blob : {LengthWord(100) + std::string(93, 'b'),
                                     std::string("\x05\x00", 2), LengthWord(0xFFFFFFFFu) + "x"}) {
-        shm_unlink(name.c_str());
-        WriteBlob(name, blob);
+        put(blob);
         EXPECT_DEATH(CQRBUtil::WriteFile(name.c_str(), path.c_str()), "Assertion .* failed");
         struct stat st;
         EXPECT_NE(stat(path.c_str(), &st), 0) << "no file, not even part of one";
         shm_unlink(name.c_str());
     }
-}
-
-struct Counted : QRB_IntrusivePtr_Base<Counted> {};
-
-TEST(QRBAssertionTest, ArgumentErrorsStopTheProcessInEveryBuildType) {
-    const std::function<void()> calls[] = {
-        [] { CQRBUtil::IsFileExist(nullptr); },
-        [] { CQRBUtil::WriteFile("/qrb-none", nullptr); },
-        [] { CQRBUtil::AssignValueByCStyle(nullptr, "x"); },
-        [] {
-            Counted* object = new Counted;  // never deleted: the count never reaches zero
-            intrusive_ptr_release(object);  // 0 -> -1, without the reference it gives back
-            intrusive_ptr_add_ref(object);
-        },
-    };
-    for (const auto& call : calls) EXPECT_DEATH(call(), "Assertion .* failed");
+    put(LengthWord(6) + "blob!!");
+    ASSERT_TRUE(CQRBUtil::WriteFile(name.c_str(), path.c_str()));
+    EXPECT_EQ(qrbtest::ReadFileBytes(path), "blob!!");
+    EXPECT_LT(shm_open(name.c_str(), O_RDONLY, 0), 0) << "the shared memory object is unlinked";
+    EXPECT_FALSE(CQRBUtil::WriteFile(name.c_str(), path.c_str()));
+    EXPECT_TRUE(log.Contains("shm_open"));
 }
 
 TEST_F(QRBUtilTest, MakeDirsMakesEveryMissingFolderWithItsMode) {
@@ -139,8 +111,7 @@ TEST_F(QRBUtilTest, SettingsRoundTripThroughTheStore) {
     ASSERT_TRUE(CQRBUtil::SetVConfigValueInt("db/test/value", -42));
     ASSERT_TRUE(CQRBUtil::GetVConfigValueInt("db/test/value", &value));
     EXPECT_EQ(value, -42);
-    // Keys map to file names inside the store: "/" is kept inside the name, and names that
-    // could mean another folder are refused.
+    // Keys are file names inside the store: names that could mean another folder are refused.
     EXPECT_FALSE(CQRBUtil::SetVConfigValueInt("..", 1));
     EXPECT_FALSE(CQRBUtil::SetVConfigValueInt("bad key", 1));
     ASSERT_TRUE(CQRBUtil::SetVConfigValueInt("../inside", 7));
@@ -165,6 +136,88 @@ TEST_F(QRBUtilTest, UuidsAreDistinctAndWellFormed) {
         EXPECT_EQ(std::string(1, a[14]) + b[14] + g[14], "144") << "time, random, random";
     }
     EXPECT_EQ(seen.size(), 60u);
+}
+
+bool Exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Whatever stands at a predictable name stays as it was, the file goes to the next name with
+// mode 0600, and it is gone when the object goes.
+TEST_F(QRBUtilTest, TempFilePassesOverWhatStandsAtANameAndRemovesItsFile) {
+    const std::string folder = root.Path(), first = folder + "/name1";
+    const std::string victim = root.WriteFile("victim", "precious");
+    const struct {
+        const char* what;
+        std::function<int()> plant;  // 0 on success
+    } cases[] = {
+        {"nothing", [] { return 0; }},
+        {"a file", [&] { return root.WriteFile("name1", "someone else's").empty() ? -1 : 0; }},
+        {"a link to a victim", [&] { return symlink(victim.c_str(), first.c_str()); }},
+        {"a dangling link", [&] { return symlink((folder + "/nowhere").c_str(), first.c_str()); }},
+        {"a fifo", [&] { return mkfifo(first.c_str(), 0600); }},
+    };
+    for (const auto& c : cases) {
+        unlink(first.c_str());
+        ASSERT_EQ(c.plant(), 0) << c.what;
+        const bool planted = Exists(first);
+        int counter = 0;
+        std::string path;
+        {
+            QRBTempFile file;
+            ASSERT_TRUE(file.WriteWhole(
+                [&] { return folder + "/name" + std::to_string(++counter); }, "bytes", 5));
+            path = file.Path();
+            EXPECT_EQ(path, planted ? folder + "/name2" : first) << c.what;
+            EXPECT_EQ(qrbtest::ReadFileBytes(path), "bytes") << c.what;
+            struct stat st;
+            ASSERT_EQ(stat(path.c_str(), &st), 0);
+            EXPECT_EQ(st.st_mode & 0777, 0600u) << c.what;
+        }
+        EXPECT_FALSE(Exists(path)) << c.what;
+        EXPECT_EQ(Exists(first), planted) << c.what;
+        EXPECT_EQ(qrbtest::ReadFileBytes(victim), "precious") << c.what;
+        EXPECT_FALSE(Exists(folder + "/nowhere")) << c.what;
+    }
+}
+
+// A temporary file gives up when every name is taken or the folder refuses; one kept or renamed
+// stays, and one whose write fails is removed.
+TEST_F(QRBUtilTest, TempFileGivesUpStaysWhenKeptOrRenamedAndGoesWhenAWriteFails) {
+    const std::string taken = root.WriteFile("taken", "x");
+    QRBTempFile file;
+    int asked = 0;
+    EXPECT_FALSE(file.Create([&] { return ++asked, taken; }, 3));
+    EXPECT_EQ(file.Error(), EEXIST);
+    EXPECT_EQ(asked, 3);
+    EXPECT_EQ(qrbtest::ReadFileBytes(taken), "x");
+    asked = 0;  // any other failure is not retried
+    EXPECT_FALSE(file.Create([&] { return ++asked, root.Path() + "/missing/name"; }));
+    EXPECT_EQ(file.Error(), ENOENT);
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(file.Path().empty());
+    const std::string kept = root.Path() + "/kept", final = root.WriteFile("final", "old");
+    {
+        QRBTempFile a, b;
+        ASSERT_TRUE(a.CreateAt(kept) && a.Write("k", 1));
+        a.Keep();
+        ASSERT_TRUE(b.CreateAt(root.Path() + "/part") && b.Write("new", 3));
+        ASSERT_TRUE(b.RenameTo(final));
+    }
+    EXPECT_EQ(qrbtest::ReadFileBytes(kept), "k");
+    EXPECT_EQ(qrbtest::ReadFileBytes(final), "new");
+    EXPECT_FALSE(Exists(root.Path() + "/part"));
+    {  // writing to /dev/full stands for a full disk: the file that was made is removed
+        QRBTempFile full;
+        ASSERT_TRUE(full.CreateAt(root.Path() + "/full"));
+        const int device = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        ASSERT_EQ(dup2(device, full.Fd()), full.Fd());
+        close(device);
+        EXPECT_FALSE(full.Write("x", 1));
+        EXPECT_EQ(full.Error(), ENOSPC);
+    }
+    EXPECT_FALSE(Exists(root.Path() + "/full"));
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // The PTP manager against the simulated camera, through the real MTP client and libgphoto2.
-// Thumbnail downloads are tested through the PTP getter.
 #include "qrb_ptp_manage.h"
 
-#include "qrb_test_files.h"
 #include "qrb_test_gphoto2.h"
 #include "qrb_test_jpeg_writer.h"
 #include "qrb_test_log.h"
@@ -15,15 +13,11 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
-
-using qrbtest::PtpipResponder;
 
 struct Listing {
     std::vector<_ptp_data_item> items;
@@ -46,36 +40,37 @@ class PtpManageTest : public ::testing::Test {
 protected:
     void SetUp() override {
         qrbtest::PrepareCameraTest(root.Path());
-        qrbtest::JpegSpec spec;
-        spec.thumbWidth = 32;
-        spec.thumbHeight = 24;
-        jpeg = qrbtest::MakeJpeg(spec);
+        jpeg = qrbtest::MakeJpeg(qrbtest::JpegSpec());
         const uint32_t card = camera.AddStorage("Card");
-        const uint32_t second = camera.AddStorage("Second");
         for (const char* path : {"DCIM/100TEST/b.jpg", "DCIM/100TEST/a.jpg"})
             camera.AddPath(card, path, jpeg);
         camera.AddPath(card, "DCIM/100TEST/c.png", "png");
         camera.AddPath(card, "DCIM/100TEST/d.bmp", "BM");
         camera.AddPath(card, "DCIM/100TEST/notes.txt", "text");
+        for (const char* name : {"x/y.jpg", "..", "."})  // names that cannot be addressed
+            camera.AddFile(card, camera.Find(card, "DCIM/100TEST"), name, jpeg);
         camera.AddFolder(card, camera.Find(card, "DCIM"), "EMPTY");
-        camera.AddPath(second, "MISC/y.jpg", jpeg);
+        camera.AddPath(camera.AddStorage("Second"), "MISC/y.jpg", jpeg);
         ASSERT_TRUE(camera.Start());
         setenv("QRB_PTPIP_CAMERA", camera.Address().c_str(), 1);
     }
 
     qrbtest::ScratchRoot root;
     qrbtest::LogCapture log;
-    PtpipResponder camera;
+    qrbtest::PtpipResponder camera;
     std::string jpeg;
     CQRBPTPManage manage;
 };
 
-// Through the API: what the listing tool cannot show (the item's address and parent, a
-// callback that stops the walk, a file asked for as a folder, whose message's leading "%m"
-// expands to the errno text).
-TEST_F(PtpManageTest, ListingsStopWhereTheCallbackOrTheCameraSays) {
+// Folders first, then pictures, each by name; other files, names that cannot be addressed and
+// the second storage are not listed. A file asked for as a folder fails with a message whose
+// leading "%m" expands to the errno text; a callback answering false stops the walk.
+TEST_F(PtpManageTest, ListingsStopWhereTheCallbackOrTheCameraSaysAndTheListerShowsThem) {
     Listing all, file, stopped;
     ASSERT_TRUE(manage.GetDataItem(1, 2, &Listing::Collect, &all));
+    std::string names;
+    for (const auto& item : all.items) names += item.strName + " ";
+    EXPECT_EQ(names, "100TEST DCIM EMPTY a.jpg b.jpg c.png d.bmp ");
     const _ptp_data_item& a = all.Named("a.jpg");
     EXPECT_EQ(a.strAddress, "ptp://1/" + std::to_string(a.nObjectHandle));
     EXPECT_EQ(a.nParentHandle, all.Named("100TEST").nObjectHandle);
@@ -86,10 +81,37 @@ TEST_F(PtpManageTest, ListingsStopWhereTheCallbackOrTheCameraSays) {
     EXPECT_FALSE(manage.GetDataItem(1, 2, &Listing::Collect, &stopped));
     EXPECT_EQ(stopped.items.size(), 2u);
     EXPECT_EQ(log.Count("Error in CallBack"), 1);
+    // qrb-ptp-list as a person runs it: a folder by its handle gives a line per picture; a folder
+    // that is not there, exit status 1.
+    const auto line = [&](const char* type, const std::string& name, size_t size) {
+        const std::string handle = std::to_string(all.Named(name).nObjectHandle);
+        return std::string(type) + "\tptp://001;002;" + handle + "\t" + handle + "\t" +
+               std::to_string(size) + "\t" + name + "\n";
+    };
+    const std::pair<std::string, std::string> runs[] = {
+        {std::to_string(all.Named("100TEST").nObjectHandle),
+         line("JPEG", "a.jpg", jpeg.size()) + line("JPEG", "b.jpg", jpeg.size()) +
+             line("PNG", "c.png", 3) + line("BMP", "d.bmp", 2)},
+        {"9999", ""}};
+    for (const auto& [folder, want] : runs) {
+        // libgphoto2's drivers look leaked once unloaded (qrb_test_gphoto2.h): no leak check here.
+        const char* asan = std::getenv("ASAN_OPTIONS");
+        const std::string command = "ASAN_OPTIONS='" + std::string(asan ? asan : "") +
+                                    ":detect_leaks=0' '" QRB_PTP_LIST_BINARY "' --folder " +
+                                    folder + " 1 2 2>/dev/null";
+        FILE* pipe = popen(command.c_str(), "r");
+        ASSERT_NE(pipe, nullptr);
+        std::string out;
+        char buffer[1024];
+        while (std::fgets(buffer, sizeof(buffer), pipe) != nullptr) out += buffer;
+        EXPECT_EQ(WEXITSTATUS(pclose(pipe)), want.empty() ? 1 : 0) << folder;
+        EXPECT_EQ(out, want);
+    }
 }
 
-TEST_F(PtpManageTest, CameraIsReusedUntilAnotherIsAskedFor) {
-    PtpipResponder other;
+// The camera is reused until another is asked for; files are found by path on any storage.
+TEST_F(PtpManageTest, CameraIsReusedUntilAnotherIsAskedForAndFilesAreFoundByTheirPath) {
+    qrbtest::PtpipResponder other;
     other.AddPath(other.AddStorage("Other"), "o.jpg", jpeg);
     ASSERT_TRUE(other.Start());
     setenv("QRB_PTPIP_CAMERA", (camera.Address() + "," + other.Address()).c_str(), 1);
@@ -106,70 +128,18 @@ TEST_F(PtpManageTest, CameraIsReusedUntilAnotherIsAskedFor) {
     EXPECT_TRUE(log.Contains("nBusID or nDeviceID param error"));
     EXPECT_FALSE(manage.DownloadExif(1, 9, "5", root.Path() + "/t.jpg"));
     EXPECT_TRUE(log.Contains("Can not find camera"));
-}
-
-TEST_F(PtpManageTest, WholeFilesAreFoundByTheirPathOnAnyStorage) {
-    const struct {
-        std::string path;
-        bool found;
-    } cases[] = {
+    const std::pair<std::string, bool> cases[] = {
+        // path, found
         {"DCIM/100TEST/a.jpg", true},           {"/MISC/y.jpg", true}, {"/DCIM/100TEST", false},
         {"/DCIM/../DCIM/100TEST/a.jpg", false}, {"", false},
     };
     for (const auto& c : cases) {
         char* buffer = nullptr;
         unsigned long size = 0;
-        EXPECT_EQ(manage.DownloadFileToBuffer(1, 2, c.path, &buffer, &size), c.found) << c.path;
-        EXPECT_EQ(std::string(buffer ? buffer : "", size), c.found ? jpeg : "") << c.path;
+        EXPECT_EQ(manage.DownloadFileToBuffer(1, 2, c.first, &buffer, &size), c.second) << c.first;
+        EXPECT_EQ(std::string(buffer ? buffer : "", size), c.second ? jpeg : "") << c.first;
         std::free(buffer);
     }
-}
-
-// qrb-ptp-list, as a person runs it: each line's type, URI, handle, size and name.
-std::vector<std::vector<std::string>> RunLister(const std::string& args, int* status) {
-    // libgphoto2's drivers look leaked once unloaded (qrb_test_gphoto2.h), and the tool has no
-    // suppressions of its own: a sanitizer build's leak check is off for it.
-    const char* asan = std::getenv("ASAN_OPTIONS");
-    const std::string command = "ASAN_OPTIONS='" + std::string(asan ? asan : "") +
-                                ":detect_leaks=0' '" QRB_PTP_LIST_BINARY "' " + args +
-                                " 2>/dev/null";
-    std::vector<std::vector<std::string>> lines;
-    FILE* pipe = popen(command.c_str(), "r");
-    char buffer[1024];
-    while (pipe != nullptr && std::fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        std::istringstream in(std::string(buffer, std::strcspn(buffer, "\n")));
-        lines.emplace_back();
-        for (std::string field; std::getline(in, field, '\t');) lines.back().push_back(field);
-    }
-    *status = pipe ? pclose(pipe) : -1;
-    return lines;
-}
-
-// Folders first, then pictures, each by name; other files are not listed, and neither is
-// anything of the second storage. Each line gives the object's handle, so a folder found in
-// the whole listing can be opened with --folder.
-TEST_F(PtpManageTest, ListerShowsTheStorageInUseAndOpensAFolderByItsHandle) {
-    int status = -1;
-    std::string names, folder;
-    for (const auto& line : RunLister("1 2", &status)) {
-        ASSERT_EQ(line.size(), 5u);
-        names += line[4] + " ";
-        if (line[4] == "100TEST") folder = line[0] + " " + line[1] + " " + line[2];
-    }
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(names, "100TEST DCIM EMPTY a.jpg b.jpg c.png d.bmp ");
-    ASSERT_EQ(folder.substr(0, 9), "FOLDER - ");
-    std::string lines;
-    for (const auto& line : RunLister("--folder " + folder.substr(9) + " 1 2", &status)) {
-        lines += line[1] == "ptp://001;002;" + line[2]
-                     ? line[0] + "/" + line[4] + "/" + line[3] + " "
-                     : "?";
-    }
-    EXPECT_EQ(status, 0);
-    const std::string size = std::to_string(jpeg.size());
-    EXPECT_EQ(lines, "JPEG/a.jpg/" + size + " JPEG/b.jpg/" + size + " PNG/c.png/3 BMP/d.bmp/2 ");
-    EXPECT_TRUE(RunLister("--folder 9999 1 2", &status).empty());
-    EXPECT_EQ(WEXITSTATUS(status), 1);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Builders for the music tests' byte layouts (header-only): ID3 tags, ASF objects with 64-bit
-// little-endian sizes, and BMP pictures small enough for a "WM/Picture" value.
+// Byte layouts of songs for tests: ID3 tags, ASF objects, BMP pictures for "WM/Picture" values.
 #ifndef QRB_MUSIC_TEST_SUPPORT_H
 #define QRB_MUSIC_TEST_SUPPORT_H
 
@@ -14,8 +13,7 @@ namespace qrbmusictest {
 using qrbtest::BigEndian;
 using qrbtest::LittleEndian;
 
-// Stands in for the audio after a tag: longer than a picture frame's peek and an ID3v1 tag,
-// and not ending in "TAG".
+// Stands in for the audio after a tag: longer than a frame's peek and an ID3v1 tag, no "TAG".
 inline const std::string kAudio(600, '\x55');
 
 // ID3v2 tag of major version `major`, its synchsafe size counted from `body`.
@@ -37,10 +35,6 @@ inline std::string ApicBody(const std::string& mime, const std::string& picture)
            picture;
 }
 
-// ASF: the Extended Content Description and Data objects' GUIDs.
-inline std::string ExtContentDescriptionGuid() {
-    return std::string("\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50", 16);
-}
 inline std::string DataGuid() {
     return std::string("\x36\x26\xB2\x75\x8E\x66\xCF\x11\xA6\xD9\x00\xAA\x00\x62\xCE\x6C", 16);
 }
@@ -68,7 +62,8 @@ inline std::string Descriptor(const std::string& name, int type, const std::stri
 inline std::string ExtContentDescription(const std::vector<std::string>& descriptors) {
     std::string body = LittleEndian(descriptors.size(), 2);
     for (const auto& d : descriptors) body += d;
-    return AsfObject(ExtContentDescriptionGuid(), body);
+    return AsfObject(
+        std::string("\x40\xA4\xD0\xD2\x07\xE3\xD2\x11\x97\xF0\x00\xA0\xC9\x5E\xA8\x50", 16), body);
 }
 // A "WM/Picture" value: type, size, MIME type, an empty description, picture.
 inline std::string WmPictureValue(const std::string& picture,
