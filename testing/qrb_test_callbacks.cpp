@@ -75,7 +75,6 @@ void CallbackRecorder::m_Record(int status, _thumb_result* result, void* user_da
             }
         }
         if (result->buffer_preset != nullptr) {
-            r.hadPreset = true;
             r.preset.assign(result->buffer_preset,
                             strnlen(result->buffer_preset, QRB_THUMB_PRESET_SIZE));
             free(result->buffer_preset);

@@ -27,7 +27,6 @@ struct RecordedResult {
     std::vector<int> sizes;
     std::vector<long long> timestamps;
     std::string preset;  // empty when buffer_preset was null
-    bool hadPreset = false;
 };
 
 // Stands in for a result that did not come: status -99 and empty slots a test may index

@@ -50,12 +50,6 @@ boost::intrusive_ptr<CQRBThumbnailItem> ScriptedGetter::m_Run(const std::string&
         return m_Run(script.size() > 5 ? script.substr(5) : "ok:1x1", info);
     }
     if (StartsWith(script, "throw")) throw std::runtime_error("scripted failure");
-    if (StartsWith(script, "fail")) return nullptr;
-    if (StartsWith(script, "preset:")) {
-        auto item = t_PackImage(MakeImage(1, 1, 0));
-        item->SetBufferPreset(script.substr(7).c_str());
-        return item;
-    }
     if (StartsWith(script, "frames")) {
         boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
         for (int i = 0; i < info.FrameCount; ++i) item->AddImage(MakeImage(1, 1, i));

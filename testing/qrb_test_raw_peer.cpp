@@ -76,11 +76,6 @@ std::string RawTcpPeer::Url(const std::string& scheme, const std::string& path) 
     return scheme + "://127.0.0.1:" + std::to_string(m_Port) + path;
 }
 
-int RawTcpPeer::Accepted() const {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_Accepted;
-}
-
 bool RawTcpPeer::WaitForAccepted(int n, std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lock(m_Mutex);
     return m_Cond.wait_for(lock, timeout, [&] { return m_Accepted >= n; });

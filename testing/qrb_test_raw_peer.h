@@ -31,11 +31,9 @@ public:
     RawTcpPeer(const RawTcpPeer&) = delete;
     RawTcpPeer& operator=(const RawTcpPeer&) = delete;
 
-    int Port() const { return m_Port; }
     // "<scheme>://127.0.0.1:<port><path>".
     std::string Url(const std::string& scheme, const std::string& path) const;
 
-    int Accepted() const;
     bool WaitForAccepted(int n, std::chrono::milliseconds timeout) const;
     // Body bytes written so far, over all connections.
     long BodyBytesSent() const { return m_BodyBytes.load(); }
