@@ -135,7 +135,7 @@ count() { find "$1" -mindepth 1 -maxdepth 1 | wc -l; }
 
 # measure KEY WANTED PIN COMMAND...: runs COMMAND once under GNU time (PIN "pinned": on the first
 # processor only; "-": anywhere) with an empty $SCRATCH/out for its images, and checks that it
-# made WANTED PNGs there (a failing batch shows the end of $SCRATCH/out.log). Appends the wall time
+# made WANTED files there (a failing batch shows the end of $SCRATCH/out.log). Appends the wall time
 # to walls-KEY and the processor time to cpu-KEY, and keeps the largest peak resident memory (KiB)
 # in peak-KEY.
 measure() {
@@ -149,7 +149,7 @@ measure() {
         echo "bench: $key failed" >&2
         exit 1
     fi
-    made=$(find "$SCRATCH/out" -name '*.png' | wc -l)
+    made=$(find "$SCRATCH/out" -type f | wc -l)
     if [ "$made" -ne "$wanted" ]; then
         echo "bench: $key made $made images of $wanted" >&2
         exit 1

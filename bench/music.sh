@@ -29,7 +29,7 @@ trap 'rm -rf "$SCRATCH"' EXIT INT TERM
 QRB_ROOT=$SCRATCH/root
 QRB_LOG_LEVEL=7
 export QRB_ROOT QRB_LOG_LEVEL
-mkdir -p "$QRB_ROOT" "$SCRATCH/songs" "$SCRATCH/ours" "$SCRATCH/ffmpeg"
+mkdir -p "$QRB_ROOT" "$SCRATCH/songs"
 
 # Eight different covers in eight songs with ID3v2.3 tags, made once (bench/common.sh) and
 # shared with bench/local.sh; the corpus cycles through them under distinct names.
@@ -46,34 +46,19 @@ cover_kib=$(($(cat "$CORPUS"/cover-*.jpg | wc -c) / 8 / 1024))
 
 # Ours: one process, every song requested at once, 160 x 160 thumbnails written as PNG.
 echo "bench: qrb-thumb on $FILES songs"
-/usr/bin/time -f '%e %M' -o "$SCRATCH/ours.time" \
-    "$TOOL" -k music -s 160x160 -o "$SCRATCH/ours" "$SCRATCH"/songs/*.mp3 > "$SCRATCH/ours.log" || {
-    tail -n 5 "$SCRATCH/ours.log" >&2
-    echo "bench: qrb-thumb failed" >&2
-    exit 1
-}
-made=$(find "$SCRATCH/ours" -name '*.png' | wc -l)
-if [ "$made" -ne "$FILES" ]; then
-    echo "bench: qrb-thumb wrote $made thumbnails for $FILES songs" >&2
-    exit 1
-fi
+measure ours "$FILES" - sh -c '"$0" -k music -s 160x160 -o "$1/out" "$1"/songs/*.mp3 \
+    > "$1/out.log"' "$TOOL" "$SCRATCH"
 
 # ffmpeg: the attached picture copied out of each song, one process per song.
 echo "bench: ffmpeg -an -c:v copy on the same $FILES songs"
-/usr/bin/time -f '%e %M' -o "$SCRATCH/ffmpeg.time" sh -c '
+measure ffmpeg "$FILES" - sh -c '
     for song in "$1"/songs/*.mp3; do
-        name=$(basename "$song" .mp3)
         ffmpeg -hide_banner -loglevel error -nostdin -y -i "$song" -an -c:v copy \
-            "$1/ffmpeg/$name.jpg" || exit 1
+            "$1/out/$(basename "$song" .mp3).jpg" || exit 1
     done' sh "$SCRATCH"
-made=$(find "$SCRATCH/ffmpeg" -name '*.jpg' | wc -l)
-if [ "$made" -ne "$FILES" ]; then
-    echo "bench: ffmpeg wrote $made pictures for $FILES songs" >&2
-    exit 1
-fi
 
-read -r ours_s ours_kib < "$SCRATCH/ours.time"
-read -r ffmpeg_s ffmpeg_kib < "$SCRATCH/ffmpeg.time"
+ours_s=$(fastest ours) ours_kib=$(cat "$SCRATCH/peak-ours")
+ffmpeg_s=$(fastest ffmpeg) ffmpeg_kib=$(cat "$SCRATCH/peak-ffmpeg")
 rates=$(awk -v n="$FILES" -v a="$ours_s" -v b="$ffmpeg_s" 'BEGIN {
     if (a <= 0) a = 0.01
     if (b <= 0) b = 0.01

@@ -350,11 +350,6 @@ void PtpipResponder::SetResponseDelay(std::chrono::milliseconds delay) {
 
 std::string PtpipResponder::Address() const { return "127.0.0.1:" + std::to_string(m_Port); }
 
-int PtpipResponder::TotalOperations() const {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_TotalOperations;
-}
-
 int PtpipResponder::SessionsOpened() const {
     std::lock_guard<std::mutex> lock(m_Mutex);
     return m_Sessions;
@@ -504,10 +499,6 @@ void PtpipResponder::m_ServeCommands(int fd, uint32_t connection) {
             do {
                 if (!ReadPacket(fd, &dataType, &data)) return;
             } while (dataType != kEndData);
-        }
-        {
-            std::lock_guard<std::mutex> lock(m_Mutex);
-            ++m_TotalOperations;
         }
         if (!m_WaitDelay()) return;
 

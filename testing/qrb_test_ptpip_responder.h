@@ -1,21 +1,9 @@
-// A still-image camera on 127.0.0.1 that speaks PTP over TCP (PTP/IP), so that the MTP client
-// and everything above it run the real libgphoto2 code path without hardware.
-//
-// The camera's content is a model held in memory: storages, nested folders and files, each
-// with the bytes it serves for GetObject and, for JPEGs, the thumbnail it serves for GetThumb:
-// the file's own EXIF IFD1 thumbnail. Tests build the model with AddStorage / AddFolder /
-// AddFile / AddPath; LoadFolder copies a folder tree from disk. Object handles are the
-// camera's own numbers (from 0x10001 up), deliberately unlike the client's small ones.
-//
-// Operations served: GetDeviceInfo, OpenSession, CloseSession, GetStorageIDs, GetStorageInfo,
-// GetObjectHandles, GetObjectInfo, GetObject, GetThumb; any other operation is
+// A still-image camera on 127.0.0.1 speaking PTP over TCP (PTP/IP), so that the MTP client and
+// everything above it run libgphoto2's real code path. Its content is a model in memory
+// (storages, folders, files; a JPEG's thumbnail is its EXIF IFD1 one); handles start at 0x10001,
+// unlike the client's small ones. Operations other than the nine it lists in GetDeviceInfo are
 // answered OperationNotSupported. One thread per connection; the model and the fault knobs may
-// be changed while serving. Writes use MSG_NOSIGNAL, so a client that goes away costs no
-// SIGPIPE. Stop (and the destructor) shuts every connection down and joins every thread.
-//
-// Fault knobs: per-object thumbnail faults (a broken JPEG, a data phase whose declared length
-// lies), names as the test gives them (with "/" or ".."), a hang-up in the middle of the next
-// data phases, and a delay before every response.
+// change while serving; Stop (and the destructor) joins every thread.
 #ifndef QRB_TESTING_PTPIP_RESPONDER_H
 #define QRB_TESTING_PTPIP_RESPONDER_H
 
@@ -73,9 +61,7 @@ public:
     // "127.0.0.1:<port>", the form the MTP client's environment variable takes.
     std::string Address() const;
 
-    // What the camera has seen.
-    int TotalOperations() const;  // every operation received
-    int SessionsOpened() const;
+    int SessionsOpened() const;  // sessions the camera has seen opened
 
 private:
     struct Object;
@@ -133,7 +119,6 @@ private:
     int m_HangUps = 0;
     std::chrono::milliseconds m_Delay{0};
 
-    int m_TotalOperations = 0;
     int m_Sessions = 0;
     uint32_t m_NextConnection = 1;
     std::map<uint32_t, std::vector<int>> m_ConnectionFds;  // both channels of a client

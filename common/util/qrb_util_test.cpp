@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <regex>
 #include <set>
@@ -152,17 +151,10 @@ TEST_F(QRBUtilTest, SettingsRoundTripThroughTheStore) {
     EXPECT_TRUE(CQRBUtil::IsSupportFamilyTv());
 }
 
-TEST_F(QRBUtilTest, CurrentSystemTimeIsWallClockMilliseconds) {
-    const long long before = static_cast<long long>(time(nullptr)) * 1000;
-    const long long now = CQRBUtil::GetCurrentSystemTime();
-    EXPECT_GE(now, before - 1000);
-    EXPECT_LE(now, before + 2000);
-}
-
 TEST_F(QRBUtilTest, UuidsAreDistinctAndWellFormed) {
     const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
     std::set<std::string> seen;
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 20; ++i) {
         char a[37], b[37];
         EXPECT_EQ(qrb_uuid_time(a) + qrb_uuid_random(b), 0);
         const std::string g = CQRBUtil::GetUUID();
@@ -172,7 +164,7 @@ TEST_F(QRBUtilTest, UuidsAreDistinctAndWellFormed) {
         }
         EXPECT_EQ(std::string(1, a[14]) + b[14] + g[14], "144") << "time, random, random";
     }
-    EXPECT_EQ(seen.size(), 150u);
+    EXPECT_EQ(seen.size(), 60u);
 }
 
 }  // namespace

@@ -21,39 +21,31 @@ std::string PictureDescriptor(const std::string& picture) {
     return Descriptor("WM/Picture", QRBWMAExtractor::kTypeBytes, WmPictureValue(picture));
 }
 
-// Extracts from path; the cover ("" for none) and whether Extract succeeded.
+// The cover of the file at path ("" for none); *ok: whether Extract succeeded.
 std::string Cover(const std::string& path, bool* ok) {
     QRBWMAContentDesc* raw = nullptr;
     *ok = QRBWMAExtractor().Extract(path.c_str(), &raw);
     std::unique_ptr<QRBWMAContentDesc> desc(raw);
     if (!desc || desc->GETCOVERARTPOINTER() == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char*>(desc->GETCOVERARTPOINTER()),
-                       desc->GetCoverArtSize());
+    return std::string(reinterpret_cast<const char*>(desc->GETCOVERARTPOINTER()), desc->GetCoverArtSize());
 }
 
-// The object walk and the descriptor list: whether the list is accepted, and the cover that
-// comes out. Deliberately, only values of 256 bytes or less are accepted, and any longer value,
-// wherever it stands, takes the whole list with it; zero-sized, overflowing and oversized
-// objects end the walk.
+// Whether the descriptor list is accepted, and the cover that comes out. Deliberately, a value
+// over 256 bytes anywhere takes the whole list with it. Broken objects and descriptors (zero or
+// overflowing sizes, cut-short lists, long names) are in fuzz/corpus/asf.
 TEST(WmaExtractorTest, WalkGivesTheRightCoverOrNone) {
     qrbtest::ScratchRoot root;
     qrbtest::LogCapture log;
     const auto list = [](std::vector<std::string> d) { return AsfHeader({ExtContentDescription(d)}); };
-    std::string header30 = list({PictureDescriptor(kPicture)}), truncated = header30;
+    std::string header30 = list({PictureDescriptor(kPicture)});
     header30.replace(16, 8, LittleEndian(30, 8));  // below 31: refused
-    truncated.resize(truncated.size() - 3);
-    // A 200-byte value declaring 150 bytes of picture: the picture is value bytes 50..199,
-    // whatever the MIME type and description say.
+    // A 200-byte value declaring 150 bytes of picture: the picture is value bytes 50..199.
     std::string endOfValue = "\x03" + LittleEndian(150, 4) + std::string(45, '?');
     for (int i = 0; i < 150; ++i) endOfValue.push_back(static_cast<char>(i));
     const std::string second("BM" "second");
     std::vector<std::string> count257(256, Descriptor("N", 5, LittleEndian(1, 2)));
     count257.push_back(PictureDescriptor(kPicture));
     const std::string picture227(227, 'p');  // a value of 256 bytes with its header
-    std::string euros;  // a name of 127 euro signs, three UTF-8 bytes each
-    for (int i = 0; i < 127; ++i) euros += "\xAC\x20";
-    euros += std::string(2, '\0');
-    const std::string euroName = LittleEndian(euros.size(), 2) + euros + LittleEndian(0, 2) + LittleEndian(4, 2) + Utf16("x");
     const struct {
         const char* what;
         std::string file;
@@ -70,29 +62,16 @@ TEST(WmaExtractorTest, WalkGivesTheRightCoverOrNone) {
         {"picture is the end of the value", list({Descriptor("WM/Picture", 1, endOfValue)}), true,
          endOfValue.substr(50), "uImageSize=150"},
         {"declared picture larger than the value",
-         list({Descriptor("WM/Picture", 1, "\x03" + LittleEndian(201, 4) + std::string(195, 'p'))}),
-         true, "", ""},
-        {"a name of three-byte characters", list({euroName, PictureDescriptor(kPicture)}), true, kPicture, ""},
-        {"later picture in another object",
-         AsfHeader({ExtContentDescription({PictureDescriptor(kPicture)}),
-                    ExtContentDescription({PictureDescriptor(second)})}), true, second, ""},
+         list({Descriptor("WM/Picture", 1, "\x03" + LittleEndian(201, 4) + std::string(195, 'p'))}), true, "", ""},
+        {"later picture in another object", AsfHeader({ExtContentDescription({PictureDescriptor(kPicture)}),
+                                                       ExtContentDescription({PictureDescriptor(second)})}),
+         true, second, ""},
         {"value of 256 bytes", list({Descriptor("WM/Picture", 1, WmPictureValue(picture227, "image/jpeg"))}),
          true, picture227, ""},
         {"value of 257 bytes after the picture",
          list({PictureDescriptor(kPicture), Descriptor("WM/Lyrics", 1, std::string(257, 'l'))}), false, "",
          "Extract Fail"},
         {"257 descriptors", list(count257), true, "", "descriptor count 257 ignored"},
-        // Its size would bring the walk back to where it stands, for ever.
-        {"zero-sized object",
-         AsfHeader({DataGuid() + LittleEndian(0, 8), ExtContentDescription({PictureDescriptor(kPicture)})}),
-         true, "", "object of 0 bytes at 30"},
-        {"object size that would overflow",
-         AsfHeader({DataGuid() + LittleEndian(0xFFFFFFFFFFFFFFF0ull, 8),
-                    ExtContentDescription({PictureDescriptor(kPicture)})}), true, "", ""},
-        {"truncated descriptor", truncated, false, "", ""},
-        {"name longer than the file",
-         AsfHeader({AsfObject(ExtContentDescriptionGuid(), LittleEndian(1, 2) + LittleEndian(0xFFFF, 2) + "W")}),
-         false, "", ""},
     };
     for (const auto& c : cases) {
         log.Clear();
@@ -107,15 +86,13 @@ TEST(WmaExtractorTest, WalkGivesTheRightCoverOrNone) {
     EXPECT_TRUE(log.Contains("File Open Error " + root.Path() + "/gone.wma"));
 }
 
-// Files written by other programs. Their pictures, where they have one, are over the 256-byte
-// value limit, so no cover comes out of them, deliberately; a small picture added to a real
-// header comes out.
+// Files written by other programs: their pictures are over the 256-byte value limit, so no
+// cover comes out, deliberately; a small picture added to a real header comes out.
 TEST(WmaCorpusTest, RealFilesGiveNoCoverUntilASmallPictureIsAdded) {
     QRB_REQUIRE_CORPUS(corpus);
     bool ok = true;
     for (const char* name : {"jaudiotagger/testdata/test1.wma", "taglib/lossless.wma",
-                             "music-metadata/asf/elephant.asf",
-                             "music-metadata/asf/max-numberOfObjectHeaders.wma"}) {
+                             "music-metadata/asf/elephant.asf"}) {
         ASSERT_FALSE(qrbtest::ReadFileBytes(corpus + "/" + name).empty()) << name;
         EXPECT_EQ(Cover(corpus + "/" + name, &ok), "") << name;
     }
@@ -125,11 +102,9 @@ TEST(WmaCorpusTest, RealFilesGiveNoCoverUntilASmallPictureIsAdded) {
     // One more object in front of the header's own: header size and object count grow.
     const std::string object = ExtContentDescription({PictureDescriptor(kPicture)});
     uint64_t headerSize = 0;
-    uint32_t count = 0;
     for (int i = 7; i >= 0; --i) headerSize = (headerSize << 8) | static_cast<unsigned char>(file[16 + i]);
-    for (int i = 3; i >= 0; --i) count = (count << 8) | static_cast<unsigned char>(file[24 + i]);
     file.replace(16, 8, LittleEndian(headerSize + object.size(), 8));
-    file.replace(24, 4, LittleEndian(count + 1, 4));
+    file[24] = static_cast<char>(file[24] + 1);  // the object count's low byte
     file.insert(30, object);
     EXPECT_EQ(Cover(root.WriteFile("real.wma", file), &ok), kPicture);
     EXPECT_TRUE(ok);

@@ -62,9 +62,6 @@ QRB_FILTER_FORWARD(int, avfilter_graph_create_filter,
                    (AVFilterContext * *filt_ctx, const AVFilter* filt, const char* name,
                     const char* args, void* opaque, AVFilterGraph* graph_ctx),
                    (filt_ctx, filt, name, args, opaque, graph_ctx), AVERROR(ENOSYS))
-QRB_FILTER_FORWARD(int, avfilter_link,
-                   (AVFilterContext * src, unsigned srcpad, AVFilterContext* dst, unsigned dstpad),
-                   (src, srcpad, dst, dstpad), AVERROR(ENOSYS))
 QRB_FILTER_FORWARD(AVFilterInOut*, avfilter_inout_alloc, (void), (), nullptr)
 QRB_FILTER_FORWARD(int, avfilter_graph_parse_ptr,
                    (AVFilterGraph * graph, const char* filters, AVFilterInOut** inputs,

@@ -167,17 +167,16 @@ SwsContext* MakeSws(int srcW, int srcH, AVPixelFormat src, int dstW, int dstH, A
 // subsampling (an odd output size keeps every pixel's colour).
 constexpr AVPixelFormat kHdrIntermediate = AV_PIX_FMT_YUV444P16;
 
-// The tone-mapping graph for pictures of this size and colour: buffer -> zimg to linear light
-// (1.0 = reference white) -> BT.709 primaries -> Mobius -> BT.709 transfer, full range ->
-// BGRA -> sink.
-bool BuildToneGraph(int width, int height, const SourceColour& c, ScopedGraph* graph,
-                    AVFilterContext** source, AVFilterContext** sink) {
+// A one-thread filter graph, buffer -> chain -> buffersink, for pictures of this size and
+// format. False when FFmpeg cannot set it up.
+bool BuildGraph(int width, int height, int format, const char* chain, ScopedGraph* graph,
+                AVFilterContext** source, AVFilterContext** sink) {
     ScopedGraph made(avfilter_graph_alloc());
     if (!made) return false;
     made->nb_threads = 1;
-    char args[128];
-    std::snprintf(args, sizeof(args), "video_size=%dx%d:pix_fmt=%d:time_base=1/1:pixel_aspect=1/1",
-                  width, height, static_cast<int>(kHdrIntermediate));
+    char args[160];
+    std::snprintf(args, sizeof(args), "video_size=%dx%d:pix_fmt=%d:time_base=1/25:pixel_aspect=1/1",
+                  width, height, format);
     AVFilterContext* in = nullptr;
     AVFilterContext* out = nullptr;
     if (avfilter_graph_create_filter(&in, avfilter_get_by_name("buffer"), "in", args, nullptr,
@@ -186,16 +185,6 @@ bool BuildToneGraph(int width, int height, const SourceColour& c, ScopedGraph* g
                                      nullptr, made.get()) < 0) {
         return false;
     }
-    const double peak = std::max(c.peakNits / kReferenceWhiteNits, 1.0);
-    char chain[512];
-    // zimg numbers matrices, transfers and primaries as ITU-T H.273 does, and so does FFmpeg.
-    std::snprintf(chain, sizeof(chain),
-                  "zscale=min=%d:tin=%d:pin=%d:rin=%s:t=linear:npl=%g,format=gbrpf32le,"
-                  "zscale=p=bt709,tonemap=tonemap=mobius:param=%g:desat=0:peak=%g,"
-                  "zscale=t=bt709:m=bt709:r=pc,format=gbrp,format=bgra",
-                  static_cast<int>(c.matrix), static_cast<int>(c.transfer),
-                  static_cast<int>(c.primaries), c.range == AVCOL_RANGE_JPEG ? "pc" : "tv",
-                  kReferenceWhiteNits, kToneLinearUpTo, peak);
     AVFilterInOut* outputs = avfilter_inout_alloc();
     AVFilterInOut* inputs = avfilter_inout_alloc();
     bool ok = outputs != nullptr && inputs != nullptr;
@@ -216,30 +205,34 @@ bool BuildToneGraph(int width, int height, const SourceColour& c, ScopedGraph* g
     return true;
 }
 
+// The tone-mapping graph for pictures of this size and colour: zimg to linear light (1.0 =
+// reference white) -> BT.709 primaries -> Mobius -> BT.709 transfer, full range -> BGRA.
+bool BuildToneGraph(int width, int height, const SourceColour& c, ScopedGraph* graph,
+                    AVFilterContext** source, AVFilterContext** sink) {
+    const double peak = std::max(c.peakNits / kReferenceWhiteNits, 1.0);
+    char chain[512];
+    // zimg numbers matrices, transfers and primaries as ITU-T H.273 does, and so does FFmpeg.
+    std::snprintf(chain, sizeof(chain),
+                  "zscale=min=%d:tin=%d:pin=%d:rin=%s:t=linear:npl=%g,format=gbrpf32le,"
+                  "zscale=p=bt709,tonemap=tonemap=mobius:param=%g:desat=0:peak=%g,"
+                  "zscale=t=bt709:m=bt709:r=pc,format=gbrp,format=bgra",
+                  static_cast<int>(c.matrix), static_cast<int>(c.transfer),
+                  static_cast<int>(c.primaries), c.range == AVCOL_RANGE_JPEG ? "pc" : "tv",
+                  kReferenceWhiteNits, kToneLinearUpTo, peak);
+    return BuildGraph(width, height, kHdrIntermediate, chain, graph, source, sink);
+}
+
 // A picture made progressive: only this one picture is decoded at a position, so the
 // deinterlacer is FFmpeg's spatial one (estdif: the first field kept, the second traced along
 // edges from it); the motion-adaptive ones (bwdif, yadif) take the missing field from the
 // neighbouring pictures and, given none, weave the comb back in. Null when the filter cannot be
 // set up (a picture too small for it, no memory): the picture is then shown as decoded.
 AVFrame* Deinterlaced(const AVFrame* picture) {
-    ScopedGraph graph(avfilter_graph_alloc());
-    if (!graph) return nullptr;
-    graph->nb_threads = 1;
-    char args[160];
-    std::snprintf(args, sizeof(args), "video_size=%dx%d:pix_fmt=%d:time_base=1/25:pixel_aspect=1/1",
-                  picture->width, picture->height, picture->format);
+    ScopedGraph graph;
     AVFilterContext* source = nullptr;
-    AVFilterContext* filter = nullptr;
     AVFilterContext* sink = nullptr;
-    if (avfilter_graph_create_filter(&source, avfilter_get_by_name("buffer"), "in", args, nullptr,
-                                     graph.get()) < 0 ||
-        avfilter_graph_create_filter(&filter, avfilter_get_by_name("estdif"), "deinterlace",
-                                     "mode=frame:parity=auto:deint=all", nullptr,
-                                     graph.get()) < 0 ||
-        avfilter_graph_create_filter(&sink, avfilter_get_by_name("buffersink"), "out", nullptr,
-                                     nullptr, graph.get()) < 0 ||
-        avfilter_link(source, 0, filter, 0) < 0 || avfilter_link(filter, 0, sink, 0) < 0 ||
-        avfilter_graph_config(graph.get(), nullptr) < 0) {
+    if (!BuildGraph(picture->width, picture->height, picture->format,
+                    "estdif=mode=frame:parity=auto:deint=all", &graph, &source, &sink)) {
         return nullptr;
     }
     QRBScopedFrame in(av_frame_clone(picture));

@@ -273,7 +273,6 @@ AVFrame* QRBVideoFrameGrabber::m_TakePosition(int i) {
 }
 
 bool QRBVideoFrameGrabber::m_ReadFromKeyFrame(int i) {
-    QRBFFmpegInput* input = m_Res->input.get();
     AVPacket* packet = m_Res->packet.get();
     int attempts = 0;
     int decoded = 0;
@@ -281,15 +280,9 @@ bool QRBVideoFrameGrabber::m_ReadFromKeyFrame(int i) {
     bool got = false;
     while (!got) {
         if (m_Abandoned()) break;
-        if (m_Api.read_frame(input, packet) < 0) {
-            m_Api.free_packet(packet);
+        if (!m_ReadVideoPacket()) {
             QRB_LOGD("bFind:%d,frame:%d", got ? 1 : 0, i);
             break;
-        }
-        if (packet->stream_index != input->video_stream_index) {
-            m_Api.free_packet(packet);
-            m_Api.init_packet(packet);
-            continue;
         }
         // Decoding starts at a key frame and then follows the packets until a picture is
         // complete; a 4K video decodes key frames only, the others cost too much.

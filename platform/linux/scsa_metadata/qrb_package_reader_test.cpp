@@ -102,18 +102,18 @@ TEST(PackageReaderTest, ItemsComeBackWholeInEveryTableLayout) {
     }
 }
 
+// Where the metadata may sit, box headers and item tables whose answers are fixed; other
+// broken headers and tables are in fuzz/corpus/scsa_box, whose target checks every extent.
 TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse) {
-    const std::string data = "0123456789";  // the "mdat" payload of the hostile files
+    const std::string data = "0123456789";  // the "mdat" payload
     IlocLayout wide;                        // version 1, 8-byte fields, base offsets
     wide.offsetSize = wide.lengthSize = wide.baseOffsetSize = 8;
     auto entry = [](uint32_t id, int method, std::vector<IlocExtent> extents) {
         return IlocEntry{id, method, 0, 0, std::move(extents)};
     };
-    // Meta children with the items of method 0 based at the start of "mdat", then more children.
-    auto withItems = [&](IlocLayout l, std::vector<IlocEntry> entries,
-                         std::vector<std::string> more = {}) {
+    // Meta with the items of method 0 based at the start of "mdat".
+    auto withItems = [&](IlocLayout l, std::vector<IlocEntry> entries) {
         std::vector<std::string> children{HdlrBox("cfmd"), IlocBox(l, entries)};
-        children.insert(children.end(), more.begin(), more.end());
         const uint64_t mdat = InMoov(children).size();  // the table's size does not change
         for (auto& e : entries) e.baseOffset += e.method == 0 ? mdat : 0;
         children[1] = IlocBox(l, entries);
@@ -130,13 +130,9 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
     std::string crowded;
     for (uint32_t i = 0; i < QRBPackageReader::kMaxBoxesPerContainer; ++i)
         crowded += Box("free", "");
-    IlocEntry otherFile = entry(1, 0, {{0, 4}});
-    otherFile.dataReference = 1;
     const std::string bigTable = FullBox("iloc", 1, 0,
                                          BigEndian(0x8880, 2) + BigEndian(0, 2) +
                                              std::string(QRBPackageReader::kMaxTableBytes, '\0'));
-    const std::vector<IlocExtent> tooMany(QRBPackageReader::kMaxExtentsPerItem + 1,
-                                          IlocExtent{0, 1});
     const Items idatItem{{kUrn + "1", "it"}};
     const Items none;
 
@@ -152,38 +148,21 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
         {"another handler", Box("moov", metaWith("pict")), false, none},
         {"meta one level too deep", Box("moov", Box("udta", metaWith("cfmd"))), false, none},
         {"meta behind more boxes than a walk takes", Box("moov", crowded + metaWith("cfmd")), false, none},
-        // Box headers: a 64-bit size, then sizes below their header, wrapping the offset, or cut
-        // short at the end of the file.
         {"64-bit size", InMoov({HdlrBox("cfmd"), LargeBox("xml ", std::string(4, '\0') + "x")}), true, {{kBox, "x"}}},
-        {"size below the header", InMoov({HdlrBox("cfmd"), BoxDeclaring(7, "free", "abcd"), XmlBox("x")}), true, none},
-        {"64-bit size below its header",
-         InMoov({HdlrBox("cfmd"), BoxDeclaring(1, "free", BigEndian(15, 8) + "ab"), XmlBox("x")}), true, none},
-        {"64-bit size wrapping the offset",
-         InMoov({HdlrBox("cfmd"), BoxDeclaring(1, "free", BigEndian(UINT64_MAX - 7, 8)), XmlBox("x")}), true, none},
-        {"header cut short", Box("moov", "") + std::string("\0\0\0\x10" "fr", 6), false, none},
-        {"size 1 cut before the 64-bit size", Box("moov", "") + BoxDeclaring(1, "free", "abc"), false, none},
         {"a child overrunning meta ends its walk",
          InMoov({HdlrBox("cfmd"), BoxDeclaring(1000, "iloc", std::string(20, '\0')), XmlBox("x")}), true, none},
         {"idat of size 0 runs to the end of meta",
          InMoov({HdlrBox("cfmd"), IlocBox(wide, {entry(1, 1, {{2, 3}})}), BoxDeclaring(0, "idat", "abcdef")}),
          true, {{kUrn + "1", "cde"}}},
         {"table above the size limit", InMoov({HdlrBox("cfmd"), bigTable, XmlBox("x")}), true, {{kBox, "x"}}},
-        {"extent past the end of the file", withItems(wide, {entry(1, 0, {{8, 3}})}), true, none},
         {"base and offset wrapping around", withItems(wide, {entry(1, 0, {{UINT64_MAX - 2, 4}})}), true, none},
-        {"giant declared length", withItems(wide, {entry(1, 0, {{0, 1ull << 40}})}), true, none},
         {"length 0 runs to the end of the file", withItems(wide, {entry(1, 0, {{6, 0}})}), true,
          {{kUrn + "1", "6789"}}},
-        {"data in another file", withItems(wide, {otherFile}), true, none},
         {"item count far above the entries",
          withItems(manyItems, {entry(1, 0, {{0, 1}}), entry(2, 0, {{1, 1}})}), true,
          {{kUrn + "1", "0"}, {kUrn + "2", "1"}}},
-        {"too many extents, then a good item", withItems(wide, {entry(1, 0, tooMany), entry(2, 0, {{9, 1}})}),
-         true, {{kUrn + "2", "9"}}},
         {"a repeated id: the first counts", withItems(wide, {entry(1, 0, {{0, 1}}), entry(1, 0, {{5, 1}})}),
          true, {{kUrn + "1", "0"}}},
-        {"infe name above the limit: listed by id", withItems(wide, {entry(1, 0, {{0, 2}})},
-             {IinfBox(0, {InfeBox(2, 1, std::string(QRBPackageReader::kMaxNameBytes + 1, 'n'), "")})}),
-         true, {{kUrn + "1", "01"}}},
         // clang-format on
     };
     for (const auto& c : cases) {
@@ -193,8 +172,6 @@ TEST(PackageReaderTest, MisplacedAndHostileMetadataIsBoundedAndCheckedBeforeUse)
         EXPECT_EQ(items, c.items) << c.what;
     }
 }
-
-// ---- the extractor on files
 
 const std::string kJpeg("\xFF\xD8\xFF\xE0 jpeg", 9);
 const std::string kPng("\x89PNG\r\n\x1A\n png", 12);
