@@ -56,13 +56,9 @@ boost::intrusive_ptr<CQRBThumbnailItem> ScriptedGetter::m_Run(const std::string&
         item->SetSize(4);
         return item;
     }
-    if (StartsWith(script, "ok")) {
-        int width = 1, height = 1, count = 1;
-        std::sscanf(script.c_str(), "ok:%dx%d:%d", &width, &height, &count);
-        boost::intrusive_ptr<CQRBThumbnailItem> item = t_PackImage(MakeImage(width, height, 0));
-        for (int i = 1; i < count; ++i) item->AddImage(MakeImage(width, height, i));
-        return item;
-    }
+    int width = 1, height = 1;
+    if (std::sscanf(script.c_str(), "ok:%dx%d", &width, &height) == 2)
+        return t_PackImage(MakeImage(width, height, 0));
     return nullptr;
 }
 
@@ -74,12 +70,14 @@ void ScriptedGetter::OpenGate() {
 
 bool ScriptedGetter::WaitForBlocked(int n, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    return m_Cond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_nBlocked >= n; });
+    return m_Cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                           [&] { return m_nBlocked >= n; });
 }
 
 ScriptedGetter* InstallScriptedGetter(qrb_media_thumbnail_type kind) {
     auto* getter = new ScriptedGetter;
-    CQRBThumbFlyWeightFactroy::GetInstance()->Install(kind, std::unique_ptr<CQRBThumbnailGetter>(getter));
+    CQRBThumbFlyWeightFactroy::GetInstance()->Install(kind,
+                                                      std::unique_ptr<CQRBThumbnailGetter>(getter));
     return getter;
 }
 

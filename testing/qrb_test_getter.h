@@ -1,6 +1,6 @@
 // A getter for the reserved kinds that does what its URL says, so that the workers, the cache
 // and the event path can be exercised before (and independently of) the real getters:
-//   "ok:WxH[:N]"   N images (default 1) of W x H, pixel (x, y) of image i = (x, y, i, 255)
+//   "ok:WxH"       one W x H image, pixel (x, y) = (x, y, 0, 255)
 //   "throw"        throws std::runtime_error
 //   "gate[:...]"   waits until the gate opens, then behaves as the rest ("gate:ok:2x2")
 //   "frames"       as many 1 x 1 images as the request's frame count
@@ -30,7 +30,8 @@ public:
     std::atomic<int> lastOrientation{-1};
 
 private:
-    boost::intrusive_ptr<CQRBThumbnailItem> m_Run(const std::string& script, const _stExtractInfo& info);
+    boost::intrusive_ptr<CQRBThumbnailItem> m_Run(const std::string& script,
+                                                  const _stExtractInfo& info);
     std::mutex m_Mutex;
     std::condition_variable m_Cond;
     bool m_bOpen = false;

@@ -1,9 +1,8 @@
 #include "qrb_test_ptpip_responder.h"
 
 #include "qrb_test_files.h"
-#include "qrb_test_jpeg_writer.h"
+#include "qrb_test_raw_peer.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -13,7 +12,6 @@
 #include <libexif/exif-data.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <sstream>
 
@@ -24,7 +22,6 @@ namespace {
 // PTP/IP packet types, operations, responses and object formats.
 enum : uint32_t { kInitCommandRequest = 1, kInitCommandAck, kInitEventRequest, kInitEventAck };
 enum : uint32_t { kOperationRequest = 6, kOperationResponse, kStartData = 9, kData, kEndData = 12 };
-enum : uint32_t { kProbeRequest = 13, kProbeResponse };
 enum : uint16_t { kGetDeviceInfo = 0x1001, kOpenSession, kCloseSession, kGetStorageIDs };
 enum : uint16_t { kGetStorageInfo = 0x1005, kGetObjectHandles = 0x1007, kGetObjectInfo };
 enum : uint16_t { kGetObject = 0x1009, kGetThumb };
@@ -92,7 +89,6 @@ std::string ExifThumbnail(const std::string& jpeg) {
 bool ReadAll(int fd, char* out, size_t n) {
     for (size_t got = 0; got < n;) {
         const ssize_t r = recv(fd, out + got, n - got, 0);
-        if (r < 0 && errno == EINTR) continue;
         if (r <= 0) return false;
         got += static_cast<size_t>(r);
     }
@@ -113,7 +109,6 @@ bool SendPacket(int fd, uint32_t type, const std::string& payload) {
     const std::string packet = U32(payload.size() + 8) + U32(type) + payload;
     for (size_t sent = 0; sent < packet.size();) {
         const ssize_t n = send(fd, packet.data() + sent, packet.size() - sent, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         sent += static_cast<size_t>(n);
     }
@@ -149,28 +144,13 @@ uint32_t PtpipResponder::m_Add(Object o) {
 }
 
 uint32_t PtpipResponder::AddFolder(uint32_t storage, uint32_t parent, const std::string& name) {
-    Object o;
-    o.storage = storage;
-    o.parent = parent;
-    o.name = name;
-    o.format = kFormatAssociation;
-    o.folder = true;
-    return m_Add(std::move(o));
+    return m_Add({storage, parent, name, kFormatAssociation, true});
 }
 
 uint32_t PtpipResponder::AddFile(uint32_t storage, uint32_t parent, const std::string& name,
                                  std::string bytes) {
-    Object o;
-    o.storage = storage;
-    o.parent = parent;
-    o.name = name;
-    o.format = FormatOf(name);
-    o.bytes = std::move(bytes);
-    if (o.format == kFormatJpeg) {
-        o.thumb = ExifThumbnail(o.bytes);
-        JpegFrameSize(o.thumb, &o.dims[0], &o.dims[1]);
-        JpegFrameSize(o.bytes, &o.dims[2], &o.dims[3]);
-    }
+    Object o{storage, parent, name, FormatOf(name), false, std::move(bytes)};
+    if (o.format == kFormatJpeg) o.thumb = ExifThumbnail(o.bytes);
     return m_Add(std::move(o));
 }
 
@@ -200,19 +180,18 @@ uint32_t PtpipResponder::AddPath(uint32_t storage, const std::string& path, std:
     return AddFile(storage, parent, path.substr(start), std::move(bytes));
 }
 
-bool PtpipResponder::LoadFolder(uint32_t storage, const std::string& dir, uint32_t parent) {
+bool PtpipResponder::LoadFolder(uint32_t storage, const std::string& dir) {
     namespace fs = std::filesystem;
     std::error_code error;
-    std::vector<fs::directory_entry> entries(fs::directory_iterator(dir, error), {});
-    std::sort(entries.begin(), entries.end());
-    for (const fs::directory_entry& entry : entries) {
-        const std::string name = entry.path().filename();
-        if (name[0] == '.') continue;
-        if (entry.is_directory() && !entry.is_symlink()) {  // no link loops
-            LoadFolder(storage, entry.path(), AddFolder(storage, parent, name));
-        } else if (entry.is_regular_file()) {
-            AddFile(storage, parent, name, ReadFileBytes(entry.path()));
-        }
+    std::vector<fs::path> files;  // linked folders are not followed
+    for (fs::recursive_directory_iterator it(dir, error), end; !error && it != end;
+         it.increment(error)) {
+        if (it->is_regular_file()) files.push_back(fs::relative(it->path(), dir));
+    }
+    std::sort(files.begin(), files.end());
+    for (const fs::path& file : files) {
+        if (file.string()[0] != '.' && file.string().find("/.") == std::string::npos)
+            AddPath(storage, file, ReadFileBytes(fs::path(dir) / file));
     }
     return !error;
 }
@@ -238,22 +217,11 @@ int PtpipResponder::SessionsOpened() const {
 }
 
 bool PtpipResponder::Start() {
-    m_ListenFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(addr);
-    if (m_ListenFd < 0 || bind(m_ListenFd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
-        listen(m_ListenFd, 16) != 0 ||
-        getsockname(m_ListenFd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-        return false;
-    }
-    m_Port = ntohs(addr.sin_port);
+    m_ListenFd = BoundLoopbackSocket(&m_Port);
+    if (listen(m_ListenFd, 16) != 0) return false;
     // Stop shuts the listening socket down, which ends the wait in accept.
     m_Acceptor = std::thread([this] {
-        for (int fd;
-             (fd = accept4(m_ListenFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0 || errno == EINTR;) {
-            if (fd < 0) continue;
+        for (int fd; (fd = accept4(m_ListenFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
             const int one = 1;
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
             std::lock_guard<std::mutex> lock(m_Mutex);
@@ -293,9 +261,7 @@ void PtpipResponder::m_Serve(int fd) {
         for (char c : std::string("Loopback Camera")) ack += U16(c);
         if (SendPacket(fd, kInitCommandAck, ack + U16(0) + U32(0x10000))) m_ServeCommands(fd);
     } else if (type == kInitEventRequest && SendPacket(fd, kInitEventAck, "")) {
-        // No events are ever sent; probes are answered until the client leaves.
-        while (ReadPacket(fd, &type, &payload)) {
-            if (type == kProbeRequest && !SendPacket(fd, kProbeResponse, "")) break;
+        while (ReadPacket(fd, &type, &payload)) {  // no events are ever sent
         }
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -308,7 +274,6 @@ void PtpipResponder::m_ServeCommands(int fd) {
     uint32_t type = 0;
     std::string p;
     while (ReadPacket(fd, &type, &p)) {
-        if (type == kProbeRequest && !SendPacket(fd, kProbeResponse, "")) return;
         if (type != kOperationRequest || p.size() < 10) continue;  // (no operation takes data)
         uint32_t params[3] = {0, 0, 0};
         for (size_t i = 0; i < 3 && 14 + 4 * i <= p.size(); ++i) params[i] = Get(p, 10 + 4 * i, 4);
@@ -397,9 +362,10 @@ PtpipResponder::Answer PtpipResponder::m_Answer(uint16_t code, const uint32_t* p
             std::string s = U32(o.storage) + U16(o.format) + U16(0) + U32(o.bytes.size()) +
                             U16(thumb ? kFormatJpeg : 0) +
                             U32(thumb ? std::max<size_t>(o.thumb.size(), 1) : 0);
-            for (uint32_t d : o.dims) s += U32(d);
-            // Bit depth, parent, association type and description, sequence number.
-            s += U32(o.format == kFormatJpeg ? 24 : 0) + U32(o.parent) + U16(o.folder) + U64(0);
+            // Thumbnail and picture width and height (not given), bit depth, parent, association
+            // type and description, sequence number.
+            s += U64(0) + U64(0) + U32(o.format == kFormatJpeg ? 24 : 0) + U32(o.parent) +
+                 U16(o.folder) + U64(0);
             return data(s + Str(o.name) + Str("20240102T030405") + Str("20240102T030405") +
                         Str(""));
         }

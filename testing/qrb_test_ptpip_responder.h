@@ -36,8 +36,8 @@ public:
     uint32_t AddFile(uint32_t storage, uint32_t parent, const std::string& name, std::string bytes);
     // At a "/"-separated path below the storage's root, making the folders on the way.
     uint32_t AddPath(uint32_t storage, const std::string& path, std::string bytes);
-    // Copies the files and folders below dir (hidden ones skipped); false when it cannot be read.
-    bool LoadFolder(uint32_t storage, const std::string& dir, uint32_t parent = 0);
+    // Copies the files below dir (hidden ones skipped); false when it cannot be read.
+    bool LoadFolder(uint32_t storage, const std::string& dir);
     uint32_t Find(uint32_t storage, const std::string& path) const;  // 0: none
     void SetThumbFault(uint32_t handle, ThumbFault fault);
     // The next count GetObject / GetThumb data phases send half their bytes, then the camera
@@ -56,8 +56,7 @@ private:
         std::string name;
         uint16_t format = 0;
         bool folder = false;
-        std::string bytes, thumb;
-        uint32_t dims[4] = {0, 0, 0, 0};  // thumbnail width, height; picture width, height
+        std::string bytes{}, thumb{};
         ThumbFault fault = ThumbFault::kNone;
     };
     struct Answer;

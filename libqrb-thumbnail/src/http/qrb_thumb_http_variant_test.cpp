@@ -56,7 +56,7 @@ struct Gate {
         ++started;
         cond.notify_all();
         cond.wait_for(lock, std::chrono::seconds(30), [&] { return permits != 0; });
-        if (permits > 0) --permits;
+        permits -= permits > 0;
     }
     // The number of handlers that came in, once n did or the time ran out.
     int WaitForStarted(int n, std::chrono::milliseconds timeout = kWait) {
@@ -75,28 +75,27 @@ class QRBThumbHttpVariantTest : public ::testing::Test {
 protected:
     void SetUp() override {
         qrbtest::ServePatternBytes(m_Server);
-        m_Server.Http().Get(
-            R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
-                m_Gate.Pass();
-                res.set_content("gated " + std::string(req.matches[1]), "text/plain");
-            });
-        m_Server.Http().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
+        auto& http = m_Server.Http();
+        http.Get(R"(/gate/(\d+))", [this](const httplib::Request& req, httplib::Response& res) {
+            m_Gate.Pass();
+            res.set_content("gated " + std::string(req.matches[1]), "text/plain");
+        });
+        http.Get("/missing", [](const httplib::Request&, httplib::Response& res) {
             res.status = 404;
             res.set_content("no such picture", "text/plain");
         });
         for (const auto& [path, to] :
              {std::pair{"/loop", "/loop"}, std::pair{"/to-file", "file:///etc/hostname"},
               std::pair{"/to-ftp", "ftp://127.0.0.1:1/a.jpg"}}) {
-            m_Server.Http().Get(
-                path, [to = std::string(to)](const httplib::Request&, httplib::Response& res) {
-                    res.set_redirect(to);
-                });
+            http.Get(path, [to = std::string(to)](const httplib::Request&, httplib::Response& res) {
+                res.set_redirect(to);
+            });
         }
-        m_Server.Http().Get("/bomb.jpg", [](const httplib::Request&, httplib::Response& res) {
+        http.Get("/bomb.jpg", [](const httplib::Request&, httplib::Response& res) {
             res.set_header("Content-Encoding", "gzip");
             res.set_content(GzipBomb(), "image/jpeg");
         });
-        m_Server.Http().Get("/pic.jpg", [this](const httplib::Request&, httplib::Response& res) {
+        http.Get("/pic.jpg", [this](const httplib::Request&, httplib::Response& res) {
             ++m_PictureHits;
             res.set_content(qrbtest::GradientJpeg(80, 60), "image/jpeg");
         });
@@ -110,7 +109,9 @@ protected:
 
     // Started on first use: the finalize test counts threads.
     std::string Url(const std::string& path) {
-        if (m_Server.Port() <= 0) EXPECT_TRUE(m_Server.Start());
+        if (m_Server.Port() <= 0) {
+            EXPECT_TRUE(m_Server.Start());
+        }
         return m_Server.Url(path);
     }
     void RequestBuffer(const std::string& url, int i) {
