@@ -5,7 +5,9 @@
 
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
+#include "qrb_test_files.h"
 #include "qrb_test_log.h"
+#include "qrb_test_raw_peer.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -18,15 +20,17 @@ namespace {
 
 using namespace qrbdlnatest;
 
-// Six chapters, a failed download (missing, endless, a redirect loop) and a URI of two fields
-// each fail with one callback.
+// Six chapters, a URI of two fields and a failed download (missing, endless, cut short, a
+// redirect loop, another scheme) each fail with one callback; a failed download keeps the file
+// already there and leaves no temporary one. Each download waits for its own end.
 TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
     qrbtest::ScratchRoot root;
     qrbtest::LogCapture log;
     qrbtest::CallbackRecorder recorder;
     qrbtest::LoopbackHttpServer server;
     const std::vector<std::string> pictures = ChapterPictures(5);
-    for (const auto& [path, body] : {std::make_pair("/five.mta", MtaXml(pictures)),
+    const std::string padding = "<Note>" + std::string(150000, 'n') + "</Note>";
+    for (const auto& [path, body] : {std::make_pair("/five.mta", MtaXml(pictures, padding)),
                                      std::make_pair("/six.mta", MtaXml(ChapterPictures(6)))}) {
         server.Http().Get(path, [body = body](const httplib::Request&, httplib::Response& res) {
             res.set_content(body, "text/xml");
@@ -61,20 +65,30 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
     EXPECT_TRUE(log.Contains("MtaDownload param: uri[" + server.Url("/five.mta") +
                              "] , mimetype[text/xml] , dlpath[" + root.Resolve("/dlna/five.mta") +
                              "]"));
+    qrbtest::RawTcpPeer dropper(qrbtest::RawTcpPeer::Behaviour::DropMidBody);
+    const char* kept[] = {"missing.mta", "endless.mta", "drop.mta", "loop.mta", "ftp.mta"};
+    for (const char* name : kept) root.WriteFile(std::string("dlna/") + name, "old");
     const std::pair<std::string, const char*> failing[] = {
         {uri("six.mta"), "decode dlnamta file fail"},
+        {uri("five.mta", false), "Exception caught"},
         {uri("missing.mta"), "download dlnamta file fail"},
         {uri("endless.mta"), "download dlnamta file fail"},
+        {root.Resolve("/dlna/drop.mta;") + dropper.Url("http", "/") + ";text/xml",
+         "download dlnamta file fail"},
         {uri("loop.mta"), "download dlnamta file fail"},
-        {uri("five.mta", false), "Exception caught"}};
+        {root.Resolve("/dlna/ftp.mta;ftp://127.0.0.1/ftp.mta;text/xml"),
+         "download dlnamta file fail"}};
     for (const auto& [u, message] : failing) {
         log.Clear();
         EXPECT_EQ(request(u).status, -1) << u;
         EXPECT_TRUE(log.Contains(message)) << u;
     }
+    EXPECT_EQ(request(uri("five.mta")).count, 5);
     thumbnail_finalize();
-    EXPECT_EQ(recorder.Count(), 6u) << "exactly one callback each";
-    EXPECT_EQ(root.CountEntries("/dlna"), 2) << "the side files that came whole, nothing more";
+    EXPECT_EQ(recorder.Count(), 9u) << "exactly one callback each";
+    for (const char* name : kept)
+        EXPECT_EQ(qrbtest::ReadFileBytes(root.Resolve("/dlna/") + name), "old");
+    EXPECT_EQ(root.CountEntries("/dlna"), 7) << "a temporary file was left behind";
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ protected:
 
 // Every row twice at once: one getter serves four workers, each request with a temporary name
 // of its own, removed when answered.
-TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedThroughTheCInterface) {
+TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedOrFailOnce) {
     const std::string object = uris["upright.jpg"].substr(std::strlen("ptp://001;002;"));
     uris["fields"] = "ptp://;;1;;;2;" + object + ";extra";  // fields are read as strtok reads them
     const struct {
@@ -98,22 +98,23 @@ TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedThroughTheCInterface) {
         const auto& c = cases[i % 3];
         const auto r = recorder.For(recorder.Tag(i));
         ASSERT_EQ(r.size(), 1u) << c.name;
-        ASSERT_EQ(std::make_pair(r[0].width, r[0].height), std::make_pair(c.outW, c.outH)) << c.name;
+        ASSERT_EQ(std::make_pair(r[0].width, r[0].height), std::make_pair(c.outW, c.outH))
+            << c.name;
         EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r[0].buffers[0], c.outW, c.outH)),
                   c.quadrants)
             << c.name << " " << c.w << "x" << c.h;
     }
     EXPECT_FALSE(log.Contains("Failed to create"));
     EXPECT_EQ(root.CountEntries(QRB_DATA_DIR), 0);
-}
 
-TEST_F(PtpGetterTest, EveryFailureEndsInOneCallbackAndLeavesNothingBehind) {
+    // Every failure (the camera hanging up, stalling or lying, a bad URI) ends in one callback,
+    // leaves nothing behind, and the next request is served.
     const std::string good = uris["upright.jpg"];
     const struct {
         const char* what;
         std::function<void()> arrange;
         std::string uri;
-    } cases[] = {
+    } faults[] = {
         {"hang-up", [&] { camera.HangUpDuringNextTransfers(1); }, good},
         {"unknown handle", [] {}, "ptp://001;002;65537"},
         {"not ptp", [] {}, "file:///tmp/a.jpg"},
@@ -122,7 +123,7 @@ TEST_F(PtpGetterTest, EveryFailureEndsInOneCallbackAndLeavesNothingBehind) {
         {"length over", [&] { camera.SetThumbFault(upright, ThumbFault::kLengthOver); }, good},
         {"length under", [&] { camera.SetThumbFault(upright, ThumbFault::kLengthUnder); }, good},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : faults) {
         c.arrange();
         const size_t before = recorder.Count();
         EXPECT_EQ(recorder.Request(c.uri, MEDIA_TYPE_PICTURE, DEV_TYPE_PTP, 80, 60).status, -1)
@@ -130,7 +131,6 @@ TEST_F(PtpGetterTest, EveryFailureEndsInOneCallbackAndLeavesNothingBehind) {
         EXPECT_EQ(root.CountEntries(QRB_DATA_DIR), 0) << c.what;
         camera.SetThumbFault(upright, ThumbFault::kNone);
         camera.SetResponseDelay(0ms);
-        // The next request is served, and nothing else was answered in between.
         EXPECT_EQ(recorder.Request(good, MEDIA_TYPE_PICTURE, DEV_TYPE_PTP, 80, 60).status, 0)
             << c.what;
         EXPECT_EQ(recorder.Count(), before + 2) << c.what;
