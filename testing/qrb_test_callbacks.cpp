@@ -103,7 +103,14 @@ std::map<void*, int> CallbackRecorder::PerUser() const {
     return counts;
 }
 
-RecordedResult MissingResult() {
+RecordedResult CallbackRecorder::One(int i) const {
+    std::vector<RecordedResult> found = Results();
+    const void* tag = &m_Tags.at(static_cast<size_t>(i));
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [&](const RecordedResult& r) { return r.user_data != tag; }),
+                found.end());
+    EXPECT_EQ(found.size(), 1u) << "request " << i;
+    if (found.size() == 1) return found[0];
     RecordedResult none;
     none.status = -99;
     none.buffers.resize(QRB_THUMB_MAX_IMAGES);
@@ -112,18 +119,11 @@ RecordedResult MissingResult() {
     return none;
 }
 
-std::vector<RecordedResult> CallbackRecorder::For(void* tag) const {
-    std::vector<RecordedResult> found = Results();
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [&](const RecordedResult& r) { return r.user_data != tag; }),
-                found.end());
-    return found;
-}
-
 RecordedResult CallbackRecorder::Request(const std::string& url, qrb_item_media_type media,
                                          qrb_extend_dev_type dev, int width, int height,
                                          int useCache, int frames) {
-    void* tag = Tag(m_NextRequestTag++);
+    const int i = m_NextRequestTag++;
+    void* tag = Tag(i);
     thumbnail_request_async(url.c_str(), media, dev, 0, width, height, useCache, frames,
                             &CallbackRecorder::Callback, tag);
     {  // a liveness bound only (sanitizer builds are slow): a hang fails instead of stalling
@@ -133,9 +133,8 @@ RecordedResult CallbackRecorder::Request(const std::string& url, qrb_item_media_
                                [&](const RecordedResult& r) { return r.user_data == tag; });
         });
     }
-    const std::vector<RecordedResult> found = For(tag);
-    EXPECT_EQ(found.size(), 1u) << url;
-    return found.size() == 1 ? found[0] : MissingResult();
+    SCOPED_TRACE(url);
+    return One(i);
 }
 
 }  // namespace qrbtest

@@ -25,9 +25,6 @@ struct RecordedResult {
     std::string preset;  // empty when buffer_preset was null
 };
 
-// Stands in for a result that did not come: status -99, empty slots a test may index.
-RecordedResult MissingResult();
-
 class CallbackRecorder {
 public:
     CallbackRecorder();
@@ -39,8 +36,9 @@ public:
     bool WaitForCount(size_t n, std::chrono::milliseconds timeout) const;
     size_t Count() const;
     std::vector<RecordedResult> Results() const;
-    std::map<void*, int> PerUser() const;              // callbacks per user pointer
-    std::vector<RecordedResult> For(void* tag) const;  // results for one user pointer
+    std::map<void*, int> PerUser() const;  // callbacks per user pointer
+    // The one result for Tag(i); else a test failure and status -99 with empty slots.
+    RecordedResult One(int i) const;
 
     // One request through thumbnail_request_async, waited for: its one result (else a failure).
     RecordedResult Request(const std::string& url, qrb_item_media_type media,

@@ -5,6 +5,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <libexif/exif-data.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 
@@ -68,11 +70,12 @@ std::string Array16(std::initializer_list<uint16_t> values) {
 }
 
 uint16_t FormatOf(const std::string& name) {
-    std::string ext = name.substr(std::min(name.rfind('.'), name.size()));
-    std::transform(ext.begin(), ext.end(), ext.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    if (ext == ".jpg" || ext == ".jpeg") return kFormatJpeg;
-    return ext == ".png" ? kFormatPng : ext == ".bmp" ? kFormatBmp : kFormatUndefined;
+    const char* ext = std::strrchr(name.c_str(), '.');
+    ext = ext ? ext : "";
+    if (!strcasecmp(ext, ".jpg") || !strcasecmp(ext, ".jpeg")) return kFormatJpeg;
+    return !strcasecmp(ext, ".png")   ? kFormatPng
+           : !strcasecmp(ext, ".bmp") ? kFormatBmp
+                                      : kFormatUndefined;
 }
 
 // The JPEG thumbnail in the file's EXIF data, as libexif finds it; empty when there is none.
@@ -87,12 +90,7 @@ std::string ExifThumbnail(const std::string& jpeg) {
 }
 
 bool ReadAll(int fd, char* out, size_t n) {
-    for (size_t got = 0; got < n;) {
-        const ssize_t r = recv(fd, out + got, n - got, 0);
-        if (r <= 0) return false;
-        got += static_cast<size_t>(r);
-    }
-    return true;
+    return n == 0 || recv(fd, out, n, MSG_WAITALL) == static_cast<ssize_t>(n);
 }
 
 bool ReadPacket(int fd, uint32_t* type, std::string* payload) {
@@ -107,12 +105,8 @@ bool ReadPacket(int fd, uint32_t* type, std::string* payload) {
 
 bool SendPacket(int fd, uint32_t type, const std::string& payload) {
     const std::string packet = U32(payload.size() + 8) + U32(type) + payload;
-    for (size_t sent = 0; sent < packet.size();) {
-        const ssize_t n = send(fd, packet.data() + sent, packet.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) return false;
-        sent += static_cast<size_t>(n);
-    }
-    return true;
+    return send(fd, packet.data(), packet.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(packet.size());
 }
 
 }  // namespace
@@ -134,11 +128,6 @@ uint32_t PtpipResponder::AddStorage(const std::string& description) {
 
 uint32_t PtpipResponder::m_Add(Object o) {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    const auto parent = m_Objects.find(o.parent);
-    if ((o.storage >> 16) - 1 >= m_Storages.size() ||
-        (o.parent != 0 && (parent == m_Objects.end() || !parent->second.folder))) {
-        return 0;
-    }
     m_Objects[m_NextHandle] = std::move(o);
     return m_NextHandle++;
 }

@@ -30,7 +30,7 @@ public:
     ~PtpipResponder() { Stop(); }
 
     // Storage ids are 0x00010001, 0x00020001, ...; parent 0 is a storage's root. Each Add
-    // returns the new object's handle (0 when the storage or parent is unknown).
+    // returns the new object's handle.
     uint32_t AddStorage(const std::string& description);
     uint32_t AddFolder(uint32_t storage, uint32_t parent, const std::string& name);
     uint32_t AddFile(uint32_t storage, uint32_t parent, const std::string& name, std::string bytes);

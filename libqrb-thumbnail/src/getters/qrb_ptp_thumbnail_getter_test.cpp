@@ -96,12 +96,9 @@ TEST_F(PtpGetterTest, ThumbnailsAreTurnedScaledAndCroppedOrFailOnce) {
     ASSERT_TRUE(recorder.WaitForCount(6, 60s));
     for (int i = 0; i < 6; ++i) {
         const auto& c = cases[i % 3];
-        const auto r = recorder.For(recorder.Tag(i));
-        ASSERT_EQ(r.size(), 1u) << c.name;
-        ASSERT_EQ(std::make_pair(r[0].width, r[0].height), std::make_pair(c.outW, c.outH))
-            << c.name;
-        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r[0].buffers[0], c.outW, c.outH)),
-                  c.quadrants)
+        const auto r = recorder.One(i);
+        ASSERT_EQ(std::make_pair(r.width, r.height), std::make_pair(c.outW, c.outH)) << c.name;
+        EXPECT_EQ(qrbtest::Quadrants(qrbtest::RasterOf(r.buffers[0], c.outW, c.outH)), c.quadrants)
             << c.name << " " << c.w << "x" << c.h;
     }
     EXPECT_FALSE(log.Contains("Failed to create"));

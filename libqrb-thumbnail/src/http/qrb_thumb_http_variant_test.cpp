@@ -122,11 +122,7 @@ protected:
         thumbnail_request_async(url.c_str(), MEDIA_TYPE_PICTURE, DEV_TYPE_SNS, 0, 40, 30, 0, 1,
                                 &CallbackRecorder::Callback, m_Recorder.Tag(i));
     }
-    RecordedResult One(int i) {
-        const auto found = m_Recorder.For(m_Recorder.Tag(i));
-        EXPECT_EQ(found.size(), 1u) << "request " << i;
-        return found.size() == 1 ? found[0] : qrbtest::MissingResult();
-    }
+    RecordedResult One(int i) { return m_Recorder.One(i); }
 
     qrbtest::ScratchRoot m_Root;
     qrbtest::LogCapture m_Log;
