@@ -12,19 +12,12 @@ namespace qrbtest {
 namespace {
 bool StartsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
+// Blank pixels; image i of an item is stamped at (i + 1) seconds.
 boost::intrusive_ptr<CQRBThumbImage> MakeImage(int width, int height, int index) {
-    auto* pixels = static_cast<unsigned char*>(malloc(static_cast<size_t>(width) * height * 4));
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            unsigned char* p = pixels + (static_cast<size_t>(y) * width + x) * 4;
-            p[0] = static_cast<unsigned char>(x);
-            p[1] = static_cast<unsigned char>(y);
-            p[2] = static_cast<unsigned char>(index);
-            p[3] = 255;
-        }
-    }
     boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-    image->Create(width, height, 4, width * 4, pixels, 1000LL * (index + 1));
+    image->Create(width, height, 4, width * 4,
+                  static_cast<unsigned char*>(calloc(static_cast<size_t>(width) * height, 4)),
+                  1000LL * (index + 1));
     image->SetBufSize(static_cast<long>(width) * height * 4);
     return image;
 }

@@ -1,6 +1,6 @@
 // A getter for the reserved kinds that does what its URL says, so that the workers, the cache
 // and the event path can be exercised before (and independently of) the real getters:
-//   "ok:WxH"       one W x H image, pixel (x, y) = (x, y, 0, 255)
+//   "ok:WxH"       one blank W x H image
 //   "throw"        throws std::runtime_error
 //   "gate[:...]"   waits until the gate opens, then behaves as the rest ("gate:ok:2x2")
 //   "frames"       as many 1 x 1 images as the request's frame count

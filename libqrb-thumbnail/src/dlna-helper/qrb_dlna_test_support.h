@@ -20,20 +20,14 @@ inline std::string Decoded(const std::string& jpeg) {
 
 inline std::vector<std::string> ChapterPictures(int n) {
     std::vector<std::string> pictures;
-    for (int i = 0; i < n; ++i) {
-        qrbtest::JpegSpec spec;
-        spec.width = 32 + 8 * i;
-        spec.height = 24 + 2 * i;
-        spec.color = {static_cast<uint8_t>(40 * i), 90, static_cast<uint8_t>(200 - 30 * i)};
-        pictures.push_back(qrbtest::MakeJpeg(spec));
-    }
+    for (int i = 0; i < n; ++i) pictures.push_back(qrbtest::GradientJpeg(32 + 8 * i, 24 + 2 * i));
     return pictures;
 }
 
 // The MTA document of the pictures; extra goes into "Chaptering" before the first segment.
 inline std::string MtaXml(const std::vector<std::string>& pictures, const std::string& extra = "") {
-    std::string xml = "<?xml version=\"1.0\"?>\n<MediaInformation><ContentInformation><Chaptering>" +
-                      extra;
+    std::string xml =
+        "<?xml version=\"1.0\"?>\n<MediaInformation><ContentInformation><Chaptering>" + extra;
     for (size_t i = 0; i < pictures.size(); ++i) {
         std::string text(pictures[i].size() * 4 / 3 + 4, '\0');
         text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),

@@ -22,7 +22,10 @@ using namespace qrbdlnatest;
 TEST(QRBDlnaMediadataTest, StreamAfterAUriWinsAndTheUriLengthIsSixteenBits) {
     qrbtest::LogCapture log;
     QRBDlnaMediadata chapter;
-    std::string uri = std::string(65536, 'p') + 'q';
+    std::string uri(65536, 'p');
+    EXPECT_EQ(chapter.PutThumbnailURI(reinterpret_cast<signed char*>(&uri[0])),
+              AC_INVALID_PARAMETER);
+    uri += 'q';
     ASSERT_EQ(chapter.PutThumbnailURI(reinterpret_cast<signed char*>(&uri[0])), AC_OK);
     EXPECT_STREQ(reinterpret_cast<const char*>(chapter.GetThumbnailURI()), "p");
     const unsigned char bytes[] = {0xFF, 0xD8, 0xFF, 0xD9};
