@@ -55,23 +55,17 @@ void Serve(LoopbackHttpServer& server) {
     qrbtest::ServePatternBytes(server);
 }
 
-class WebGetterTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        Serve(m_Server);
-        ASSERT_TRUE(m_Server.Start());
-    }
-    void TearDown() override { thumbnail_finalize(); }
-
-    qrbtest::ScratchRoot m_Root;
-    qrbtest::LogCapture m_Log;
-    qrbtest::CallbackRecorder m_Recorder;
-    LoopbackHttpServer m_Server;
-};
-
 // Centre-cropped (not when a side is 0 or above the decoded size); an error page and an empty
 // body (never written) fail once. Every row twice at once, each with a temporary name of its own.
-TEST_F(WebGetterTest, RequestsThroughTheCInterfaceComeBackCroppedOrFailOnce) {
+// RA alone judges only its transfer: any status, past 5 MiB, TLS unverified; local URLs, broken
+// transfers and bodies past its own cap (declared or streamed) are download errors.
+TEST(WebGetterTest, RequestsComeBackCroppedOrFailOnceAndRaJudgesOnlyTheTransfer) {
+    qrbtest::ScratchRoot root;
+    qrbtest::LogCapture log;
+    qrbtest::CallbackRecorder recorder;
+    LoopbackHttpServer server;
+    Serve(server);
+    ASSERT_TRUE(server.Start());
     ASSERT_EQ(thumbnail_init(), 0);
     const struct {
         qrb_media_thumbnail_type kind;
@@ -90,18 +84,18 @@ TEST_F(WebGetterTest, RequestsThroughTheCInterfaceComeBackCroppedOrFailOnce) {
                  {"/empty", 32, 32, 0, 0}};
     constexpr int kRows = 2 * sizeof(cases) / sizeof(cases[0]);
     for (const auto& k : kinds) {
-        m_Log.Clear();
+        log.Clear();
         const int base = k.lastFileId(), tag = k.kind * kRows;
         for (int i = 0; i < kRows; ++i) {
             const auto& c = cases[i % (kRows / 2)];
-            thumbnail_request_async(m_Server.Url(c.path).c_str(), MEDIA_TYPE_PICTURE, k.device, 0,
+            thumbnail_request_async(server.Url(c.path).c_str(), MEDIA_TYPE_PICTURE, k.device, 0,
                                     c.reqW, c.reqH, 0, 1, &qrbtest::CallbackRecorder::Callback,
-                                    m_Recorder.Tag(tag + i));
+                                    recorder.Tag(tag + i));
         }
-        ASSERT_TRUE(m_Recorder.WaitForCount((&k - kinds + 1) * kRows, std::chrono::seconds(60)));
+        ASSERT_TRUE(recorder.WaitForCount((&k - kinds + 1) * kRows, std::chrono::seconds(60)));
         for (int i = 0; i < kRows; ++i) {
             const auto& c = cases[i % (kRows / 2)];
-            const auto r = m_Recorder.One(tag + i);
+            const auto r = recorder.One(tag + i);
             EXPECT_EQ(r.status, c.outW ? 0 : -1) << k.kind << c.path;
             if (c.outW == 0) continue;
             ASSERT_EQ(std::make_pair(r.width, r.height), std::make_pair(c.outW, c.outH));
@@ -110,18 +104,15 @@ TEST_F(WebGetterTest, RequestsThroughTheCInterfaceComeBackCroppedOrFailOnce) {
         }
         char name[64];
         snprintf(name, sizeof(name), "%s%d%05d.jpg", k.namePrefix, getpid(), base + 1);
-        EXPECT_TRUE(m_Log.Contains("RequestedItem.eThumbnailType=" + std::to_string(k.kind)));
-        EXPECT_TRUE(m_Log.Contains("Writing the data to flash ,path is " +
-                                   m_Root.Resolve(QRB_DATA_DIR) + name + "."));
-        EXPECT_EQ(m_Log.Count("Write JPG Buffer Succeed"), 8) << "the empty body is never written";
+        EXPECT_TRUE(log.Contains("RequestedItem.eThumbnailType=" + std::to_string(k.kind)));
+        EXPECT_TRUE(log.Contains("Writing the data to flash ,path is " +
+                                 root.Resolve(QRB_DATA_DIR) + name + "."));
+        EXPECT_EQ(log.Count("Write JPG Buffer Succeed"), 8) << "the empty body is never written";
         EXPECT_EQ(k.lastFileId() - base, 8) << "a name of its own for each written body";
-        EXPECT_EQ(m_Root.CountEntries(QRB_DATA_DIR), 0) << "temporary file left behind";
+        EXPECT_EQ(root.CountEntries(QRB_DATA_DIR), 0) << "temporary file left behind";
     }
-}
+    thumbnail_finalize();
 
-// Any completed transfer counts, whatever its status, past 5 MiB, over TLS unverified; local
-// URLs, broken transfers and bodies past RA's own cap (declared or streamed) are download errors.
-TEST_F(WebGetterTest, RaJudgesOnlyTheTransferItself) {
     qrbtest::TestCertificateAuthority ca("nobody trusts me");
     LoopbackHttpServer tls(ca.Issue("DNS:elsewhere.invalid"));
     Serve(tls);
@@ -130,23 +121,23 @@ TEST_F(WebGetterTest, RaJudgesOnlyTheTransferItself) {
     const struct {
         std::string url;
         int width;  // 0: fails
-    } cases[] = {
-        {m_Server.Url("/pic.jpg"), 16},
+    } raCases[] = {
+        {server.Url("/pic.jpg"), 16},
         {tls.Url("/pic.jpg"), 16},
-        {m_Server.Url("/padded.jpg"), 16},
-        {"file://" + m_Root.WriteFile("local.jpg", QuadrantJpeg(64, 48)), 0},
+        {server.Url("/padded.jpg"), 16},
+        {"file://" + root.WriteFile("local.jpg", QuadrantJpeg(64, 48)), 0},
         {dropper.Url("http", "/pic.jpg"), 0},
         {"http://127.0.0.1:" + std::to_string(qrbtest::UnusedLoopbackPort()), 0},
-        {m_Server.Url("/bytes/" + std::to_string(CQRBRAThumbnailGetter::kMaxBodyBytes + 1)), 0},
-        {m_Server.Url("/endless"), 0},
+        {server.Url("/bytes/" + std::to_string(CQRBRAThumbnailGetter::kMaxBodyBytes + 1)), 0},
+        {server.Url("/endless"), 0},
     };
     CQRBRAThumbnailGetter getter;
-    for (const auto& c : cases) {
+    for (const auto& c : raCases) {
         _stExtractInfo info;
         info.strURL = c.url;
         info.width = info.height = 16;
         EXPECT_EQ(qrbtest::RasterOf(getter.ExtractThumbnail(info)).width, c.width) << c.url;
-        EXPECT_EQ(m_Log.Contains("download error, url=" + c.url), c.width == 0) << c.url;
+        EXPECT_EQ(log.Contains("download error, url=" + c.url), c.width == 0) << c.url;
     }
 }
 
