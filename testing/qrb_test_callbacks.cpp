@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -66,20 +67,14 @@ void CallbackRecorder::m_Record(int status, _thumb_result* result, void* user_da
         for (int i = 0; i < QRB_THUMB_MAX_IMAGES; ++i) {
             r.sizes.push_back(result->nBufSize[i]);
             r.timestamps.push_back(result->timestamp[i]);
-            if (result->pBuffer[i] != nullptr) {
-                r.buffers.emplace_back(reinterpret_cast<char*>(result->pBuffer[i]),
-                                       static_cast<size_t>(result->nBufSize[i]));
-                free(result->pBuffer[i]);
-            } else {
-                r.buffers.emplace_back();
-            }
+            const char* bytes = reinterpret_cast<char*>(result->pBuffer[i]);
+            r.buffers.push_back(bytes ? std::string(bytes, result->nBufSize[i]) : std::string());
+            free(result->pBuffer[i]);
         }
-        if (result->buffer_preset != nullptr) {
-            r.hadPreset = true;
+        if (result->buffer_preset != nullptr)
             r.preset.assign(result->buffer_preset,
                             strnlen(result->buffer_preset, QRB_THUMB_PRESET_SIZE));
-            free(result->buffer_preset);
-        }
+        free(result->buffer_preset);
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
     m_Results.push_back(std::move(r));
@@ -108,7 +103,14 @@ std::map<void*, int> CallbackRecorder::PerUser() const {
     return counts;
 }
 
-RecordedResult MissingResult() {
+RecordedResult CallbackRecorder::One(int i) const {
+    std::vector<RecordedResult> found = Results();
+    const void* tag = &m_Tags.at(static_cast<size_t>(i));
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [&](const RecordedResult& r) { return r.user_data != tag; }),
+                found.end());
+    EXPECT_EQ(found.size(), 1u) << "request " << i;
+    if (found.size() == 1) return found[0];
     RecordedResult none;
     none.status = -99;
     none.buffers.resize(QRB_THUMB_MAX_IMAGES);
@@ -117,33 +119,22 @@ RecordedResult MissingResult() {
     return none;
 }
 
-std::vector<RecordedResult> CallbackRecorder::For(void* tag) const {
-    std::vector<RecordedResult> found;
-    for (const auto& r : Results()) {
-        if (r.user_data == tag) found.push_back(r);
-    }
-    return found;
-}
-
 RecordedResult CallbackRecorder::Request(const std::string& url, qrb_item_media_type media,
                                          qrb_extend_dev_type dev, int width, int height,
                                          int useCache, int frames) {
-    void* tag = Tag(m_NextRequestTag++);
+    const int i = m_NextRequestTag++;
+    void* tag = Tag(i);
     thumbnail_request_async(url.c_str(), media, dev, 0, width, height, useCache, frames,
                             &CallbackRecorder::Callback, tag);
-    {
-        // A liveness bound only (sanitizer builds are slow): a hang fails instead of stalling.
+    {  // a liveness bound only (sanitizer builds are slow): a hang fails instead of stalling
         std::unique_lock<std::mutex> lock(m_Mutex);
         m_Cond.wait_for(lock, std::chrono::seconds(30), [&] {
-            for (const auto& r : m_Results) {
-                if (r.user_data == tag) return true;
-            }
-            return false;
+            return std::any_of(m_Results.begin(), m_Results.end(),
+                               [&](const RecordedResult& r) { return r.user_data == tag; });
         });
     }
-    const std::vector<RecordedResult> found = For(tag);
-    EXPECT_EQ(found.size(), 1u) << url;
-    return found.size() == 1 ? found[0] : MissingResult();
+    SCOPED_TRACE(url);
+    return One(i);
 }
 
 }  // namespace qrbtest

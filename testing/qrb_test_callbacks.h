@@ -18,42 +18,29 @@ struct RecordedResult {
     int status = 0;
     void* user_data = nullptr;
     std::string url;
-    int width = 0;
-    int height = 0;
-    int depth = 0;
-    int count = 0;
-    int bBuffer = 0;
+    int width = 0, height = 0, depth = 0, count = 0, bBuffer = 0;
     std::vector<std::string> buffers;  // one per slot; empty for a null slot
     std::vector<int> sizes;
     std::vector<long long> timestamps;
     std::string preset;  // empty when buffer_preset was null
-    bool hadPreset = false;
 };
-
-// Stands in for a result that did not come: status -99 and empty slots a test may index
-// without a second failure.
-RecordedResult MissingResult();
 
 class CallbackRecorder {
 public:
     CallbackRecorder();
     ~CallbackRecorder();
-    // The callback to hand the library; user_data must be a pointer whose owner is this
-    // recorder (Tag(i) gives distinct ones) or any pointer registered with Register.
+    // The callback to hand the library with user_data Tag(i), a distinct pointer per i.
     static int Callback(int status, _thumb_result* result, void* user_data);
-    // A distinct user pointer routed to this recorder.
     void* Tag(int i);
 
     bool WaitForCount(size_t n, std::chrono::milliseconds timeout) const;
     size_t Count() const;
     std::vector<RecordedResult> Results() const;
-    // Callbacks delivered per user pointer.
-    std::map<void*, int> PerUser() const;
-    // The results delivered for one user pointer.
-    std::vector<RecordedResult> For(void* tag) const;
+    std::map<void*, int> PerUser() const;  // callbacks per user pointer
+    // The one result for Tag(i); else a test failure and status -99 with empty slots.
+    RecordedResult One(int i) const;
 
-    // One request through thumbnail_request_async under a fresh tag, waited for: its one
-    // result (status -99 and empty slots, and a test failure, when it does not come once).
+    // One request through thumbnail_request_async, waited for: its one result (else a failure).
     RecordedResult Request(const std::string& url, qrb_item_media_type media,
                            qrb_extend_dev_type dev, int width, int height, int useCache = 0,
                            int frames = 1);

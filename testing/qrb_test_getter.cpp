@@ -12,19 +12,12 @@ namespace qrbtest {
 namespace {
 bool StartsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
+// Blank pixels; image i of an item is stamped at (i + 1) seconds.
 boost::intrusive_ptr<CQRBThumbImage> MakeImage(int width, int height, int index) {
-    auto* pixels = static_cast<unsigned char*>(malloc(static_cast<size_t>(width) * height * 4));
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            unsigned char* p = pixels + (static_cast<size_t>(y) * width + x) * 4;
-            p[0] = static_cast<unsigned char>(x);
-            p[1] = static_cast<unsigned char>(y);
-            p[2] = static_cast<unsigned char>(index);
-            p[3] = 255;
-        }
-    }
     boost::intrusive_ptr<CQRBThumbImage> image(new CQRBThumbImage);
-    image->Create(width, height, 4, width * 4, pixels, 1000LL * (index + 1));
+    image->Create(width, height, 4, width * 4,
+                  static_cast<unsigned char*>(calloc(static_cast<size_t>(width) * height, 4)),
+                  1000LL * (index + 1));
     image->SetBufSize(static_cast<long>(width) * height * 4);
     return image;
 }
@@ -50,25 +43,15 @@ boost::intrusive_ptr<CQRBThumbnailItem> ScriptedGetter::m_Run(const std::string&
         return m_Run(script.size() > 5 ? script.substr(5) : "ok:1x1", info);
     }
     if (StartsWith(script, "throw")) throw std::runtime_error("scripted failure");
-    if (StartsWith(script, "fail")) return nullptr;
-    if (StartsWith(script, "preset:")) {
-        auto item = t_PackImage(MakeImage(1, 1, 0));
-        item->SetBufferPreset(script.substr(7).c_str());
-        return item;
-    }
     if (StartsWith(script, "frames")) {
         boost::intrusive_ptr<CQRBThumbnailItem> item(new CQRBThumbnailItem);
         for (int i = 0; i < info.FrameCount; ++i) item->AddImage(MakeImage(1, 1, i));
         item->SetSize(4);
         return item;
     }
-    if (StartsWith(script, "ok")) {
-        int width = 1, height = 1, count = 1;
-        std::sscanf(script.c_str(), "ok:%dx%d:%d", &width, &height, &count);
-        boost::intrusive_ptr<CQRBThumbnailItem> item = t_PackImage(MakeImage(width, height, 0));
-        for (int i = 1; i < count; ++i) item->AddImage(MakeImage(width, height, i));
-        return item;
-    }
+    int width = 1, height = 1;
+    if (std::sscanf(script.c_str(), "ok:%dx%d", &width, &height) == 2)
+        return t_PackImage(MakeImage(width, height, 0));
     return nullptr;
 }
 
@@ -80,12 +63,14 @@ void ScriptedGetter::OpenGate() {
 
 bool ScriptedGetter::WaitForBlocked(int n, int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_Mutex);
-    return m_Cond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_nBlocked >= n; });
+    return m_Cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                           [&] { return m_nBlocked >= n; });
 }
 
 ScriptedGetter* InstallScriptedGetter(qrb_media_thumbnail_type kind) {
     auto* getter = new ScriptedGetter;
-    CQRBThumbFlyWeightFactroy::GetInstance()->Install(kind, std::unique_ptr<CQRBThumbnailGetter>(getter));
+    CQRBThumbFlyWeightFactroy::GetInstance()->Install(kind,
+                                                      std::unique_ptr<CQRBThumbnailGetter>(getter));
     return getter;
 }
 

@@ -1,11 +1,10 @@
 // A getter for the reserved kinds that does what its URL says, so that the workers, the cache
 // and the event path can be exercised before (and independently of) the real getters:
-//   "ok:WxH[:N]"   N images (default 1) of W x H, pixel (x, y) of image i = (x, y, i, 255)
-//   "fail"         a null item
+//   "ok:WxH"       one blank W x H image
 //   "throw"        throws std::runtime_error
 //   "gate[:...]"   waits until the gate opens, then behaves as the rest ("gate:ok:2x2")
-//   "preset:TEXT"  one 1 x 1 image and TEXT as the preset
 //   "frames"       as many 1 x 1 images as the request's frame count
+//   anything else  a null item
 // Requests are counted; the last orientation seen is kept.
 #ifndef QRB_TESTING_GETTER_H
 #define QRB_TESTING_GETTER_H
@@ -31,7 +30,8 @@ public:
     std::atomic<int> lastOrientation{-1};
 
 private:
-    boost::intrusive_ptr<CQRBThumbnailItem> m_Run(const std::string& script, const _stExtractInfo& info);
+    boost::intrusive_ptr<CQRBThumbnailItem> m_Run(const std::string& script,
+                                                  const _stExtractInfo& info);
     std::mutex m_Mutex;
     std::condition_variable m_Cond;
     bool m_bOpen = false;

@@ -1,12 +1,9 @@
-// A misbehaving TCP peer on 127.0.0.1, written on raw sockets so that its faults are exact:
-//  - Silent: accepts connections and never reads or writes (hangs a TLS handshake or an HTTP
-//    response);
-//  - DropMidBody: reads the request, answers 200 with a declared length of 100000 bytes, sends
-//    1000 of them and closes the connection;
-//  - TrickleBody: answers 200 with a declared length of 1000000 bytes and sends one byte every
-//    100 ms for as long as the client stays;
-//  - NeverAccept: a listening socket whose accept queue is already full, so that a new
-//    connection is never established (the peer's kernel drops the handshake).
+// A misbehaving TCP peer on 127.0.0.1, on raw sockets so that its faults are exact:
+//  - Silent: accepts connections and never reads or writes (hangs a TLS handshake or a response);
+//  - DropMidBody: answers 200 declaring 100000 bytes, sends 1000 of them and hangs up;
+//  - TrickleBody: answers 200 declaring 1000000 bytes and sends one byte every 100 ms for as
+//    long as the client stays;
+//  - NeverAccept: its accept queue is already full, so a new connection is never established.
 // Everything is closed and joined by the destructor.
 #ifndef QRB_TESTING_RAW_PEER_H
 #define QRB_TESTING_RAW_PEER_H
@@ -25,26 +22,16 @@ class RawTcpPeer {
 public:
     enum class Behaviour { Silent, DropMidBody, TrickleBody, NeverAccept };
 
-    // Throws std::runtime_error when the socket cannot be set up.
-    explicit RawTcpPeer(Behaviour behaviour);
+    explicit RawTcpPeer(Behaviour behaviour);  // throws std::runtime_error when it cannot listen
     ~RawTcpPeer();
-    RawTcpPeer(const RawTcpPeer&) = delete;
-    RawTcpPeer& operator=(const RawTcpPeer&) = delete;
 
-    int Port() const { return m_Port; }
     // "<scheme>://127.0.0.1:<port><path>".
     std::string Url(const std::string& scheme, const std::string& path) const;
-
-    int Accepted() const;
     bool WaitForAccepted(int n, std::chrono::milliseconds timeout) const;
-    // Body bytes written so far, over all connections.
-    long BodyBytesSent() const { return m_BodyBytes.load(); }
+    long BodyBytesSent() const { return m_BodyBytes.load(); }  // over all connections
 
 private:
-    void m_AcceptLoop();
     void m_Serve(int fd);
-    bool m_ReadRequestHead(int fd);
-    bool m_SendAll(int fd, const std::string& bytes);
 
     Behaviour m_Behaviour;
     int m_ListenFd = -1;
@@ -52,7 +39,6 @@ private:
     std::atomic<bool> m_bStop{false};
     std::atomic<long> m_BodyBytes{0};
     std::thread m_Acceptor;
-
     mutable std::mutex m_Mutex;
     mutable std::condition_variable m_Cond;
     int m_Accepted = 0;
@@ -60,6 +46,8 @@ private:
     std::vector<std::thread> m_Workers;
 };
 
+// A socket bound to a free port of 127.0.0.1, not yet listening; throws std::runtime_error.
+int BoundLoopbackSocket(int* port);
 // A loopback port on which nothing listens (bound, then released).
 int UnusedLoopbackPort();
 

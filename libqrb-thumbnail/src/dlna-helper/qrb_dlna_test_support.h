@@ -1,65 +1,43 @@
-// MTA files for the DLNA tests: chapters with a JPEG of their own (or none) and a start time,
-// written as the XML a DLNA server offers.
+// MTA files for the DLNA tests: n chapters with a JPEG each, starting a minute apart.
 #ifndef QRB_DLNA_TEST_SUPPORT_H
 #define QRB_DLNA_TEST_SUPPORT_H
 
-#include "dlna-helper/qrb_dlna_base64.h"
-
 #include "qrb_test_jpeg_writer.h"
+
+#include <openssl/evp.h>
 
 #include <string>
 #include <vector>
 
 namespace qrbdlnatest {
 
-struct Chapter {
-    std::string picture;    // JPEG bytes; empty: the segment has no "KeyFrame"
-    std::string timePoint;  // empty: the segment has no "MediaPosition"
-};
-
-// What a picture decodes back to: the decoder folds "=" in as the value 255, so after one last
-// byte "==" adds 0x0F and 0xFF, after two "=" adds 0xFF.
+// What a picture decodes back to: "=" is folded in as 255, so after one last byte "==" adds
+// 0x0F and 0xFF, after two "=" adds 0xFF.
 inline std::string Decoded(const std::string& jpeg) {
     const char* tail[] = {"", "\x0F\xFF", "\xFF"};
     return jpeg + tail[jpeg.size() % 3];
 }
 
-// n chapters, each with a picture of its own colour and size, starting a minute apart.
-inline std::vector<Chapter> PictureChapters(int n) {
-    std::vector<Chapter> chapters;
-    for (int i = 0; i < n; ++i) {
-        qrbtest::JpegSpec spec;
-        spec.width = 32 + 8 * i;
-        spec.height = 24 + 2 * i;
-        spec.color = {static_cast<uint8_t>(40 * i), 90, static_cast<uint8_t>(200 - 30 * i)};
-        chapters.push_back({qrbtest::MakeJpeg(spec), std::to_string(60000 * i)});
-    }
-    return chapters;
+inline std::vector<std::string> ChapterPictures(int n) {
+    std::vector<std::string> pictures;
+    for (int i = 0; i < n; ++i) pictures.push_back(qrbtest::GradientJpeg(32 + 8 * i, 24 + 2 * i));
+    return pictures;
 }
 
-// The MTA document of chapters; extra goes into "Chaptering" before the first segment.
-inline std::string MtaXml(const std::vector<Chapter>& chapters, const std::string& extra = "") {
+// The MTA document of the pictures; extra goes into "Chaptering" before the first segment.
+inline std::string MtaXml(const std::vector<std::string>& pictures, const std::string& extra = "") {
     std::string xml =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<MediaInformation>\n"
-        "<ContentInformation><Chaptering>\n" +
-        extra;
-    for (const Chapter& c : chapters) {
-        xml += "<ChapterSegment>";
-        if (!c.picture.empty()) {
-            std::string bytes = c.picture;
-            signed char* text = nullptr;
-            const unsigned long n = QRBDlnaBase64EnDecoder().EncodeBase64(
-                reinterpret_cast<unsigned char*>(&bytes[0]), bytes.size(), &text);
-            xml += "<KeyFrame><InlineMedia>" + std::string(reinterpret_cast<char*>(text), n) +
-                   "</InlineMedia></KeyFrame>";
-            delete[] text;
-        }
-        if (!c.timePoint.empty()) {
-            xml += "<MediaPosition><MediaTime timePoint=\"" + c.timePoint + "\"/></MediaPosition>";
-        }
-        xml += "</ChapterSegment>\n";
+        "<?xml version=\"1.0\"?>\n<MediaInformation><ContentInformation><Chaptering>" + extra;
+    for (size_t i = 0; i < pictures.size(); ++i) {
+        std::string text(pictures[i].size() * 4 / 3 + 4, '\0');
+        text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
+                                    reinterpret_cast<const unsigned char*>(pictures[i].data()),
+                                    static_cast<int>(pictures[i].size())));
+        xml += "<ChapterSegment><KeyFrame><InlineMedia>" + text +
+               "</InlineMedia></KeyFrame><MediaPosition><MediaTime timePoint=\"" +
+               std::to_string(60000 * i) + "\"/></MediaPosition></ChapterSegment>\n";
     }
-    return xml + "</Chaptering></ContentInformation>\n</MediaInformation>\n";
+    return xml + "</Chaptering></ContentInformation></MediaInformation>\n";
 }
 
 }  // namespace qrbdlnatest

@@ -1,12 +1,13 @@
-// The DLNA getter through the C interface: a DLNA item (media 6 on an ordinary device) routes to
-// kind 10 on the multi variant, whose worker downloads the item's MTA file from 127.0.0.1 to the
-// local path the URI names and answers with the five chapter pictures still encoded.
+// The DLNA getter through the C interface: the item's MTA file is downloaded from 127.0.0.1 to
+// the local path its URI names and the five chapter pictures come back still encoded.
 #include "dlna-helper/qrb_dlna_test_support.h"
 #include "qrb_thumbnail.h"
 
 #include "qrb_test_callbacks.h"
 #include "qrb_test_http_server.h"
+#include "qrb_test_files.h"
 #include "qrb_test_log.h"
+#include "qrb_test_raw_peer.h"
 #include "qrb_test_root.h"
 
 #include <gtest/gtest.h>
@@ -19,21 +20,22 @@ namespace {
 
 using namespace qrbdlnatest;
 
-// Five chapters arrive as their JPEG bytes with their start times. Six chapters, a failed
-// download and a URI of two fields (an exception inside the getter) each fail with one callback.
+// Six chapters, a URI of two fields and a failed download (missing, endless, cut short, a
+// redirect loop, another scheme) each fail with one callback; a failed download keeps the file
+// already there and leaves no temporary one. Each download waits for its own end.
 TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
     qrbtest::ScratchRoot root;
     qrbtest::LogCapture log;
     qrbtest::CallbackRecorder recorder;
     qrbtest::LoopbackHttpServer server;
-    const std::vector<Chapter> chapters = PictureChapters(5);
-    for (const auto& [path, body] : {std::make_pair("/five.mta", MtaXml(chapters)),
-                                     std::make_pair("/six.mta", MtaXml(PictureChapters(6)))}) {
+    const std::vector<std::string> pictures = ChapterPictures(5);
+    const std::string padding = "<Note>" + std::string(150000, 'n') + "</Note>";
+    for (const auto& [path, body] : {std::make_pair("/five.mta", MtaXml(pictures, padding)),
+                                     std::make_pair("/six.mta", MtaXml(ChapterPictures(6)))}) {
         server.Http().Get(path, [body = body](const httplib::Request&, httplib::Response& res) {
             res.set_content(body, "text/xml");
         });
     }
-    // A media server that misbehaves: a side file that never ends, a redirect to itself.
     server.Http().Get("/endless.mta", [](const httplib::Request&, httplib::Response& res) {
         res.set_chunked_content_provider("text/xml", [](size_t, httplib::DataSink& sink) {
             const std::string chunk(1 << 16, '<');
@@ -46,7 +48,6 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
     ASSERT_TRUE(server.Start());
     mkdir(root.Resolve("/dlna").c_str(), 0700);
     ASSERT_EQ(thumbnail_init(), 0);
-    // "local path;remote URI;MIME type".
     auto uri = [&](const std::string& name, bool mime = true) {
         return root.Resolve("/dlna/" + name) + ";" + server.Url("/" + name) +
                (mime ? ";text/xml" : "");
@@ -56,30 +57,38 @@ TEST(DlnaGetterTest, FiveChaptersArriveAsJpegBytesAndAnythingElseFailsOnce) {
     };
 
     const qrbtest::RecordedResult r = request(uri("five.mta"));
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.count, 5);
+    ASSERT_EQ(r.count, 5);
     for (int i = 0; i < 5; ++i) {
-        EXPECT_TRUE(r.buffers[i] == Decoded(chapters[i].picture)) << "chapter " << i;
+        EXPECT_TRUE(r.buffers[i] == Decoded(pictures[i])) << "chapter " << i;
         EXPECT_EQ(r.timestamps[i], 60000LL * i) << i;
     }
     EXPECT_TRUE(log.Contains("MtaDownload param: uri[" + server.Url("/five.mta") +
                              "] , mimetype[text/xml] , dlpath[" + root.Resolve("/dlna/five.mta") +
                              "]"));
-
+    qrbtest::RawTcpPeer dropper(qrbtest::RawTcpPeer::Behaviour::DropMidBody);
+    const char* kept[] = {"missing.mta", "endless.mta", "drop.mta", "loop.mta", "ftp.mta"};
+    for (const char* name : kept) root.WriteFile(std::string("dlna/") + name, "old");
     const std::pair<std::string, const char*> failing[] = {
         {uri("six.mta"), "decode dlnamta file fail"},
+        {uri("five.mta", false), "Exception caught"},
         {uri("missing.mta"), "download dlnamta file fail"},
         {uri("endless.mta"), "download dlnamta file fail"},
+        {root.Resolve("/dlna/drop.mta;") + dropper.Url("http", "/") + ";text/xml",
+         "download dlnamta file fail"},
         {uri("loop.mta"), "download dlnamta file fail"},
-        {uri("five.mta", false), "Exception caught"}};
+        {root.Resolve("/dlna/ftp.mta;ftp://127.0.0.1/ftp.mta;text/xml"),
+         "download dlnamta file fail"}};
     for (const auto& [u, message] : failing) {
         log.Clear();
         EXPECT_EQ(request(u).status, -1) << u;
         EXPECT_TRUE(log.Contains(message)) << u;
     }
+    EXPECT_EQ(request(uri("five.mta")).count, 5);
     thumbnail_finalize();
-    EXPECT_EQ(recorder.Count(), 6u) << "exactly one callback each";
-    EXPECT_EQ(root.CountEntries("/dlna"), 2) << "the side files that came whole, nothing more";
+    EXPECT_EQ(recorder.Count(), 9u) << "exactly one callback each";
+    for (const char* name : kept)
+        EXPECT_EQ(qrbtest::ReadFileBytes(root.Resolve("/dlna/") + name), "old");
+    EXPECT_EQ(root.CountEntries("/dlna"), 7) << "a temporary file was left behind";
 }
 
 }  // namespace
