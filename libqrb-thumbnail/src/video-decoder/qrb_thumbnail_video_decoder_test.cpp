@@ -120,7 +120,7 @@ std::string TurnedQuadrants(const qrbtest::ScratchRoot& root, int a, int b, int 
     const int values[] = {a, b, 0, c, d};
     for (int i = 0; i < 5; ++i) {
         mp4.replace(matrix + 4 * i, 4,
-                    qrbtest::BigEndian(static_cast<uint32_t>(values[i] << 16), 4));
+                    qrbtest::BigEndian(static_cast<uint32_t>(values[i]) << 16, 4));
     }
     return root.WriteFile("turned.mp4", mp4);
 }
