@@ -78,7 +78,7 @@ soak: deps build-asan/CMakeCache.txt build-tsan/CMakeCache.txt
 # Memcheck's own memory counts in the process, so memory bounds are checked as under sanitizers.
 build-valgrind/CMakeCache.txt:
 	cmake -S . -B build-valgrind $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) \
-	  -DCMAKE_CXX_FLAGS=-DQRB_SANITIZED=1 \
+	  -DQRB_MEMCHECK=ON \
 	  "-DCMAKE_CROSSCOMPILING_EMULATOR=valgrind;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite;--suppressions=$(CURDIR)/reliability/valgrind.supp;--quiet"
 
 valgrind: deps build-valgrind/CMakeCache.txt

@@ -15,7 +15,7 @@ namespace {
 
 using namespace qrbpicturetest;
 
-// Under sanitizers (shadow memory, freed blocks kept) only the growth counts, with room.
+// Under sanitizers or memcheck (shadow memory, freed blocks kept) only the growth counts, with room.
 constexpr long kBoundKb = 128 * 1024;
 constexpr long kSlack = QRB_SANITIZED ? 8 : 1;
 
