@@ -169,6 +169,7 @@ struct BindCase {
     bool ready;
     const char* logged;
 };
+void PrintTo(const BindCase& c, std::ostream* os) { *os << c.name; }
 
 class BindingTest : public VideoDecoderTest, public ::testing::WithParamInterface<BindCase> {};
 
