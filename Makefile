@@ -74,7 +74,7 @@ soak: deps build-asan/CMakeCache.txt build-tsan/CMakeCache.txt
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 reliability/soak.sh build-tsan $(SOAK_SECONDS)
 
 # Not in CI: every test case of the plain suite under valgrind's memcheck (the test programs run
-# through it as through an emulator), failing on any error or definite leak. A few minutes on two processors.
+# through it as through an emulator), failing on any error or definite leak. A few minutes.
 # Memcheck's own memory counts in the process, so memory bounds are checked as under sanitizers.
 build-valgrind/CMakeCache.txt:
 	cmake -S . -B build-valgrind $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) \
