@@ -155,20 +155,25 @@ std::string QuadrantJpeg(int width, int height) {
     return MakeJpeg({width, height, 95, JpegPattern::kQuadrants});
 }
 
-bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
+size_t JpegFrameHeader(const std::string& jpeg) {
     const auto at = [&](size_t i) { return static_cast<uint8_t>(jpeg[i]); };
-    if (jpeg.size() < 4 || at(0) != 0xFF || at(1) != 0xD8) return false;
+    if (jpeg.size() < 4 || at(0) != 0xFF || at(1) != 0xD8) return std::string::npos;
     for (size_t i = 2; i + 4 <= jpeg.size() && at(i) == 0xFF;) {
         const size_t length = at(i + 2) << 8 | at(i + 3);
-        if (at(i + 1) >= 0xC0 && at(i + 1) <= 0xC2 && i + 9 <= jpeg.size()) {
-            *height = at(i + 5) << 8 | at(i + 6);
-            *width = at(i + 7) << 8 | at(i + 8);
-            return true;
-        }
-        if (at(i + 1) == 0xDA || length < 2) return false;
+        if (at(i + 1) >= 0xC0 && at(i + 1) <= 0xC2 && i + 9 <= jpeg.size()) return i;
+        if (at(i + 1) == 0xDA || length < 2) break;
         i += 2 + length;
     }
-    return false;
+    return std::string::npos;
+}
+
+bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height) {
+    const size_t sof = JpegFrameHeader(jpeg);
+    if (sof == std::string::npos) return false;
+    const auto at = [&](size_t i) { return static_cast<uint8_t>(jpeg[sof + i]); };
+    *height = at(5) << 8 | at(6);
+    *width = at(7) << 8 | at(8);
+    return true;
 }
 
 }  // namespace qrbtest

@@ -47,7 +47,10 @@ std::string GradientJpeg(int width, int height);
 std::string QuadrantJpeg(int width, int height);
 // The APP1 segment MakeJpeg writes (marker and length included) with thumbnail as IFD1's JPEG.
 std::string ExifSegment(const JpegSpec& spec, const std::string& thumbnail);
-// Width and height from a JPEG's first frame header (SOF0 to SOF2); false when there is none.
+// Where a JPEG's first frame header (SOF0 to SOF2) starts, walking its segments (so never one
+// inside an APP segment's thumbnail); npos when there is none.
+size_t JpegFrameHeader(const std::string& jpeg);
+// Width and height from that frame header; false when there is none.
 bool JpegFrameSize(const std::string& jpeg, uint32_t* width, uint32_t* height);
 
 }  // namespace qrbtest

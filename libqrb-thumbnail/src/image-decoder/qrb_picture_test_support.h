@@ -3,6 +3,7 @@
 #define QRB_PICTURE_TEST_SUPPORT_H
 
 #include "qrb_test_files.h"
+#include "qrb_test_jpeg_writer.h"
 #include "qrb_test_picture.h"
 #include "qrb_test_root.h"
 
@@ -21,18 +22,11 @@ inline std::string Fixture(const std::string& name) {
     return std::string("file://") + QRB_FORMAT_FIXTURE_DIR + "/" + name;
 }
 
-// The JPEG with its first SOF0/SOF2 outside APPn segments (where thumbnails live) saying w x h.
+// The JPEG with its frame header (not an APP segment's thumbnail's) saying w x h.
 inline std::string JpegDeclaring(std::string bytes, int w, int h) {
-    for (size_t i = 2; i + 9 < bytes.size(); ++i) {
-        const unsigned char a = bytes[i], b = bytes[i + 1];
-        if (a == 0xFF && (b == 0xC0 || b == 0xC2)) {
-            return bytes.replace(i + 5, 4, qrbtest::BigEndian(h, 2) + qrbtest::BigEndian(w, 2));
-        }
-        if (a == 0xFF && b >= 0xE0 && b <= 0xFE)
-            i += 1 + ((static_cast<unsigned char>(bytes[i + 2]) << 8) |
-                      static_cast<unsigned char>(bytes[i + 3]));
-    }
-    return std::string();
+    const size_t sof = qrbtest::JpegFrameHeader(bytes);
+    if (sof == std::string::npos) return std::string();
+    return bytes.replace(sof + 5, 4, qrbtest::BigEndian(h, 2) + qrbtest::BigEndian(w, 2));
 }
 
 // A BMP with a 40-byte info header, a grey palette up to 8 bits, data, sizes left 0 (unknown).
