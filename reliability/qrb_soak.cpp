@@ -254,7 +254,7 @@ public:
         // Every item once first, in every size, so that what the libraries set up on first use
         // (codec tables, decoders' pools) is there before anything is measured.
         for (size_t i = 0; i < m_Items.size(); ++i) {
-            for (int side = 1; side <= 4; ++side) m_Post(i, side);
+            for (int side = 1; side <= 4; ++side) m_Post(i, side, side);
         }
         const auto start = Clock::now();
         const auto end = start + std::chrono::seconds(m_Options.seconds);
@@ -307,12 +307,14 @@ private:
 
     void m_Post() {
         std::uniform_int_distribution<int> side(1, 4);
-        m_Post(m_Pick(), side(m_Random));
+        const size_t index = m_Pick();
+        const int across = side(m_Random);
+        m_Post(index, across, side(m_Random));
     }
 
-    // A request for item at (80 x 60) x scale, now and then from the cache, with 1 to 4
+    // A request for item at 80 x across by 60 x down, now and then from the cache, with 1 to 4
     // frames, and for a web item now and then in the buffer form.
-    void m_Post(size_t index, int scale) {
+    void m_Post(size_t index, int across, int down) {
         // The application keeps at most 48 requests waiting, as a grid of thumbnails would.
         if (!Oracle::Get().WaitUntilFewerOwed(48, 120s)) {
             Oracle::Get().Fail("48 requests unanswered for two minutes");
@@ -320,8 +322,8 @@ private:
         }
         const Item& item = m_Items[index];
         std::uniform_int_distribution<int> side(1, 4);
-        const int width = 80 * scale;
-        const int height = 60 * scale;
+        const int width = 80 * across;
+        const int height = 60 * down;
         const int cache = side(m_Random) == 1;
         const unsigned char frames = static_cast<unsigned char>(side(m_Random));
         void* user = Oracle::Get().Post(index);
